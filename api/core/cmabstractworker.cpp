@@ -1,0 +1,3 @@
+#include "cmabstractworker.h"
+
+CMAbstractWorker::~CMAbstractWorker() = default;

@@ -1,0 +1,68 @@
+#ifndef VELA_DBGLOG_H
+#define VELA_DBGLOG_H
+
+#include "vela_api_export.h"
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loglevel.h>
+
+#include <QString>
+
+#include <ostream>
+#include <sstream>
+#include <string>
+
+/*
+ * Logging helpers shared by the platform API and the power handler.
+ *
+ * Everything logs to one log4cplus logger, "PowerManager", obtained when
+ * libvela_api is loaded. Each record carries the source file (relative to the
+ * source tree), the line, and the full signature of the logging function as
+ * GCC's __PRETTY_FUNCTION__ spells it; a message is only built when its level
+ * is enabled for the logger.
+ */
+
+namespace vela {
+// The "PowerManager" logger. Valid from the moment the library is loaded.
+VELA_API_EXPORT log4cplus::Logger& powerManagerLogger();
+} // namespace vela
+
+/*
+ * The text placed between "Enter "/"Leave " and ": " in entry and leave
+ * lines: the logger name in brackets followed by the function's qualified
+ * name with empty parentheses, without return type, parameter list or
+ * qualifiers. "bool PowerNode::isEnabled() const" with "PowerManager" gives
+ * "[PowerManager] PowerNode::isEnabled()", so an entry line reads
+ * "Enter [PowerManager] PowerNode::isEnabled(): A disabled". Parameters are
+ * left out on purpose: the record's function field already carries the full
+ * signature, and the short form keeps entry lines readable.
+ */
+VELA_API_EXPORT std::string dbglog_scopedFunction(const std::string& signature, const std::string& loggerName);
+
+// How names and other Qt strings reach the log: UTF-8 text.
+VELA_API_EXPORT std::ostream& operator<<(std::ostream& stream, const QString& text);
+
+#define VELA_LOG_AT(level, message)                                                             \
+    do {                                                                                        \
+        log4cplus::Logger& vela_logger_ = ::vela::powerManagerLogger();                         \
+        if (vela_logger_.isEnabledFor(level)) {                                                 \
+            std::ostringstream vela_stream_;                                                    \
+            vela_stream_ << message;                                                            \
+            vela_logger_.forcedLog(level, vela_stream_.str(), __FILE__, __LINE__,               \
+                                   __PRETTY_FUNCTION__);                                        \
+        }                                                                                       \
+    } while (false)
+
+#define VELA_TRACE(message) VELA_LOG_AT(log4cplus::TRACE_LOG_LEVEL, message)
+#define VELA_DEBUG(message) VELA_LOG_AT(log4cplus::DEBUG_LOG_LEVEL, message)
+#define VELA_INFO(message) VELA_LOG_AT(log4cplus::INFO_LOG_LEVEL, message)
+#define VELA_ERROR(message) VELA_LOG_AT(log4cplus::ERROR_LOG_LEVEL, message)
+#define VELA_FATAL(message) VELA_LOG_AT(log4cplus::FATAL_LOG_LEVEL, message)
+
+// Entry and leave lines: "Enter "/"Leave " + scoped text + ": " + tail.
+#define VELA_TRACE_ENTER(signature, tail) \
+    VELA_TRACE("Enter " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
+#define VELA_TRACE_LEAVE(signature, tail) \
+    VELA_TRACE("Leave " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
+
+#endif

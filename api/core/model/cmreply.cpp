@@ -1,0 +1,389 @@
+#include "cmreply.h"
+
+#include <QCoreApplication>
+#include <QThread>
+
+#include <deque>
+#include <vector>
+#include <memory>
+
+namespace {
+
+/*
+ * The object that stands for a thread when a watcher has no context: queued
+ * deliveries are posted to it so that they run on the thread that added the
+ * watcher. One per thread, created on that thread on first use and destroyed
+ * when the thread ends (pending deliveries to it are then dropped).
+ */
+QObject* threadAnchor()
+{
+    thread_local std::unique_ptr<QObject> anchor;
+    if (!anchor)
+        anchor.reset(new QObject);
+    return anchor.get();
+}
+
+struct DueWatcher {
+    CMReplyWatcher* watcher;
+    CMVoidReply reply;
+};
+
+/*
+ * The per-thread drain loop. Only the outermost completion on a thread runs
+ * watchers; completions that happen while it runs append to its queue. This
+ * is what keeps long synchronous chains from growing the stack.
+ */
+struct DrainLoop {
+    bool running = false;
+    std::deque<DueWatcher> due;
+};
+
+DrainLoop& drainLoop()
+{
+    thread_local DrainLoop loop;
+    return loop;
+}
+
+void runWatcher(CMReplyWatcher* watcher, const CMVoidReply& reply)
+{
+    // A watcher bound to a context object is dropped once the context is gone.
+    if (!watcher->hasReceiver() || watcher->receiver())
+        watcher->finished(reply);
+    delete watcher;
+}
+
+void runOnThisThread(CMReplyWatcher* watcher, const CMVoidReply& reply)
+{
+    DrainLoop& loop = drainLoop();
+    loop.due.push_back(DueWatcher{watcher, reply});
+    if (loop.running)
+        return;
+    loop.running = true;
+    while (!loop.due.empty()) {
+        DueWatcher next = std::move(loop.due.front());
+        loop.due.pop_front();
+        runWatcher(next.watcher, next.reply);
+    }
+    loop.running = false;
+}
+
+void postToReceiverThread(CMReplyWatcher* watcher, QObject* receiver, const CMVoidReply& reply)
+{
+    // Owned by the posted call until it runs: if the receiver dies before the
+    // event is delivered, Qt destroys the call and with it the watcher.
+    auto owned = std::make_shared<std::unique_ptr<CMReplyWatcher>>(watcher);
+    QMetaObject::invokeMethod(
+        receiver, [owned, reply]() { runOnThisThread(owned->release(), reply); }, Qt::QueuedConnection);
+}
+
+void deliverOne(CMReplyWatcher* watcher, const CMVoidReply& reply)
+{
+    QObject* receiver = watcher->receiver();
+    if (watcher->hasReceiver() && !receiver) {
+        delete watcher;
+        return;
+    }
+    switch (watcher->connectionType() & 0x0f) {
+    case Qt::DirectConnection:
+        runOnThisThread(watcher, reply);
+        return;
+    case Qt::QueuedConnection:
+    case Qt::BlockingQueuedConnection:
+        postToReceiverThread(watcher, receiver, reply);
+        return;
+    default:
+        if (receiver->thread() == QThread::currentThread())
+            runOnThisThread(watcher, reply);
+        else
+            postToReceiverThread(watcher, receiver, reply);
+        return;
+    }
+}
+
+} // namespace
+
+// --- CMReplyWatcher --------------------------------------------------------
+
+CMReplyWatcher::CMReplyWatcher(QObject* context, Qt::ConnectionType type)
+    : m_needsReceiver(context != nullptr || (type & 0x0f) != Qt::DirectConnection)
+    , m_type(type)
+{
+    if (context)
+        m_receiver = context;
+    else if (m_needsReceiver)
+        m_receiver = threadAnchor();
+}
+
+CMReplyWatcher::~CMReplyWatcher() = default;
+
+CMFunctionWatcher::CMFunctionWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
+                                     Qt::ConnectionType type)
+    : CMReplyWatcher(context, type)
+    , m_function(std::move(function))
+{
+}
+
+void CMFunctionWatcher::finished(const CMVoidReply& reply)
+{
+    if (m_function)
+        m_function(reply);
+}
+
+// --- CMReplyAbstractData ---------------------------------------------------
+
+CMReplyAbstractData::CMReplyAbstractData()
+    : m_ref(0)
+    , m_finished(false)
+{
+}
+
+CMReplyAbstractData::~CMReplyAbstractData()
+{
+    // Watchers of a reply that never finished are released unrun.
+    qDeleteAll(m_watchers);
+}
+
+bool CMReplyAbstractData::waitForFinished(unsigned long time)
+{
+    QMutexLocker locker(&m_mutex);
+    while (!m_finished) {
+        if (!m_condition.wait(&m_mutex, time))
+            return m_finished;
+    }
+    return true;
+}
+
+bool CMReplyAbstractData::isFinished() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_finished;
+}
+
+CMError CMReplyAbstractData::error() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_error;
+}
+
+void CMReplyAbstractData::finishWithError(const CMError& error)
+{
+    QList<CMReplyWatcher*> watchers;
+    {
+        QMutexLocker locker(&m_mutex);
+        if (m_finished)
+            return;
+        m_error = error;
+        watchers = finishLocked();
+    }
+    deliver(watchers);
+}
+
+void CMReplyAbstractData::finishWithoutValue()
+{
+    QList<CMReplyWatcher*> watchers;
+    {
+        QMutexLocker locker(&m_mutex);
+        if (m_finished)
+            return;
+        watchers = finishLocked();
+    }
+    deliver(watchers);
+}
+
+void CMReplyAbstractData::addWatcher(CMReplyWatcher* watcher)
+{
+    {
+        QMutexLocker locker(&m_mutex);
+        if (!m_finished) {
+            m_watchers.append(watcher);
+            return;
+        }
+    }
+    deliverOne(watcher, CMVoidReply(this));
+}
+
+QList<CMReplyWatcher*> CMReplyAbstractData::finishLocked()
+{
+    m_finished = true;
+    m_condition.wakeAll();
+    QList<CMReplyWatcher*> watchers;
+    watchers.swap(m_watchers);
+    return watchers;
+}
+
+void CMReplyAbstractData::deliver(const QList<CMReplyWatcher*>& watchers)
+{
+    if (watchers.isEmpty())
+        return;
+    // The handle keeps the data alive while its watchers run, even when the
+    // last outside handle is dropped by one of them.
+    const CMVoidReply self(this);
+    for (CMReplyWatcher* watcher : watchers)
+        deliverOne(watcher, self);
+}
+
+// --- CMVoidReply -----------------------------------------------------------
+
+CMVoidReply::CMVoidReply(CMReplyAbstractData* data)
+    : m_d(data)
+{
+    if (m_d)
+        m_d->m_ref.ref();
+}
+
+CMVoidReply::CMVoidReply(const CMVoidReply& other)
+    : m_d(other.m_d)
+{
+    if (m_d)
+        m_d->m_ref.ref();
+}
+
+CMVoidReply& CMVoidReply::operator=(const CMVoidReply& other)
+{
+    CMVoidReply copy(other);
+    std::swap(m_d, copy.m_d);
+    return *this;
+}
+
+CMVoidReply& CMVoidReply::operator=(CMVoidReply&& other) noexcept
+{
+    std::swap(m_d, other.m_d);
+    return *this;
+}
+
+CMVoidReply::~CMVoidReply()
+{
+    if (m_d && !m_d->m_ref.deref())
+        delete m_d;
+}
+
+bool CMVoidReply::isFinished() const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    return m_d->isFinished();
+}
+
+CMError CMVoidReply::error() const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    return m_d->error();
+}
+
+void CMVoidReply::setError(const CMError& error) const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    m_d->finishWithError(error);
+}
+
+bool CMVoidReply::waitForFinished(unsigned long time) const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    return m_d->waitForFinished(time);
+}
+
+void CMVoidReply::addWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
+                             Qt::ConnectionType type) const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    m_d->addWatcher(new CMFunctionWatcher(context, std::move(function), type));
+}
+
+QString CMVoidReply::ErrorTimeout()
+{
+    return QStringLiteral("The operation timed out");
+}
+
+namespace {
+
+// Counts the joined replies down; the last one to finish completes the join.
+// A joined reply is recorded only once it has finished, so that a join never
+// keeps an unfinished reply (and the watcher that points back here) alive.
+class JoinState
+{
+public:
+    JoinState(int count, const CMReply<QList<CMVoidReply>>& result)
+        : m_remaining(count)
+        , m_finished(static_cast<std::size_t>(count))
+        , m_result(result)
+    {
+    }
+
+    void replyFinished(int index, const CMVoidReply& reply)
+    {
+        m_finished[static_cast<std::size_t>(index)] = reply;
+        if (!m_remaining.deref())
+            complete();
+    }
+
+private:
+    void complete()
+    {
+        QList<CMVoidReply> replies;
+        replies.reserve(static_cast<int>(m_finished.size()));
+        const CMError* firstError = nullptr;
+        CMError error;
+        for (const CMVoidReply& reply : m_finished) {
+            replies.append(reply);
+            if (!firstError && !!reply) {
+                error = reply.error();
+                if (error.isError())
+                    firstError = &error;
+            }
+        }
+        if (firstError)
+            static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())->finishWithValueAndError(replies, error);
+        else
+            m_result.setValue(replies);
+    }
+
+    QAtomicInt m_remaining;
+    std::vector<CMVoidReply> m_finished;
+    const CMReply<QList<CMVoidReply>> m_result;
+};
+
+} // namespace
+
+CMReply<QList<CMVoidReply>> CMVoidReply::whenAllFinished(const QList<CMVoidReply>& replies)
+{
+    CMReply<QList<CMVoidReply>> result;
+    if (replies.isEmpty()) {
+        result.setValue(replies);
+        return result;
+    }
+    auto join = std::make_shared<JoinState>(replies.size(), result);
+    for (int index = 0; index < replies.size(); ++index) {
+        const CMVoidReply& reply = replies.at(index);
+        if (!reply)
+            join->replyFinished(index, reply);
+        else
+            reply.addWatcher(
+                nullptr, [join, index](const CMVoidReply& finished) { join->replyFinished(index, finished); },
+                Qt::DirectConnection);
+    }
+    return result;
+}
+
+// --- CMReply<void> ---------------------------------------------------------
+
+CMReply<void>::CMReply()
+    : CMVoidReply(new CMReplyAbstractData)
+{
+}
+
+void CMReply<void>::setValue() const
+{
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    m_d->finishWithoutValue();
+}
+
+void CMReply<void>::onFinished(Function function, Qt::ConnectionType type) const
+{
+    onFinished(nullptr, std::move(function), type);
+}
+
+void CMReply<void>::onFinished(QObject* context, Function function, Qt::ConnectionType type) const
+{
+    addWatcher(
+        context, [function = std::move(function)](const CMVoidReply& reply) { function(CMReply<void>(reply)); },
+        type);
+}

@@ -1,0 +1,301 @@
+#ifndef VELA_CMREPLY_H
+#define VELA_CMREPLY_H
+
+#include "cmerror.h"
+#include "vela_api_export.h"
+#include "velaassert.h"
+
+#include <QAtomicInt>
+#include <QList>
+#include <QMetaType>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QObject>
+#include <QPointer>
+#include <QVariant>
+#include <QWaitCondition>
+
+#include <climits>
+#include <functional>
+#include <utility>
+
+/*
+ * Asynchronous replies.
+ *
+ * A reply is a handle (CMVoidReply, CMReply<T>) on shared, reference-counted
+ * reply data. Whoever holds a handle can attach continuations, read the
+ * outcome or finish the reply. A reply is finished once: the first value or
+ * error wins, later ones are dropped without a trace.
+ *
+ * Delivery of continuations ("watchers"):
+ *  - Each watcher runs exactly once, in the order in which the watchers of a
+ *    reply were added, outside the reply's lock: it may attach further
+ *    continuations or finish other replies.
+ *  - A watcher belongs to a thread: the thread of its context object, or,
+ *    without context, the thread that added it.
+ *  - Qt::AutoConnection: when the reply finishes on the watcher's thread the
+ *    watcher runs at once on that thread; otherwise it is posted to that
+ *    thread's event loop. Qt::QueuedConnection (and BlockingQueuedConnection,
+ *    which is treated as queued) always posts. Qt::DirectConnection runs on
+ *    whatever thread finishes the reply.
+ *  - A watcher added to a reply that has finished already is delivered at
+ *    once by the same rules, as if the reply finished at that moment.
+ *  - "At once" goes through a per-thread drain loop: the first completion on
+ *    a thread runs the due watchers in order, and completions caused by them
+ *    only queue their watchers behind, to be run by that same loop. A chain
+ *    of continuations that finish each other synchronously therefore runs in
+ *    constant stack depth, however long it is. When a continuation is
+ *    attached or a reply finished from inside a running watcher, its own
+ *    watchers run after the current watcher returns, not in the middle of it.
+ *  - A watcher whose context object is destroyed before it runs is dropped,
+ *    as are posted watchers whose thread has ended. A continuation must not
+ *    spin a nested event loop waiting for a reply that is finished by a
+ *    direct call on the same thread: that completion waits for the running
+ *    watcher to return.
+ *
+ * A reply may be finished from any thread; the mutex guards the finished
+ * flag, the value, the error and the watcher list, and waitForFinished()
+ * blocks on the wait condition.
+ */
+
+class CMVoidReply;
+template <typename T>
+class CMReply;
+
+// One continuation of a reply. The reply owns it until it has been run.
+class VELA_API_EXPORT CMReplyWatcher
+{
+public:
+    CMReplyWatcher(QObject* context, Qt::ConnectionType type);
+    virtual ~CMReplyWatcher();
+    CMReplyWatcher(const CMReplyWatcher&) = delete;
+    CMReplyWatcher& operator=(const CMReplyWatcher&) = delete;
+
+    // Called once, on the thread chosen by the delivery rules above.
+    virtual void finished(const CMVoidReply& reply) = 0;
+
+    // Delivery bookkeeping, used by the reply data.
+    QObject* receiver() const { return m_receiver.data(); }
+    bool hasReceiver() const { return m_needsReceiver; }
+    Qt::ConnectionType connectionType() const { return m_type; }
+
+private:
+    QPointer<QObject> m_receiver;
+    bool m_needsReceiver;
+    Qt::ConnectionType m_type;
+};
+
+class VELA_API_EXPORT CMReplyAbstractData
+{
+public:
+    CMReplyAbstractData();
+    virtual ~CMReplyAbstractData();
+    CMReplyAbstractData(const CMReplyAbstractData&) = delete;
+    CMReplyAbstractData& operator=(const CMReplyAbstractData&) = delete;
+
+    // Blocks until the reply has finished or `time` milliseconds have passed;
+    // ULONG_MAX waits without limit. Returns whether the reply has finished.
+    bool waitForFinished(unsigned long time = ULONG_MAX);
+
+    bool isFinished() const;
+    CMError error() const;
+    // Stores the error and finishes; ignored when finished already.
+    void finishWithError(const CMError& error);
+    // Finishes without value (CMReply<void>); ignored when finished already.
+    void finishWithoutValue();
+    // Takes ownership of the watcher.
+    void addWatcher(CMReplyWatcher* watcher);
+
+    QAtomicInt m_ref;
+    mutable QMutex m_mutex;
+    QWaitCondition m_condition;
+    bool m_finished;
+    CMError m_error;
+    QList<CMReplyWatcher*> m_watchers;
+
+protected:
+    // With m_mutex held and the reply not finished: sets the flag, wakes the
+    // waiters and hands out the watchers to deliver once the lock is gone.
+    QList<CMReplyWatcher*> finishLocked();
+    // Outside the lock: delivers each watcher by the rules above.
+    void deliver(const QList<CMReplyWatcher*>& watchers);
+};
+
+template <typename T>
+class VELA_API_EXPORT CMReplyData : public CMReplyAbstractData
+{
+public:
+    CMReplyData() : m_value() {}
+    ~CMReplyData() override = default;
+
+    // Blocks without limit until the reply has finished, then copies the value.
+    virtual T value()
+    {
+        waitForFinished(ULONG_MAX);
+        QMutexLocker locker(&m_mutex);
+        return m_value;
+    }
+
+    // Finishes with a value carried in a QVariant.
+    virtual void setVariant(const QVariant& value) { finishWithValue(value.value<T>()); }
+
+    void finishWithValue(const T& value)
+    {
+        QList<CMReplyWatcher*> watchers;
+        {
+            QMutexLocker locker(&m_mutex);
+            if (m_finished)
+                return;
+            m_value = value;
+            watchers = finishLocked();
+        }
+        deliver(watchers);
+    }
+
+    // Value and error together, in one finish (used by whenAllFinished).
+    void finishWithValueAndError(const T& value, const CMError& error)
+    {
+        QList<CMReplyWatcher*> watchers;
+        {
+            QMutexLocker locker(&m_mutex);
+            if (m_finished)
+                return;
+            m_value = value;
+            m_error = error;
+            watchers = finishLocked();
+        }
+        deliver(watchers);
+    }
+
+protected:
+    T m_value;
+};
+
+// A QVariant that itself holds a QVariant stores the inner one.
+template <>
+inline void CMReplyData<QVariant>::setVariant(const QVariant& value)
+{
+    if (value.userType() == QMetaType::QVariant)
+        finishWithValue(*static_cast<const QVariant*>(value.constData()));
+    else
+        finishWithValue(value);
+}
+
+// Runs a std::function with the untyped handle.
+class VELA_API_EXPORT CMFunctionWatcher : public CMReplyWatcher
+{
+public:
+    CMFunctionWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
+                      Qt::ConnectionType type);
+    void finished(const CMVoidReply& reply) override;
+
+private:
+    std::function<void(const CMVoidReply&)> m_function;
+};
+
+class VELA_API_EXPORT CMVoidReply
+{
+public:
+    CMVoidReply() : m_d(nullptr) {}
+    explicit CMVoidReply(CMReplyAbstractData* data);
+    CMVoidReply(const CMVoidReply& other);
+    CMVoidReply(CMVoidReply&& other) noexcept : m_d(other.m_d) { other.m_d = nullptr; }
+    CMVoidReply& operator=(const CMVoidReply& other);
+    CMVoidReply& operator=(CMVoidReply&& other) noexcept;
+    ~CMVoidReply();
+
+    // True for a handle without data.
+    bool operator!() const { return m_d == nullptr; }
+    bool operator==(const CMVoidReply& other) const { return m_d == other.m_d; }
+    bool operator!=(const CMVoidReply& other) const { return m_d != other.m_d; }
+
+    bool isFinished() const;
+    CMError error() const;
+    // Stores the error and finishes the reply; ignored once finished.
+    void setError(const CMError& error) const;
+    bool waitForFinished(unsigned long time = ULONG_MAX) const;
+    void addWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
+                    Qt::ConnectionType type = Qt::AutoConnection) const;
+
+    CMReplyAbstractData* data() const { return m_d; }
+
+    /*
+     * Finishes once every listed reply has finished; at once for an empty
+     * list and for handles without data. The value is the list itself, so
+     * that each joined reply can be inspected. When some replies failed the
+     * join carries the error of the first failed reply in list order,
+     * unchanged: its name, message and title; the others are in the value.
+     */
+    static CMReply<QList<CMVoidReply>> whenAllFinished(const QList<CMVoidReply>& replies);
+    // The message of an action that was given up after its time limit.
+    static QString ErrorTimeout();
+
+protected:
+    CMReplyAbstractData* m_d;
+};
+
+Q_DECLARE_METATYPE(CMVoidReply)
+
+template <typename T>
+class CMReply : public CMVoidReply
+{
+public:
+    using Function = std::function<void(const CMReply<T>&)>;
+
+    // A new handle on fresh, unfinished data.
+    CMReply() : CMVoidReply(new CMReplyData<T>()) {}
+    explicit CMReply(CMReplyData<T>* data) : CMVoidReply(data) {}
+    // Views untyped data as CMReplyData<T>; typed access checks the type.
+    explicit CMReply(const CMVoidReply& untyped) : CMVoidReply(untyped) {}
+
+    // Blocking value getter: waits without limit for the finish.
+    T value() const { return typedData()->value(); }
+    void setValue(const T& value) const { typedData()->finishWithValue(value); }
+
+    void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        addWatcher(context, wrap(std::move(function)), type);
+    }
+    void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        addWatcher(nullptr, wrap(std::move(function)), type);
+    }
+
+private:
+    CMReplyData<T>* typedData() const
+    {
+        VELA_ASSERT_TEXT(m_d, "m_d");
+        auto* typed = dynamic_cast<CMReplyData<T>*>(m_d);
+        VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+        return typed;
+    }
+
+    static std::function<void(const CMVoidReply&)> wrap(Function function)
+    {
+        return [function = std::move(function)](const CMVoidReply& reply) {
+            auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
+            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+            function(CMReply<T>(typed));
+        };
+    }
+};
+
+template <>
+class VELA_API_EXPORT CMReply<void> : public CMVoidReply
+{
+public:
+    using Function = std::function<void(const CMReply<void>&)>;
+
+    CMReply();
+    explicit CMReply(const CMVoidReply& untyped) : CMVoidReply(untyped) {}
+
+    // Finishes with success.
+    void setValue() const;
+    void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
+    void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
+};
+
+using CMVoidReplyList = QList<CMVoidReply>;
+Q_DECLARE_METATYPE(CMReply<QVariant>)
+
+#endif
