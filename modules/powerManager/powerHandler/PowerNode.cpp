@@ -1,1 +1,767 @@
 #include "PowerNode.h"
+
+#include "cmabstractworker.h"
+#include "dbglog.h"
+#include "velaassert.h"
+
+#include <QSharedPointer>
+#include <QTimer>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+/*
+ * Graph walks behind the queries.
+ *
+ * The queries are defined recursively (a node's list is its direct edges
+ * followed by each direct dependency's own list, merged without repeats),
+ * and computed literally that recursion visits a shared sub-graph once per
+ * path: exponential in a ladder of diamonds. These walks give the same
+ * results in time linear in the reached sub-graph:
+ *  - the recursive set is the closure over the edges, where targets are
+ *    listed but never expanded;
+ *  - the recursive ordered list is the first-occurrence order of the
+ *    depth-first expansion: direct edges first, then each non-target direct
+ *    node's expansion in set order. A node expanded once has had all of its
+ *    list appended already, so expanding it again would append nothing and
+ *    is skipped.
+ * The walks keep explicit stacks, so a long chain costs heap, not stack.
+ */
+class PowerNodeGraph
+{
+public:
+    enum class Direction { Required, RequiredBy };
+
+    static const QSet<PowerNode*>& edges(const PowerNode* node, Direction direction)
+    {
+        return direction == Direction::Required ? node->m_requiredNodes : node->m_requiredByNodes;
+    }
+
+    static bool isExpandable(const PowerNode* node) { return node->type() != PowerNodeType::PowerTarget; }
+
+    static QSet<PowerNode*> closure(const PowerNode* root, Direction direction)
+    {
+        QSet<PowerNode*> result = edges(root, direction);
+        QSet<const PowerNode*> expanded{root};
+        std::vector<const PowerNode*> pending;
+        for (PowerNode* node : edges(root, direction))
+            pushIfNew(node, expanded, pending);
+        while (!pending.empty()) {
+            const PowerNode* node = pending.back();
+            pending.pop_back();
+            for (PowerNode* next : edges(node, direction)) {
+                result.insert(next);
+                pushIfNew(next, expanded, pending);
+            }
+        }
+        return result;
+    }
+
+    // Whether `wanted` is in closure(root, direction); stops when found.
+    static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
+    {
+        QSet<const PowerNode*> expanded{root};
+        std::vector<const PowerNode*> pending{root};
+        while (!pending.empty()) {
+            const PowerNode* node = pending.back();
+            pending.pop_back();
+            for (PowerNode* next : edges(node, direction)) {
+                if (next == wanted)
+                    return true;
+                pushIfNew(next, expanded, pending);
+            }
+        }
+        return false;
+    }
+
+    static QList<PowerNode*> orderedClosure(const PowerNode* root, Direction direction)
+    {
+        struct Frame {
+            QSet<PowerNode*>::const_iterator next;
+            QSet<PowerNode*>::const_iterator end;
+        };
+        QList<PowerNode*> result;
+        QSet<const PowerNode*> listed;
+        QSet<const PowerNode*> expanded{root};
+        std::vector<Frame> stack;
+        auto expand = [&](const PowerNode* node) {
+            const QSet<PowerNode*>& children = edges(node, direction);
+            for (PowerNode* child : children) {
+                if (!listed.contains(child)) {
+                    listed.insert(child);
+                    result.append(child);
+                }
+            }
+            stack.push_back(Frame{children.cbegin(), children.cend()});
+        };
+        expand(root);
+        while (!stack.empty()) {
+            Frame& frame = stack.back();
+            if (frame.next == frame.end) {
+                stack.pop_back();
+                continue;
+            }
+            const PowerNode* child = *frame.next;
+            ++frame.next;
+            if (!isExpandable(child) || expanded.contains(child))
+                continue;
+            expanded.insert(child);
+            expand(child);
+        }
+        return result;
+    }
+
+private:
+    static void pushIfNew(const PowerNode* node, QSet<const PowerNode*>& expanded,
+                          std::vector<const PowerNode*>& pending)
+    {
+        if (!isExpandable(node) || expanded.contains(node))
+            return;
+        expanded.insert(node);
+        pending.push_back(node);
+    }
+};
+
+namespace {
+
+using Direction = PowerNodeGraph::Direction;
+
+PowerNode::DependencyList pairedWith(const QList<PowerNode*>& nodes, VelaPowerNodeStates::Enum state,
+                                     PowerNode::DependencyList list = {})
+{
+    list.reserve(list.size() + nodes.size());
+    for (PowerNode* node : nodes)
+        list.append(qMakePair(node, state));
+    return list;
+}
+
+QList<PowerNode*> listOf(const QSet<PowerNode*>& nodes)
+{
+    return QList<PowerNode*>(nodes.cbegin(), nodes.cend());
+}
+
+/*
+ * Reachability is asked recursively, node by node, with one module and one
+ * `recursive` flag throughout. The answer for a (node, state) pair is the
+ * same wherever it is asked within one question, so the outermost call keeps
+ * the answers in a memo that nested calls on the same thread share: each
+ * pair is decided once per question, and a diamond ladder costs linear time.
+ */
+class ReachabilityScope
+{
+public:
+    ReachabilityScope(const QString& module, bool recursive)
+        : m_outer(t_current)
+    {
+        if (m_outer && m_outer->m_module == module && m_outer->m_recursive == recursive) {
+            m_memo = m_outer->m_memo;
+            return;
+        }
+        m_module = module;
+        m_recursive = recursive;
+        m_ownMemo.reset(new Memo);
+        m_memo = m_ownMemo.get();
+        t_current = this;
+    }
+    ~ReachabilityScope()
+    {
+        if (m_ownMemo)
+            t_current = m_outer;
+    }
+    ReachabilityScope(const ReachabilityScope&) = delete;
+    ReachabilityScope& operator=(const ReachabilityScope&) = delete;
+
+    const bool* find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
+    {
+        const auto found = m_memo->constFind(qMakePair(node, static_cast<int>(state)));
+        return found == m_memo->constEnd() ? nullptr : &found.value();
+    }
+    bool remember(const PowerNode* node, VelaPowerNodeStates::Enum state, bool reachable)
+    {
+        m_memo->insert(qMakePair(node, static_cast<int>(state)), reachable);
+        return reachable;
+    }
+
+private:
+    using Memo = QHash<QPair<const PowerNode*, int>, bool>;
+    static thread_local ReachabilityScope* t_current;
+
+    ReachabilityScope* m_outer;
+    QString m_module;
+    bool m_recursive = false;
+    std::unique_ptr<Memo> m_ownMemo;
+    Memo* m_memo = nullptr;
+};
+
+thread_local ReachabilityScope* ReachabilityScope::t_current = nullptr;
+
+std::string selfEdgeText(const char* relation, const QString& name)
+{
+    return "node != this (power node " + name.toStdString() + " cannot " + relation + " itself)";
+}
+
+} // namespace
+
+// --- PowerNode: construction, accessors, module map -----------------------
+
+PowerNode::PowerNode(const QString& name)
+    : m_name(name)
+    , m_state(VelaPowerNodeStates::initial)
+{
+}
+
+PowerNode::~PowerNode() = default;
+
+QString PowerNode::name() const
+{
+    return m_name;
+}
+
+VelaPowerNodeStates::Enum PowerNode::state() const
+{
+    return m_state;
+}
+
+bool PowerNode::isEnabled() const
+{
+    const bool enabled = m_state == VelaPowerNodeStates::enabled;
+    VELA_TRACE_ENTER("bool PowerNode::isEnabled() const", m_name << (enabled ? " enabled" : " disabled"));
+    return enabled;
+}
+
+PowerNodeType PowerNode::type() const
+{
+    return PowerNodeType::PowerNode;
+}
+
+QHash<QString, VelaPowerModuleActions::Enum> PowerNode::moduleActions() const
+{
+    return m_moduleActions;
+}
+
+VelaPowerModuleActions::Enum PowerNode::moduleAction(const QString& module) const
+{
+    return m_moduleActions.value(module, VelaPowerModuleActions::release);
+}
+
+void PowerNode::addModule(const QString& module, const VelaPowerModuleActions::Enum& action)
+{
+    m_moduleActions.insert(module, action);
+}
+
+QSet<PowerNode*> PowerNode::lockedBy() const
+{
+    return m_lockedBy;
+}
+
+void PowerNode::appendMissing(const QList<PowerNode*>& source, QList<PowerNode*>& destination)
+{
+    for (PowerNode* node : source) {
+        if (!destination.contains(node))
+            destination.append(node);
+    }
+}
+
+void PowerNode::removeAction(QList<VelaPowerModuleActions::Enum>& actions, const VelaPowerModuleActions::Enum& action)
+{
+    const auto first = std::find(actions.cbegin(), actions.cend(), action);
+    if (first == actions.cend())
+        return;
+    const int index = static_cast<int>(first - actions.cbegin());
+    const auto kept = std::remove(actions.begin() + index, actions.end(), action);
+    actions.erase(kept, actions.end());
+}
+
+bool PowerNode::hasClaim() const
+{
+    QList<VelaPowerModuleActions::Enum> actions = m_moduleActions.values();
+    removeAction(actions, VelaPowerModuleActions::release);
+    return !actions.isEmpty();
+}
+
+// --- PowerNode: edges ------------------------------------------------------
+
+void PowerNode::addRequiredNode(PowerNode* node)
+{
+    if (node != this)
+        m_requiredNodes.insert(node);
+}
+
+void PowerNode::addRequiredByNode(PowerNode* node)
+{
+    if (node != this)
+        m_requiredByNodes.insert(node);
+}
+
+void PowerNode::requiresNode(PowerNode* node)
+{
+    if (node == this)
+        vela::assertFailed(selfEdgeText("require", m_name), __FILE__, __LINE__);
+    if (m_requiredNodes.contains(node))
+        return;
+    if (!PowerNodeGraph::closureContains(this, Direction::RequiredBy, node)) {
+        addRequiredNode(node);
+        node->requiredByNode(this);
+        return;
+    }
+    VELA_ERROR("Tried to make power node " << m_name << " require node " << node->name()
+                                           << ", but that would have caused a cyclic dependency.");
+}
+
+void PowerNode::requiredByNode(PowerNode* node)
+{
+    if (node == this)
+        vela::assertFailed(selfEdgeText("be required by", m_name), __FILE__, __LINE__);
+    if (m_requiredByNodes.contains(node))
+        return;
+    if (!PowerNodeGraph::closureContains(this, Direction::Required, node)) {
+        addRequiredByNode(node);
+        node->requiresNode(this);
+        return;
+    }
+    VELA_ERROR("Tried to make power node " << m_name << " be required by node " << node->name()
+                                           << ", but that would have caused a cyclic dependency.");
+}
+
+// --- PowerNode: queries ----------------------------------------------------
+
+QSet<PowerNode*> PowerNode::requiredNodes(const bool& recursive) const
+{
+    return recursive ? PowerNodeGraph::closure(this, Direction::Required) : m_requiredNodes;
+}
+
+QSet<PowerNode*> PowerNode::requiredByNodes(const bool& recursive) const
+{
+    return recursive ? PowerNodeGraph::closure(this, Direction::RequiredBy) : m_requiredByNodes;
+}
+
+QList<PowerNode*> PowerNode::orderedRequiredNodes(const bool& recursive) const
+{
+    return recursive ? PowerNodeGraph::orderedClosure(this, Direction::Required) : listOf(m_requiredNodes);
+}
+
+QList<PowerNode*> PowerNode::orderedRequiredByNodes(const bool& recursive) const
+{
+    return recursive ? PowerNodeGraph::orderedClosure(this, Direction::RequiredBy) : listOf(m_requiredByNodes);
+}
+
+QHash<PowerNode*, VelaPowerNodeStates::Enum> PowerNode::dependencies(const VelaPowerNodeStates::Enum& state,
+                                                                     const bool& recursive) const
+{
+    QHash<PowerNode*, VelaPowerNodeStates::Enum> result;
+    if (state == VelaPowerNodeStates::enabled) {
+        for (PowerNode* node : requiredNodes(recursive))
+            result.insert(node, VelaPowerNodeStates::enabled);
+    } else if (state == VelaPowerNodeStates::disabled) {
+        for (PowerNode* node : requiredByNodes(recursive))
+            result.insert(node, VelaPowerNodeStates::disabled);
+    }
+    return result;
+}
+
+PowerNode::DependencyList PowerNode::orderedDependencies(const VelaPowerNodeStates::Enum& state,
+                                                         const bool& recursive) const
+{
+    if (state == VelaPowerNodeStates::enabled)
+        return pairedWith(orderedRequiredNodes(recursive), VelaPowerNodeStates::enabled);
+    if (state == VelaPowerNodeStates::disabled)
+        return pairedWith(orderedRequiredByNodes(recursive), VelaPowerNodeStates::disabled);
+    return {};
+}
+
+bool PowerNode::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
+                                 const bool& recursive) const
+{
+    ReachabilityScope scope(module, recursive);
+    if (const bool* known = scope.find(this, state))
+        return *known;
+
+    // Another module holding the node on forbids any change but enabling.
+    for (auto it = m_moduleActions.cbegin(); it != m_moduleActions.cend(); ++it) {
+        if (!module.isEmpty() && it.key() == module)
+            continue;
+        if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled && state != m_state)
+            return scope.remember(this, state, false);
+    }
+    if (!recursive)
+        return scope.remember(this, state, true);
+    for (const auto& dependency : orderedDependencies(state, false)) {
+        if (!dependency.first->isStateReachable(dependency.second, module, recursive))
+            return scope.remember(this, state, false);
+    }
+    return scope.remember(this, state, true);
+}
+
+// --- PowerNode: state machine ----------------------------------------------
+
+CMReply<void> PowerNode::enable()
+{
+    if (m_state == VelaPowerNodeStates::enabling || m_state == VelaPowerNodeStates::enabled) {
+        VELA_TRACE_LEAVE("CMReply<void> PowerNode::enable()",
+                         "powerNode: " << m_name << " already enabled or enable was already requested...");
+        return m_enableReply;
+    }
+    VELA_ASSERT(m_state != VelaPowerNodeStates::disabling);
+    m_state = VelaPowerNodeStates::enabling;
+    m_enableReply = CMReply<void>();
+
+    // Every required node is locked at once; each of them starts its own
+    // enable (and locks its own dependencies) before its call returns.
+    QList<CMVoidReply> locks;
+    locks.reserve(m_requiredNodes.size());
+    for (PowerNode* node : qAsConst(m_requiredNodes))
+        locks.append(node->nodeLock(this));
+
+    // The reply is captured so that this transition finishes its own reply,
+    // whatever transition runs by the time the continuation is called.
+    CMVoidReply::whenAllFinished(locks).onFinished(
+        [this, transition = m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
+            const CMError lockError = locked.error();
+            if (lockError.isError())
+                VELA_FATAL("Failed to lock dependencies for " << m_name << ", error: " << lockError.message());
+            // The node's own action runs even when a dependency failed.
+            onEnableAction().onFinished([this, transition](const CMReply<void>& action) mutable {
+                const CMError actionError = action.error();
+                if (actionError.isError())
+                    VELA_FATAL("Failed to enable resource " << m_name << ", error: " << actionError.message());
+                m_state = VelaPowerNodeStates::enabled;
+                VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
+                transition.setValue();
+            });
+        });
+    return m_enableReply;
+}
+
+CMReply<void> PowerNode::disable()
+{
+    if (m_state == VelaPowerNodeStates::disabling || m_state == VelaPowerNodeStates::disabled) {
+        VELA_TRACE_LEAVE("CMReply<void> PowerNode::disable()",
+                         "powerNode: " << m_name << " already disabled or disable was already requested...");
+        return m_disableReply;
+    }
+    // A node that is still wanted stays as it is; its caller is told that
+    // all is done.
+    if (hasClaim() || !m_lockedBy.isEmpty()) {
+        CMReply<void> stays;
+        stays.setValue();
+        return stays;
+    }
+    VELA_ASSERT(m_state != VelaPowerNodeStates::enabling);
+    m_state = VelaPowerNodeStates::disabling;
+    m_disableReply = CMReply<void>();
+
+    onDisableAction().onFinished([this, transition = m_disableReply](const CMReply<void>& action) mutable {
+        const CMError actionError = action.error();
+        if (actionError.isError())
+            VELA_FATAL("Failed to disable resource " << m_name << ", error: " << actionError.message());
+        m_state = VelaPowerNodeStates::disabled;
+        VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
+
+        // Released only now: the dependencies stay on until this node is off.
+        QList<CMVoidReply> unlocks;
+        unlocks.reserve(m_requiredNodes.size());
+        for (PowerNode* node : qAsConst(m_requiredNodes))
+            unlocks.append(node->nodeUnlock(this));
+        CMVoidReply::whenAllFinished(unlocks).onFinished(
+            [this, transition](const CMReply<QList<CMVoidReply>>& unlocked) mutable {
+                const CMError unlockError = unlocked.error();
+                if (unlockError.isError())
+                    VELA_FATAL("Failed to unlock all dependencies for " << m_name
+                                                                       << ", error: " << unlockError.message());
+                transition.setValue();
+            });
+    });
+    return m_disableReply;
+}
+
+CMReply<void> PowerNode::setModuleAction(const QString& module, const VelaPowerModuleActions::Enum& action)
+{
+    CMReply<void> provisional;
+    m_moduleActions.insert(module, action);
+    VELA_DEBUG("Node: " << m_name << " updated by: " << module
+                        << " with action type: " << VelaPowerModuleActions::toString(action));
+    if (action != VelaPowerModuleActions::release)
+        return enable();
+    if (!hasClaim())
+        return disable();
+    provisional.setValue();
+    return provisional;
+}
+
+CMReply<void> PowerNode::nodeLock(PowerNode* node)
+{
+    m_lockedBy.insert(node);
+    return enable();
+}
+
+CMReply<void> PowerNode::nodeUnlock(PowerNode* node)
+{
+    m_lockedBy.remove(node);
+    return disable();
+}
+
+// --- PowerResource ---------------------------------------------------------
+
+namespace {
+
+/*
+ * The timer of an action is deleted when the last continuation that holds
+ * it goes away. When that happens inside the timer's own timeout (the
+ * time-out finished the reply and its continuation ran at once), deleting it
+ * there would pull the object from under its running signal: it is then
+ * handed to the event loop instead.
+ */
+thread_local const QTimer* t_firingTimer = nullptr;
+
+void releaseActionTimer(QTimer* timer)
+{
+    if (timer == t_firingTimer)
+        timer->deleteLater();
+    else
+        delete timer;
+}
+
+CMError actionTimeoutError()
+{
+    CMError error;
+    error.insert(CMError::Name(), CMError::DefaultName());
+    error.insert(CMError::Message(), QVariant::fromValue(TrString(CMVoidReply::ErrorTimeout())));
+    error.insert(CMError::Title(), QVariant::fromValue(TrString(CMError::DefaultTitle())));
+    return error;
+}
+
+} // namespace
+
+PowerResource::PowerResource(VelaPowerManagerResources::Enum resource)
+    : PowerNode(VelaPowerManagerResources::toString(resource))
+    , m_resource(resource)
+    , m_actionTimeout(5000)
+{
+}
+
+PowerResource::PowerResource(VelaPowerManagerResources::Enum resource, int timeout)
+    : PowerResource(resource)
+{
+    m_actionTimeout = timeout;
+}
+
+PowerResource::~PowerResource() = default;
+
+PowerNodeType PowerResource::type() const
+{
+    return PowerNodeType::PowerResource;
+}
+
+VelaPowerManagerResources::Enum PowerResource::resource() const
+{
+    return m_resource;
+}
+
+int PowerResource::actionTimeout() const
+{
+    return m_actionTimeout;
+}
+
+CMSetDataRequest PowerResource::onEnableActionRequest() const
+{
+    return m_onEnableActionRequest;
+}
+
+CMSetDataRequest PowerResource::onDisableActionRequest() const
+{
+    return m_onDisableActionRequest;
+}
+
+void PowerResource::requiresResource(PowerResource* other)
+{
+    requiresNode(other);
+}
+
+void PowerResource::requiredBy(PowerResource* other)
+{
+    requiredByNode(other);
+}
+
+void PowerResource::setOnEnableActionRequest(const CMSetDataRequest& request)
+{
+    m_onEnableActionRequest = request;
+}
+
+void PowerResource::setOnDisableActionRequest(const CMSetDataRequest& request)
+{
+    m_onDisableActionRequest = request;
+}
+
+CMReply<void> PowerResource::onEnableAction()
+{
+    return executeAction(QStringLiteral("enable"), m_onEnableActionRequest);
+}
+
+CMReply<void> PowerResource::onDisableAction()
+{
+    return executeAction(QStringLiteral("disable"), m_onDisableActionRequest);
+}
+
+CMReply<void> PowerResource::executeAction(const QString& action, const CMSetDataRequest& request)
+{
+    CMReply<void> result;
+    if (request.isNull()) {
+        result.setValue();
+        return result;
+    }
+    const CMReply<QVariant> watched =
+        CMRoot()->setData(request.path(), request.key(), request.value(), CMReply<QVariant>());
+
+    QSharedPointer<QTimer> timer(new QTimer, &releaseActionTimer);
+    timer->setSingleShot(true);
+    timer->start(m_actionTimeout);
+    QObject::connect(
+        timer.data(), &QTimer::timeout, timer.data(),
+        [watched, firing = timer.data()]() {
+            t_firingTimer = firing;
+            watched.setError(actionTimeoutError());
+            t_firingTimer = nullptr;
+        },
+        Qt::DirectConnection);
+
+    watched.onFinished(
+        nullptr,
+        [this, action, result, timer](const CMReply<QVariant>& reply) mutable {
+            timer->stop();
+            const CMError error = reply.error();
+            if (!error.isError()) {
+                VELA_DEBUG(name() << " is now " << action);
+                result.setValue();
+            } else {
+                VELA_ERROR(name() << " failed to " << action << " Message: " << error.message());
+                result.setError(error);
+            }
+        },
+        Qt::AutoConnection);
+    return result;
+}
+
+// --- PowerTarget -----------------------------------------------------------
+
+PowerTarget::PowerTarget(VelaPowerManagerTargets::Enum target)
+    : PowerNode(VelaPowerManagerTargets::toString(target))
+    , m_target(target)
+{
+}
+
+PowerTarget::~PowerTarget() = default;
+
+PowerNodeType PowerTarget::type() const
+{
+    return PowerNodeType::PowerTarget;
+}
+
+VelaPowerManagerTargets::Enum PowerTarget::target() const
+{
+    return m_target;
+}
+
+CMReply<void> PowerTarget::onEnableAction()
+{
+    CMReply<void> done;
+    done.setValue();
+    return done;
+}
+
+CMReply<void> PowerTarget::onDisableAction()
+{
+    return onEnableAction();
+}
+
+void PowerTarget::enables(PowerResource* resource)
+{
+    requiresNode(resource);
+}
+
+void PowerTarget::disables(PowerResource* resource)
+{
+    requiredByNode(resource);
+}
+
+void PowerTarget::disables(PowerTarget* target)
+{
+    requiredByNode(target);
+}
+
+void PowerTarget::requiresNode(PowerNode* node)
+{
+    if (node == this)
+        vela::assertFailed(selfEdgeText("enable", m_name), __FILE__, __LINE__);
+    if (m_requiredNodes.contains(node))
+        return;
+    if (!PowerNodeGraph::closureContains(this, Direction::RequiredBy, node)) {
+        addRequiredNode(node);
+        return;
+    }
+    VELA_ERROR("Tried to make power target " << m_name << " enable node " << node->name()
+                                             << ", but it already disables that node.");
+}
+
+void PowerTarget::requiredByNode(PowerNode* node)
+{
+    if (node == this)
+        vela::assertFailed(selfEdgeText("disable", m_name), __FILE__, __LINE__);
+    if (m_requiredByNodes.contains(node))
+        return;
+    if (!PowerNodeGraph::closureContains(this, Direction::Required, node)) {
+        addRequiredByNode(node);
+        return;
+    }
+    VELA_ERROR("Tried to make power target " << m_name << " disable node " << node->name()
+                                             << ", but it already enables that node.");
+}
+
+QHash<PowerNode*, VelaPowerNodeStates::Enum> PowerTarget::dependencies(const VelaPowerNodeStates::Enum& state,
+                                                                       const bool& recursive) const
+{
+    QHash<PowerNode*, VelaPowerNodeStates::Enum> result;
+    if (state == VelaPowerNodeStates::disabled)
+        return result;
+    for (PowerNode* node : requiredNodes(recursive))
+        result.insert(node, VelaPowerNodeStates::enabled);
+    // Inserted over the first pass: a node in both halves ends up disabled.
+    for (PowerNode* node : requiredByNodes(recursive))
+        result.insert(node, VelaPowerNodeStates::disabled);
+    return result;
+}
+
+PowerNode::DependencyList PowerTarget::orderedDependencies(const VelaPowerNodeStates::Enum& state,
+                                                           const bool& recursive) const
+{
+    if (state == VelaPowerNodeStates::disabled)
+        return {};
+    // Enabling comes first; a node in both halves stands there twice.
+    return pairedWith(orderedRequiredByNodes(recursive), VelaPowerNodeStates::disabled,
+                      pairedWith(orderedRequiredNodes(recursive), VelaPowerNodeStates::enabled));
+}
+
+bool PowerTarget::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
+                                   const bool& recursive) const
+{
+    ReachabilityScope scope(module, recursive);
+    if (const bool* known = scope.find(this, state))
+        return *known;
+    // While another target is on, it alone decides which targets follow it.
+    for (const auto& dependency : orderedDependencies(state, false)) {
+        auto* target = dynamic_cast<PowerTarget*>(dependency.first);
+        if (target && target->isEnabled())
+            return scope.remember(this, state, target->isReachable(this));
+    }
+    return scope.remember(this, state, PowerNode::isStateReachable(state, module, recursive));
+}
+
+void PowerTarget::setReachableTargets(QList<const PowerTarget*> targets)
+{
+    m_reachableTargets = QSet<const PowerTarget*>(targets.cbegin(), targets.cend());
+}
+
+bool PowerTarget::isReachable(const PowerTarget* target)
+{
+    return m_reachableTargets.contains(target);
+}
