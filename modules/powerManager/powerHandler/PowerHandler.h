@@ -1,1 +1,90 @@
-// placeholder
+#ifndef VELA_POWERHANDLER_H
+#define VELA_POWERHANDLER_H
+
+#include "vela_powerhandler_export.h"
+
+#include "PowerNode.h"
+#include "PowerNodeRequest.h"
+
+#include "cmerror.h"
+#include "cmreply.h"
+#include "velapowerenums.h"
+#include "velapowermanagermoduleregister.h"
+#include "velapowermanagerresourcerequest.h"
+#include "velapowermanagertarget.h"
+
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QPair>
+#include <QVariantHash>
+
+#include <cstdint>
+
+/*
+ * The engine of the power manager.
+ *
+ * It knows the registered modules, resources and targets, keeps the queue of
+ * node requests and runs them one at a time, first in first out, answering
+ * each caller once its request is resolved. Running one request at a time is
+ * what keeps node transitions from crossing: nothing here locks, and every
+ * call and continuation runs on the thread of the service's event loop.
+ *
+ * The handler does not own the nodes: the service creates them, wires them,
+ * registers them and keeps them alive as long as the handler. It does not
+ * remember the current target either; it announces changes through
+ * nextTargetChanged (a target request starts) and targetChanged (a target
+ * request succeeded, before its caller is answered).
+ */
+class VELA_POWERHANDLER_EXPORT PowerHandler : public QObject
+{
+    Q_OBJECT
+
+public:
+    PowerHandler();
+    ~PowerHandler() override;
+
+    // Registration (set-up, any time): modules by name (a second record of
+    // the same name replaces the first), each resource and target once.
+    // Every new target and each registered one disable one another.
+    bool registerModule(const VelaPowerManagerModuleRegister& module);
+    void registerResource(PowerResource* resource);
+    void registerTarget(PowerTarget* target);
+
+    // { "targets": { name: info }, "resources": { name: info } } with
+    // info = { "isEnabled": bool, "actions": { module: action name } }.
+    QVariantHash listNodes() const;
+    QVariantHash getNodeInfo(PowerNode* node) const;
+
+    // The queue.
+    PowerNodeRequestPtr makeRequest(PowerNode* node, const QString& module, VelaPowerModuleActions::Enum action);
+    bool addRequest(const PowerNodeRequestPtr& request);
+    void tryProcessNextRequest();
+    void processNextRequest();
+    void resolveNodeRequest(int64_t id, const CMError& error);
+
+    // Entry points. The outcome goes to `reply`: an invalid QVariant on
+    // success, a CMError otherwise; refusals are answered at once, and a
+    // request may even be answered before these calls return.
+    void requestTarget(const VelaPowerManagerTarget& target, CMReply<QVariant> reply);
+    void requestResource(const VelaPowerManagerResourceRequest& request, CMReply<QVariant> reply);
+
+    // Introspection for the service and its tests.
+    int pendingRequests() const;
+
+signals:
+    void targetChanged(const VelaPowerManagerTarget& target);
+    void nextTargetChanged(const VelaPowerManagerTarget& target);
+
+private:
+    void refuse(const CMReply<QVariant>& reply, const char* message, const VelaHash& record);
+
+    QHash<QString, VelaPowerManagerModuleRegister> m_modules;
+    QHash<VelaPowerManagerResources::Enum, PowerResource*> m_resources;
+    QHash<VelaPowerManagerTargets::Enum, PowerTarget*> m_targets;
+    QList<PowerNodeRequestPtr> m_requests;
+    QHash<int64_t, CMReply<QVariant>> m_resourceRequests;
+    QHash<int64_t, QPair<VelaPowerManagerTarget, CMReply<QVariant>>> m_targetRequests;
+};
+
+#endif

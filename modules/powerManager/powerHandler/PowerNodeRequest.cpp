@@ -1,1 +1,306 @@
 #include "PowerNodeRequest.h"
+
+#include "cmabstractworker.h"
+#include "dbglog.h"
+#include "velaassert.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <QWeakPointer>
+
+#include <limits>
+
+namespace {
+
+// Requests share one plain counter: they are made on the handler's thread.
+int64_t s_idCounter = 0;
+
+/*
+ * The share through which a running request keeps itself alive in its own
+ * continuations (a request made without create() has none: its owner must
+ * then keep it alive until its reply has finished). create() records it here, keyed by object, so that the
+ * request's layout stays as it is; the entry goes with the object.
+ */
+QMutex s_sharesLock;
+QHash<const PowerNodeRequest*, QWeakPointer<PowerNodeRequest>>& shares()
+{
+    static QHash<const PowerNodeRequest*, QWeakPointer<PowerNodeRequest>> table;
+    return table;
+}
+
+using ResourceActions = QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>;
+using ChangedResources = QHash<QString, ResourceActions>;
+
+void recordChange(ChangedResources& table, PowerNode* node, const QString& module,
+                  VelaPowerModuleActions::Enum action)
+{
+    if (auto* resource = dynamic_cast<PowerResource*>(node))
+        table[module][resource->resource()] = action;
+}
+
+/*
+ * Walks the resolved nodes and calls `change` for every module whose new
+ * action differs from the node's current one. The comparison is made as the
+ * walk reaches each pair, so a walk that applies the changes sees the effect
+ * of the earlier ones on a node that stands twice in the list.
+ */
+template <typename Change>
+void forEachChange(const QList<PowerNodeRequest::NodeInfo>& nodes, Change change)
+{
+    for (const PowerNodeRequest::NodeInfo& info : nodes) {
+        for (auto it = info.moduleActions.cbegin(); it != info.moduleActions.cend(); ++it) {
+            if (it.value() != info.node->moduleAction(it.key()))
+                change(info.node, it.key(), it.value());
+        }
+    }
+}
+
+// Only released resources are revoked; the list holds the resources'
+// integer values.
+VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerManagerMessageTypes::Enum type,
+                                            const ResourceActions& resources)
+{
+    VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
+    message.setModuleName(module).setMessageType(type);
+    for (auto it = resources.cbegin(); it != resources.cend(); ++it) {
+        if (it.value() != VelaPowerModuleActions::release)
+            continue;
+        VelaList<VelaPowerManagerResources::Enum> revoked = message.revokeResources();
+        revoked.append(it.key());
+        message.setRevokeResources(revoked);
+    }
+    return message;
+}
+
+} // namespace
+
+PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& module,
+                                             const VelaPowerModuleActions::Enum& action,
+                                             const QHash<QString, VelaPowerManagerModuleRegister>& modules)
+{
+    PowerNodeRequestPtr request(new PowerNodeRequest(node, module, action, modules));
+    QMutexLocker locker(&s_sharesLock);
+    shares().insert(request.data(), request.toWeakRef());
+    return request;
+}
+
+PowerNodeRequest::PowerNodeRequest(PowerNode* node, const QString& module, const VelaPowerModuleActions::Enum& action,
+                                   const QHash<QString, VelaPowerManagerModuleRegister>& modules)
+    : QObject(nullptr)
+    , m_id(nextId())
+    , m_node(node)
+    , m_module(module)
+    , m_action(action)
+    , m_modules(modules)
+    , m_processing(false)
+{
+    VELA_TRACE_ENTER("PowerNodeRequest::PowerNodeRequest(PowerNode*, const QString&, const "
+                     "VelaPowerModuleActions::Enum&, const QHash<QString, VelaPowerManagerModuleRegister>&)",
+                     "id: " << m_id << " module: " << m_module
+                            << " action: " << VelaPowerModuleActions::toString(m_action));
+    if (!node) {
+        VELA_ERROR("Null node pointer.");
+        m_reply.setError(CMError(TrString("Invalid power node pointer")));
+    }
+}
+
+PowerNodeRequest::~PowerNodeRequest()
+{
+    QMutexLocker locker(&s_sharesLock);
+    shares().remove(this);
+}
+
+PowerNodeRequestPtr PowerNodeRequest::sharedFromThis() const
+{
+    QMutexLocker locker(&s_sharesLock);
+    return shares().value(this).toStrongRef();
+}
+
+int64_t PowerNodeRequest::nextId()
+{
+    if (s_idCounter == std::numeric_limits<int64_t>::max())
+        s_idCounter = 1;
+    else
+        ++s_idCounter;
+    return s_idCounter;
+}
+
+void PowerNodeRequest::setIdCounter(int64_t value)
+{
+    s_idCounter = value;
+}
+
+int64_t PowerNodeRequest::id() const
+{
+    return m_id;
+}
+
+QString PowerNodeRequest::module() const
+{
+    return m_module;
+}
+
+PowerNode* PowerNodeRequest::node() const
+{
+    return m_node;
+}
+
+VelaPowerModuleActions::Enum PowerNodeRequest::action() const
+{
+    return m_action;
+}
+
+bool PowerNodeRequest::isProcessing() const
+{
+    return m_processing;
+}
+
+bool PowerNodeRequest::isValid() const
+{
+    return !m_reply.error().isError();
+}
+
+CMReply<void> PowerNodeRequest::reply() const
+{
+    return m_reply;
+}
+
+QList<PowerNodeRequest::NodeInfo> PowerNodeRequest::nodes() const
+{
+    return m_nodes;
+}
+
+void PowerNodeRequest::onExecuteFinished()
+{
+    m_reply.setValue();
+}
+
+bool PowerNodeRequest::resolve()
+{
+    VELA_TRACE_ENTER("bool PowerNodeRequest::resolve()", "nodeRequest id: " << m_id);
+    VELA_ASSERT(m_node);
+
+    // The requested node always comes first, carrying the module's new wish.
+    QHash<QString, VelaPowerModuleActions::Enum> actions = m_node->moduleActions();
+    actions.insert(m_module, m_action);
+    m_nodes.append(NodeInfo{m_node, actions});
+
+    if (m_node->type() != PowerNodeType::PowerTarget) {
+        VELA_TRACE("nodeRequest id: " << m_id << " resolved ok");
+        return true;
+    }
+    if (!m_node->isStateReachable(VelaPowerNodeStates::enabled, m_module, true)) {
+        VELA_INFO("node unreachable: " << m_node->name());
+        VELA_TRACE_LEAVE("bool PowerNodeRequest::resolve()", "nodeRequest id: " << m_id);
+        return false;
+    }
+    // What the target disables loses every module's claim.
+    for (const auto& dependency : m_node->orderedDependencies(VelaPowerNodeStates::enabled, true)) {
+        if (dependency.second == VelaPowerNodeStates::enabled)
+            continue;
+        QHash<QString, VelaPowerModuleActions::Enum> released = dependency.first->moduleActions();
+        for (auto it = released.begin(); it != released.end(); ++it)
+            it.value() = VelaPowerModuleActions::release;
+        m_nodes.append(NodeInfo{dependency.first, released});
+    }
+    VELA_TRACE_LEAVE("bool PowerNodeRequest::resolve()", "nodeRequest id: " << m_id);
+    return true;
+}
+
+CMReply<void> PowerNodeRequest::notify()
+{
+    VELA_TRACE_ENTER("CMReply<void> PowerNodeRequest::notify()", "nodeRequest id: " << m_id);
+    ChangedResources changed;
+    forEachChange(m_nodes, [&changed](PowerNode* node, const QString& module, VelaPowerModuleActions::Enum action) {
+        recordChange(changed, node, module, action);
+    });
+
+    QList<CMVoidReply> notifications;
+    for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
+        const VelaPowerManagerRevokeMessage message =
+            revokeMessage(it.key(), VelaPowerManagerMessageTypes::revoke, it.value());
+        const auto registration = m_modules.constFind(it.key());
+        if (registration != m_modules.cend())
+            notifications.append(notifyModule(registration->revokeResourcesPath(), message));
+    }
+
+    // The modules' answers are waited for but not judged: a module that
+    // fails to take the message does not stop the request.
+    CMReply<void> result;
+    CMVoidReply::whenAllFinished(notifications)
+        .onFinished(
+            [this, keepAlive = sharedFromThis(), result](const CMReply<QList<CMVoidReply>>&) {
+                VELA_TRACE("nodeRequest id: " << m_id << " all pre notifications finished");
+                result.setValue();
+            },
+            Qt::AutoConnection);
+    VELA_TRACE_LEAVE("CMReply<void> PowerNodeRequest::notify()", "nodeRequest id: " << m_id);
+    return result;
+}
+
+CMReply<QVariant> PowerNodeRequest::notifyModule(const CMPath& path, const VelaPowerManagerRevokeMessage& message)
+{
+    VELA_TRACE_ENTER("CMReply<QVariant> PowerNodeRequest::notifyModule(const CMPath&, const "
+                     "VelaPowerManagerRevokeMessage&)",
+                     "path: " << path << " message: " << static_cast<const VelaHash&>(message));
+    if (!path.isEmpty() && !message.revokeResources().isEmpty())
+        return CMRoot()->invoke(path, message, CMReply<QVariant>());
+    CMReply<QVariant> nothingSent;
+    nothingSent.setValue(QVariant());
+    return nothingSent;
+}
+
+void PowerNodeRequest::onNotifyFinished()
+{
+    execute().onFinished([this, keepAlive = sharedFromThis()](const CMReply<void>&) { onExecuteFinished(); },
+                         Qt::AutoConnection);
+}
+
+CMReply<void> PowerNodeRequest::execute()
+{
+    VELA_TRACE_ENTER("CMReply<void> PowerNodeRequest::execute()", "nodeRequest id: " << m_id);
+    ChangedResources changed;
+    QList<CMVoidReply> changes;
+    // Every change starts in this one pass; the graph orders their completion.
+    forEachChange(m_nodes, [&changed, &changes](PowerNode* node, const QString& module,
+                                                VelaPowerModuleActions::Enum action) {
+        changes.append(node->setModuleAction(module, action));
+        recordChange(changed, node, module, action);
+    });
+
+    CMReply<void> result;
+    CMVoidReply::whenAllFinished(changes).onFinished(
+        [this, keepAlive = sharedFromThis(), result, changed](const CMReply<QList<CMVoidReply>>& finished) {
+            VELA_TRACE("nodeRequest id: " << m_id << " all actions finished");
+            // Told after the fact; nobody waits for these answers.
+            for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
+                const auto registration = m_modules.constFind(it.key());
+                if (registration != m_modules.cend())
+                    notifyModule(registration->postRevokeResourcesPath(),
+                                       revokeMessage(it.key(), VelaPowerManagerMessageTypes::postRevoke, it.value()));
+            }
+            const CMError error = finished.error();
+            if (error.isError())
+                result.setError(error);
+            else
+                result.setValue();
+        },
+        Qt::AutoConnection);
+    VELA_TRACE_LEAVE("CMReply<void> PowerNodeRequest::execute()", "nodeRequest id: " << m_id);
+    return result;
+}
+
+CMReply<void> PowerNodeRequest::process()
+{
+    VELA_TRACE_ENTER("CMReply<void> PowerNodeRequest::process()", "nodeRequest id: " << m_id);
+    if (m_reply.isFinished())
+        return m_reply;
+    if (!resolve()) {
+        m_reply.setError(CMError(TrString("Failed to resolve dependencies")));
+        return m_reply;
+    }
+    m_processing = true;
+    notify().onFinished([this, keepAlive = sharedFromThis()](const CMReply<void>&) { onNotifyFinished(); },
+                        Qt::AutoConnection);
+    return m_reply;
+}

@@ -1,0 +1,421 @@
+// Replies finished, watched and waited for across threads, and delivery
+// through the event loop.
+
+#include "cmerror.h"
+#include "cmreply.h"
+#include "dbglog.h"
+#include "eventloop.h"
+#include "velahash.h"
+
+#include <QCoreApplication>
+#include <QObject>
+#include <QThread>
+#include <QVariant>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+QThread* mainThread()
+{
+    return QCoreApplication::instance()->thread();
+}
+
+// Runs `work` on a fresh QThread (no event loop of its own) and returns the
+// started thread; the caller waits for it and deletes it.
+std::unique_ptr<QThread> startThread(std::function<void()> work)
+{
+    std::unique_ptr<QThread> thread(QThread::create(std::move(work)));
+    thread->start();
+    return thread;
+}
+
+// Releases all waiting threads at once, so that they race.
+class StartGate
+{
+public:
+    void wait()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_condition.wait(lock, [this] { return m_open; });
+    }
+    void open()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_open = true;
+        }
+        m_condition.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_condition;
+    bool m_open = false;
+};
+
+} // namespace
+
+TEST(ReplyThreads, ContinuationOfReplyFinishedOnAnotherThreadRunsOnOwnerThread)
+{
+    ASSERT_EQ(QThread::currentThread(), mainThread());
+    CMReply<QVariant> reply;
+    std::atomic<int> runs{0};
+    QThread* ranOn = nullptr;
+    QVariant seen;
+    reply.onFinished([&](const CMReply<QVariant>& finished) {
+        ranOn = QThread::currentThread();
+        seen = finished.value();
+        ++runs;
+    });
+
+    QThread* finisher = nullptr;
+    std::unique_ptr<QThread> thread = startThread([&] {
+        finisher = QThread::currentThread();
+        reply.setValue(QStringLiteral("from worker"));
+    });
+
+    ASSERT_TRUE(waitUntil([&] { return runs.load() > 0; }));
+    ASSERT_TRUE(thread->wait());
+    drainEvents();
+
+    EXPECT_EQ(runs.load(), 1);
+    EXPECT_EQ(ranOn, mainThread());
+    EXPECT_NE(ranOn, finisher);
+    EXPECT_EQ(seen.toString(), QStringLiteral("from worker"));
+}
+
+TEST(ReplyThreads, ContinuationWithContextRunsOnTheContextThread)
+{
+    QThread contextThread;
+    contextThread.start();
+    QObject* context = new QObject;
+    context->moveToThread(&contextThread);
+
+    CMReply<void> reply;
+    std::atomic<QThread*> ranOn{nullptr};
+    reply.onFinished(context, [&](const CMReply<void>&) { ranOn = QThread::currentThread(); });
+
+    // Finished on the main thread; the context lives on the other one.
+    reply.setValue();
+    ASSERT_TRUE(waitUntil([&] { return ranOn.load() != nullptr; }));
+    EXPECT_EQ(ranOn.load(), &contextThread);
+
+    QObject::connect(&contextThread, &QThread::finished, context, &QObject::deleteLater);
+    contextThread.quit();
+    ASSERT_TRUE(contextThread.wait());
+    drainEvents();
+}
+
+TEST(ReplyThreads, DirectConnectionRunsOnTheFinishingThread)
+{
+    CMReply<QVariant> reply;
+    std::atomic<QThread*> ranOn{nullptr};
+    reply.onFinished([&](const CMReply<QVariant>&) { ranOn = QThread::currentThread(); }, Qt::DirectConnection);
+
+    std::atomic<QThread*> finisher{nullptr};
+    std::unique_ptr<QThread> thread = startThread([&] {
+        finisher = QThread::currentThread();
+        reply.setValue(1);
+    });
+    ASSERT_TRUE(thread->wait());
+
+    ASSERT_NE(ranOn.load(), nullptr);
+    EXPECT_EQ(ranOn.load(), finisher.load());
+    EXPECT_NE(ranOn.load(), mainThread());
+}
+
+TEST(ReplyThreads, EightThreadsRacingToFinishOneReplyOneValueWins)
+{
+    constexpr int kThreads = 8;
+    constexpr int kRounds = 50;
+    for (int round = 0; round < kRounds; ++round) {
+        CMReply<QVariant> reply;
+        std::atomic<int> ownerRuns{0};
+        std::atomic<int> directRuns{0};
+        std::atomic<int> secondOwnerRuns{0};
+        QVariant ownerSaw;
+        QVariant directSaw;
+        reply.onFinished([&](const CMReply<QVariant>& finished) {
+            ownerSaw = finished.value();
+            ++ownerRuns;
+        });
+        reply.onFinished(
+            [&](const CMReply<QVariant>& finished) {
+                directSaw = finished.value();
+                ++directRuns;
+            },
+            Qt::DirectConnection);
+        reply.onFinished([&](const CMReply<QVariant>&) { ++secondOwnerRuns; });
+
+        StartGate gate;
+        std::vector<std::thread> racers;
+        for (int i = 0; i < kThreads; ++i) {
+            racers.emplace_back([&gate, reply, i] {
+                gate.wait();
+                reply.setValue(i);
+            });
+        }
+        gate.open();
+        for (std::thread& racer : racers)
+            racer.join();
+
+        ASSERT_TRUE(waitUntil([&] { return ownerRuns.load() > 0 && secondOwnerRuns.load() > 0; }));
+        drainEvents();
+
+        ASSERT_TRUE(reply.isFinished());
+        const int winner = reply.value().toInt();
+        EXPECT_GE(winner, 0);
+        EXPECT_LT(winner, kThreads);
+        EXPECT_EQ(ownerRuns.load(), 1) << "round " << round;
+        EXPECT_EQ(secondOwnerRuns.load(), 1) << "round " << round;
+        EXPECT_EQ(directRuns.load(), 1) << "round " << round;
+        EXPECT_EQ(ownerSaw.toInt(), winner);
+        EXPECT_EQ(directSaw.toInt(), winner);
+        // Later answers leave the winning one untouched.
+        reply.setValue(kThreads + 1);
+        EXPECT_EQ(reply.value().toInt(), winner);
+    }
+}
+
+TEST(ReplyThreads, ValuesAndErrorsRacingLeaveOneConsistentOutcome)
+{
+    constexpr int kThreads = 8;
+    for (int round = 0; round < 50; ++round) {
+        CMReply<QVariant> reply;
+        std::atomic<int> runs{0};
+        reply.onFinished([&](const CMReply<QVariant>&) { ++runs; }, Qt::DirectConnection);
+
+        StartGate gate;
+        std::vector<std::thread> racers;
+        for (int i = 0; i < kThreads; ++i) {
+            racers.emplace_back([&gate, reply, i] {
+                gate.wait();
+                if (i % 2 == 0)
+                    reply.setValue(i);
+                else
+                    reply.setError(CMError(QStringLiteral("org.test.Racer%1").arg(i), TrString("lost")));
+            });
+        }
+        gate.open();
+        for (std::thread& racer : racers)
+            racer.join();
+
+        EXPECT_EQ(runs.load(), 1);
+        const CMError error = reply.error();
+        if (error.isError()) {
+            EXPECT_FALSE(reply.value().isValid()) << "an error and a value were both kept";
+            EXPECT_TRUE(error.name().startsWith(QStringLiteral("org.test.Racer")));
+        } else {
+            ASSERT_TRUE(reply.value().isValid());
+            EXPECT_EQ(reply.value().toInt() % 2, 0);
+        }
+    }
+}
+
+TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAStdThread)
+{
+    CMReply<QVariant> reply;
+    std::atomic<bool> ownerAboutToBlock{false};
+    std::atomic<bool> finishStarted{false};
+    std::thread finisher([&] {
+        while (!ownerAboutToBlock.load())
+            std::this_thread::yield();
+        finishStarted = true;
+        reply.setValue(QStringLiteral("late value"));
+    });
+
+    ownerAboutToBlock = true;
+    const QVariant value = reply.value();
+
+    // The getter cannot have returned before the other thread finished.
+    EXPECT_TRUE(finishStarted.load());
+    EXPECT_EQ(value.toString(), QStringLiteral("late value"));
+    finisher.join();
+}
+
+TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAQThread)
+{
+    CMReply<QVariant> reply;
+    std::atomic<bool> ownerAboutToBlock{false};
+    std::atomic<bool> finishStarted{false};
+    bool ownerContinuationRan = false;
+    reply.onFinished([&](const CMReply<QVariant>&) { ownerContinuationRan = true; });
+    std::unique_ptr<QThread> thread = startThread([&] {
+        while (!ownerAboutToBlock.load())
+            QThread::yieldCurrentThread();
+        finishStarted = true;
+        reply.setValue(QVariantList{1, 2, 3});
+    });
+
+    ownerAboutToBlock = true;
+    CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
+    const QVariant value = data->value();
+
+    EXPECT_TRUE(finishStarted.load());
+    EXPECT_EQ(value, QVariant(QVariantList{1, 2, 3}));
+    // The owner's continuation still comes through the owner's event loop.
+    EXPECT_TRUE(waitUntil([&] { return ownerContinuationRan; }));
+    ASSERT_TRUE(thread->wait());
+}
+
+TEST(ReplyThreads, WaitForFinishedWithoutLimitReturnsOnceAnotherThreadFinishes)
+{
+    CMReply<void> reply;
+    std::atomic<bool> ownerAboutToBlock{false};
+    std::thread finisher([&] {
+        while (!ownerAboutToBlock.load())
+            std::this_thread::yield();
+        reply.setError(CMError(TrString("failed elsewhere")));
+    });
+    ownerAboutToBlock = true;
+    EXPECT_TRUE(reply.waitForFinished());
+    EXPECT_TRUE(reply.isFinished());
+    EXPECT_EQ(reply.error().message().toString(), QStringLiteral("failed elsewhere"));
+    finisher.join();
+}
+
+TEST(ReplyThreads, WatcherWhoseContextIsDestroyedBeforeFinishIsDropped)
+{
+    CMReply<QVariant> reply;
+    auto token = std::make_shared<int>(0);
+    bool droppedRan = false;
+    bool keptRan = false;
+    QObject* context = new QObject;
+    reply.onFinished(context, [&droppedRan, token](const CMReply<QVariant>&) { droppedRan = true; });
+    reply.onFinished([&](const CMReply<QVariant>&) { keptRan = true; });
+    delete context;
+
+    reply.setValue(1);
+    drainEvents();
+
+    EXPECT_FALSE(droppedRan);
+    EXPECT_TRUE(keptRan);
+    EXPECT_EQ(token.use_count(), 1) << "the dropped watcher was not released";
+}
+
+TEST(ReplyThreads, WatcherWhoseContextIsDestroyedBeforeQueuedDeliveryIsDropped)
+{
+    CMReply<QVariant> reply;
+    auto token = std::make_shared<int>(0);
+    bool droppedRan = false;
+    bool keptRan = false;
+    QObject* context = new QObject;
+    reply.onFinished(context, [&droppedRan, token](const CMReply<QVariant>&) { droppedRan = true; });
+    reply.onFinished([&](const CMReply<QVariant>&) { keptRan = true; });
+
+    // Finished elsewhere: both deliveries are posted to this thread.
+    std::thread finisher([reply] { reply.setValue(2); });
+    finisher.join();
+    ASSERT_TRUE(reply.isFinished());
+    delete context;
+
+    ASSERT_TRUE(waitUntil([&] { return keptRan; }));
+    drainEvents();
+    EXPECT_FALSE(droppedRan);
+    EXPECT_EQ(token.use_count(), 1) << "the dropped watcher was not released";
+}
+
+TEST(ReplyThreads, QueuedWatcherWithDestroyedContextIsDropped)
+{
+    CMReply<void> reply;
+    bool ran = false;
+    QObject* context = new QObject;
+    reply.onFinished(context, [&](const CMReply<void>&) { ran = true; }, Qt::QueuedConnection);
+    reply.setValue();
+    delete context;
+    drainEvents();
+    EXPECT_FALSE(ran);
+}
+
+TEST(ReplyThreads, QueuedConnectionRunsFromTheEventLoopNotSynchronously)
+{
+    CMReply<QVariant> reply;
+    int runs = 0;
+    reply.onFinished([&](const CMReply<QVariant>&) { ++runs; }, Qt::QueuedConnection);
+    reply.setValue(1);
+    EXPECT_EQ(runs, 0) << "a queued watcher ran inside setValue()";
+    ASSERT_TRUE(waitUntil([&] { return runs > 0; }));
+    drainEvents();
+    EXPECT_EQ(runs, 1);
+}
+
+TEST(ReplyThreads, QueuedWatcherAddedAfterFinishRunsFromTheEventLoop)
+{
+    CMReply<void> reply;
+    reply.setValue();
+    int runs = 0;
+    QObject context;
+    reply.onFinished(&context, [&](const CMReply<void>&) { ++runs; }, Qt::QueuedConnection);
+    EXPECT_EQ(runs, 0);
+    ASSERT_TRUE(waitUntil([&] { return runs > 0; }));
+    drainEvents();
+    EXPECT_EQ(runs, 1);
+}
+
+TEST(ReplyThreads, QueuedWatchersKeepTheirOrder)
+{
+    CMReply<QVariant> reply;
+    QList<int> order;
+    for (int i = 0; i < 5; ++i)
+        reply.onFinished([&order, i](const CMReply<QVariant>&) { order << i; }, Qt::QueuedConnection);
+    reply.setValue(0);
+    ASSERT_TRUE(waitUntil([&] { return order.size() == 5; }));
+    EXPECT_EQ(order, (QList<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(ReplyThreads, WatcherOfAThreadThatEndedIsDroppedAndReleased)
+{
+    CMReply<QVariant> reply;
+    auto token = std::make_shared<int>(0);
+    std::atomic<bool> ran{false};
+    std::thread watcherThread([&] {
+        // No context: the watcher belongs to this short-lived thread.
+        reply.onFinished([&ran, token](const CMReply<QVariant>&) { ran = true; });
+    });
+    watcherThread.join();
+
+    reply.setValue(1);
+    drainEvents();
+
+    EXPECT_FALSE(ran.load());
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(ReplyThreads, WhenAllFinishedJoinsRepliesFinishedOnSeveralThreads)
+{
+    constexpr int kReplies = 16;
+    QList<CMVoidReply> replies;
+    for (int i = 0; i < kReplies; ++i)
+        replies << CMReply<QVariant>();
+    const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished(replies);
+    QThread* joinedOn = nullptr;
+    all.onFinished([&](const CMReply<QList<CMVoidReply>>&) { joinedOn = QThread::currentThread(); });
+
+    StartGate gate;
+    std::vector<std::thread> finishers;
+    for (int i = 0; i < kReplies; ++i) {
+        finishers.emplace_back([&gate, reply = CMReply<QVariant>(replies.at(i)), i] {
+            gate.wait();
+            if (i == 5)
+                reply.setError(CMError(QStringLiteral("org.test.Five"), TrString("five failed")));
+            else
+                reply.setValue(i);
+        });
+    }
+    gate.open();
+    for (std::thread& finisher : finishers)
+        finisher.join();
+
+    ASSERT_TRUE(waitUntil([&] { return joinedOn != nullptr; }));
+    EXPECT_EQ(joinedOn, mainThread());
+    EXPECT_EQ(all.error().name(), QStringLiteral("org.test.Five"));
+    EXPECT_EQ(all.value().size(), kReplies);
+}
