@@ -14,6 +14,7 @@
 #include "eventloop.h"
 #include "velapowerenums.h"
 
+#include <QCoreApplication>
 #include <QList>
 #include <QString>
 #include <QVariant>
