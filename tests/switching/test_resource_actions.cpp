@@ -1,0 +1,440 @@
+// A resource's own switching step: the set-data write through the root
+// worker under a time limit, and a target's step that succeeds at once.
+
+#include "switchingfixture.h"
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <QObject>
+#include <QTimer>
+
+using namespace switching;
+
+namespace {
+
+const char* const kActionContinuation =
+    "PowerResource::executeAction(const QString&, const CMSetDataRequest&)::<lambda(const CMReply<QVariant>&)> mutable";
+
+/*
+ * Counts the timer events that reach QTimer objects of this thread, except
+ * the one given to ignore: an action's time-out timer can only fire through
+ * such an event, so a count of zero proves that it never fired.
+ */
+class TimerEventProbe : public QObject
+{
+public:
+    explicit TimerEventProbe(const QObject* ignored)
+        : m_ignored(ignored)
+    {
+        QCoreApplication::instance()->installEventFilter(this);
+    }
+    ~TimerEventProbe() override { QCoreApplication::instance()->removeEventFilter(this); }
+
+    int count() const { return m_count; }
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (event->type() == QEvent::Timer && watched != m_ignored && qobject_cast<QTimer*>(watched))
+            ++m_count;
+        return false;
+    }
+
+private:
+    const QObject* m_ignored;
+    int m_count = 0;
+};
+
+using ResourceActions = SwitchingTest;
+
+} // namespace
+
+// --- Requests not set, targets --------------------------------------------
+
+TEST_F(ResourceActions, EnableActionWithoutRequestSucceedsAtOnceWithoutWriteOrLog)
+{
+    PowerResource* node = makeResource(Answer::NoRequest, Answer::NoRequest);
+    LogCapture log;
+
+    const CMReply<void> enabled = node->onEnableAction();
+    const CMReply<void> disabled = node->onDisableAction();
+
+    ASSERT_TRUE(enabled.isFinished());
+    EXPECT_FALSE(enabled.error().isError());
+    ASSERT_TRUE(disabled.isFinished());
+    EXPECT_FALSE(disabled.error().isError());
+    EXPECT_TRUE(m_writes.empty());
+    EXPECT_TRUE(log.events().empty()) << log.dump();
+}
+
+TEST_F(ResourceActions, ExecuteActionWithNullRequestSucceedsAtOnceWithoutWriteOrLog)
+{
+    PowerResource* node = makeResource();
+    LogCapture log;
+
+    const CMReply<void> result = node->executeAction(QStringLiteral("enable"), CMSetDataRequest());
+
+    ASSERT_TRUE(result.isFinished());
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_TRUE(m_writes.empty());
+    EXPECT_TRUE(log.events().empty()) << log.dump();
+}
+
+TEST_F(ResourceActions, TargetActionsSucceedAtOnce)
+{
+    PowerTarget* target = makeTarget();
+    LogCapture log;
+
+    const CMReply<void> enabled = target->onEnableAction();
+    const CMReply<void> disabled = target->onDisableAction();
+
+    ASSERT_TRUE(enabled.isFinished());
+    EXPECT_FALSE(enabled.error().isError());
+    ASSERT_TRUE(disabled.isFinished());
+    EXPECT_FALSE(disabled.error().isError());
+    EXPECT_NE(enabled, disabled) << "each call makes its own reply";
+    EXPECT_TRUE(m_writes.empty());
+    EXPECT_TRUE(log.events().empty()) << log.dump();
+}
+
+// --- The write --------------------------------------------------------------
+
+TEST_F(ResourceActions, WritePassesPathKeyAndValueToTheHandler)
+{
+    PowerResource* node = makeResource();
+    handle(QStringLiteral("/modules/display/power"), Answer::AtOnce);
+    handle(QStringLiteral("/modules/display/standby"), Answer::AtOnce);
+    node->setOnEnableActionRequest(
+        CMSetDataRequest(CMPath("/modules/display/power"), QStringLiteral("level"), QVariant(42)));
+    node->setOnDisableActionRequest(
+        CMSetDataRequest(CMPath("/modules/display/standby"), QStringLiteral("mode"), QVariant(QStringLiteral("deep"))));
+
+    const CMReply<void> enabled = node->onEnableAction();
+    ASSERT_EQ(m_writes.size(), 1u);
+    EXPECT_EQ(m_writes[0].path, CMPath("/modules/display/power"));
+    EXPECT_EQ(m_writes[0].key, QStringLiteral("level"));
+    EXPECT_EQ(m_writes[0].value, QVariant(42));
+
+    const CMReply<void> disabled = node->onDisableAction();
+    ASSERT_EQ(m_writes.size(), 2u);
+    EXPECT_EQ(m_writes[1].path, CMPath("/modules/display/standby"));
+    EXPECT_EQ(m_writes[1].key, QStringLiteral("mode"));
+    EXPECT_EQ(m_writes[1].value, QVariant(QStringLiteral("deep")));
+
+    ASSERT_TRUE(waitUntil([&] { return enabled.isFinished() && disabled.isFinished(); }));
+    EXPECT_FALSE(enabled.error().isError());
+    EXPECT_FALSE(disabled.error().isError());
+}
+
+TEST_F(ResourceActions, ExecuteActionWritesTheGivenRequestAndNamesTheActionInTheLog)
+{
+    PowerResource* node = makeResource();
+    const QString path = QStringLiteral("/switching/custom");
+    handle(path, Answer::AtOnce);
+    LogCapture log;
+
+    const CMReply<void> result =
+        node->executeAction(QStringLiteral("wake"), CMSetDataRequest(CMPath(path), QStringLiteral("k"), 7));
+
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_EQ(writesTo(path), 1);
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL, str(node->name()) + " is now wake"), 1) << log.dump();
+}
+
+TEST_F(ResourceActions, AnswerAtOnceFinishesTheResultWithSuccessAndDebugLog)
+{
+    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce);
+    LogCapture log;
+
+    const CMReply<void> result = node->onEnableAction();
+
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_EQ(writesTo(enablePath(node)), 1);
+    const auto lines = log.withMessage(str(node->name()) + " is now enable");
+    ASSERT_EQ(lines.size(), 1u) << log.dump();
+    EXPECT_EQ(lines[0].level, log4cplus::DEBUG_LOG_LEVEL);
+    EXPECT_EQ(lines[0].file, nodeSource());
+    EXPECT_EQ(lines[0].function, kActionContinuation);
+}
+
+TEST_F(ResourceActions, LateAnswerFinishesTheResultOnlyWhenItArrives)
+{
+    PowerResource* node = makeResource(Answer::Later, Answer::Later);
+    LogCapture log;
+
+    const CMReply<void> result = node->onEnableAction();
+    EXPECT_FALSE(result.isFinished()) << "answered only from the event loop";
+    EXPECT_EQ(writesTo(enablePath(node)), 1);
+
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL, str(node->name()) + " is now enable"), 1) << log.dump();
+}
+
+TEST_F(ResourceActions, ErrorAnswerIsForwardedUnchangedAndLoggedAtError)
+{
+    PowerResource* node = makeResource();
+    const QString path = QStringLiteral("/switching/refusing");
+    CMError refusal(QStringLiteral("org.test.Refused"), TrString(QStringLiteral("bus is down")));
+    refusal.insert(CMError::Title(), QVariant::fromValue(TrString(QStringLiteral("Refusal"))));
+    refusal.insert(QStringLiteral("code"), 7);
+    CMRootWorker::instance()->registerSetDataHandler(
+        CMPath(path), [refusal](const CMPath&, const QString&, const QVariant&, CMReply<QVariant> reply) {
+            reply.setError(refusal);
+        });
+    node->setOnDisableActionRequest(CMSetDataRequest(CMPath(path), QStringLiteral("powered"), false));
+    LogCapture log;
+
+    const CMReply<void> result = node->onDisableAction();
+
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    const CMError error = result.error();
+    EXPECT_TRUE(error.isError());
+    EXPECT_EQ(error.name(), QStringLiteral("org.test.Refused"));
+    EXPECT_EQ(error.message().toString(), QStringLiteral("bus is down"));
+    EXPECT_EQ(error.title().toString(), QStringLiteral("Refusal"));
+    EXPECT_EQ(error.value(QStringLiteral("code")), QVariant(7));
+    EXPECT_EQ(error.size(), refusal.size());
+
+    const auto lines = log.withMessage(str(node->name()) + " failed to disable Message: bus is down");
+    ASSERT_EQ(lines.size(), 1u) << log.dump();
+    EXPECT_EQ(lines[0].level, log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_EQ(lines[0].file, nodeSource());
+    EXPECT_EQ(lines[0].function, kActionContinuation);
+    EXPECT_FALSE(log.containsFragment(log4cplus::DEBUG_LOG_LEVEL, " is now ")) << log.dump();
+}
+
+TEST_F(ResourceActions, ActionNameInTheLogIsEnableOrDisable)
+{
+    PowerResource* good = makeResource(Answer::AtOnce, Answer::AtOnce);
+    PowerResource* bad = makeResource(Answer::WithError, Answer::WithError);
+    LogCapture log;
+
+    const QList<CMVoidReply> results{good->onEnableAction(), good->onDisableAction(), bad->onEnableAction(),
+                                     bad->onDisableAction()};
+    ASSERT_TRUE(waitUntil([&] {
+        for (const CMVoidReply& result : results) {
+            if (!result.isFinished())
+                return false;
+        }
+        return true;
+    }));
+
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL, str(good->name()) + " is now enable"), 1) << log.dump();
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL, str(good->name()) + " is now disable"), 1) << log.dump();
+    EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL, str(bad->name()) + " failed to enable Message: refused"), 1)
+        << log.dump();
+    EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL, str(bad->name()) + " failed to disable Message: refused"), 1)
+        << log.dump();
+    EXPECT_EQ(log.events().size(), 4u) << log.dump();
+}
+
+// --- Time limit -----------------------------------------------------------
+
+TEST_F(ResourceActions, NeverAnsweredWriteTimesOutWithTheTimeoutError)
+{
+    PowerResource* node = makeResource(Answer::Never, Answer::Never, 30);
+    LogCapture log;
+
+    const CMReply<void> result = node->onEnableAction();
+    EXPECT_FALSE(result.isFinished());
+    ASSERT_EQ(m_unanswered.size(), 1);
+
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_TRUE(isTimeoutError(result.error()));
+    EXPECT_TRUE(isTimeoutError(m_unanswered[0].error())) << "the time-out finishes the watched reply itself";
+
+    const auto lines = log.withMessage(str(node->name()) + " failed to enable Message: " + str(CMVoidReply::ErrorTimeout()));
+    ASSERT_EQ(lines.size(), 1u) << log.dump();
+    EXPECT_EQ(lines[0].level, log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_EQ(lines[0].file, nodeSource());
+    EXPECT_EQ(lines[0].function, kActionContinuation);
+}
+
+TEST_F(ResourceActions, DefaultTimeLimitIsUsedByTheOneArgumentConstructor)
+{
+    PowerResource* node = makeResource(Answer::Never, Answer::Never);
+    ASSERT_EQ(node->actionTimeout(), 5000);
+
+    // Well inside the default limit nothing has timed out.
+    const CMReply<void> result = node->onEnableAction();
+    drainEvents();
+    EXPECT_FALSE(result.isFinished());
+    m_unanswered[0].setValue(QVariant(true));
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_FALSE(result.error().isError());
+}
+
+TEST_F(ResourceActions, ZeroTimeoutTimesOutOnTheNextTurnOfTheEventLoop)
+{
+    PowerResource* node = makeResource(Answer::Never, Answer::Never, 0);
+
+    const CMReply<void> result = node->onDisableAction();
+    EXPECT_FALSE(result.isFinished()) << "nothing may time out before the event loop runs";
+    ASSERT_EQ(m_unanswered.size(), 1);
+    EXPECT_FALSE(m_unanswered[0].isFinished());
+
+    QCoreApplication::processEvents();
+
+    ASSERT_TRUE(result.isFinished());
+    EXPECT_TRUE(isTimeoutError(result.error()));
+}
+
+TEST_F(ResourceActions, ZeroTimeoutDoesNotFireWhenTheAnswerIsAlreadyThere)
+{
+    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 0);
+    LogCapture log;
+
+    const CMReply<void> result = node->onEnableAction();
+    drainEvents();
+
+    ASSERT_TRUE(result.isFinished());
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_FALSE(log.containsFragment(log4cplus::ERROR_LOG_LEVEL, "failed to")) << log.dump();
+}
+
+TEST_F(ResourceActions, AnswerBeforeTheTimeoutStopsTheTimer)
+{
+    QTimer later;
+    later.setSingleShot(true);
+    bool laterFired = false;
+    QObject::connect(&later, &QTimer::timeout, [&] { laterFired = true; });
+    TimerEventProbe probe(&later);
+
+    // The probe sees a time-out timer fire when nobody answers.
+    PowerResource* silent = makeResource(Answer::Never, Answer::Never, 20);
+    const CMReply<void> timedOut = silent->onEnableAction();
+    ASSERT_TRUE(waitUntil([&] { return timedOut.isFinished(); }));
+    ASSERT_TRUE(isTimeoutError(timedOut.error()));
+    const int firedBefore = probe.count();
+    ASSERT_GE(firedBefore, 1);
+
+    // Answered first: waiting well past the limit lets no timer fire.
+    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 20);
+    LogCapture log;
+    const CMReply<void> result = node->onEnableAction();
+    later.start(200);
+    ASSERT_TRUE(waitUntil([&] { return laterFired; }));
+
+    ASSERT_TRUE(result.isFinished());
+    EXPECT_FALSE(result.error().isError());
+    EXPECT_EQ(probe.count(), firedBefore) << "a time-out timer fired after its action had been answered";
+    EXPECT_FALSE(log.containsFragment(log4cplus::ERROR_LOG_LEVEL, "failed to")) << log.dump();
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL, str(node->name()) + " is now enable"), 1) << log.dump();
+}
+
+TEST_F(ResourceActions, AnswerAfterTheTimeoutIsIgnored)
+{
+    PowerResource* node = makeResource(Answer::Never, Answer::Never, 10);
+    LogCapture log;
+
+    const CMReply<void> result = node->onEnableAction();
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    ASSERT_TRUE(isTimeoutError(result.error()));
+
+    const CMReply<QVariant> watched = m_unanswered[0];
+    watched.setValue(QVariant(true));
+    drainEvents();
+
+    EXPECT_TRUE(isTimeoutError(result.error()));
+    EXPECT_TRUE(isTimeoutError(watched.error()));
+    EXPECT_FALSE(log.containsFragment(log4cplus::DEBUG_LOG_LEVEL, " is now ")) << log.dump();
+    EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL,
+                        str(node->name()) + " failed to enable Message: " + str(CMVoidReply::ErrorTimeout())),
+              1)
+        << log.dump();
+}
+
+TEST_F(ResourceActions, EachCallStartsItsOwnWrite)
+{
+    PowerResource* node = makeResource(Answer::Never, Answer::Never);
+
+    const CMReply<void> first = node->onEnableAction();
+    const CMReply<void> second = node->onEnableAction();
+
+    EXPECT_NE(first, second);
+    EXPECT_EQ(writesTo(enablePath(node)), 2);
+    ASSERT_EQ(m_unanswered.size(), 2);
+    m_unanswered[1].setValue(QVariant(true));
+    ASSERT_TRUE(waitUntil([&] { return second.isFinished(); }));
+    EXPECT_FALSE(first.isFinished());
+}
+
+// --- Storing the requests ---------------------------------------------------
+
+TEST_F(ResourceActions, SettingTheStoredEnableRequestAgainChangesNothing)
+{
+    PowerResource* node = makeResource();
+    const QString path = QStringLiteral("/switching/first");
+    handle(path, Answer::AtOnce);
+    CMSetDataRequest request(CMPath(path), QStringLiteral("powered"), 1);
+    node->setOnEnableActionRequest(request);
+
+    node->setOnEnableActionRequest(request);
+
+    EXPECT_TRUE(node->onEnableActionRequest() == request);
+    // Still the one shared request: a change made through the caller's copy
+    // is what the resource writes.
+    request.setValue(2);
+    const CMReply<void> result = node->onEnableAction();
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    ASSERT_EQ(m_writes.size(), 1u);
+    EXPECT_EQ(m_writes[0].path, CMPath(path));
+    EXPECT_EQ(m_writes[0].value, QVariant(2));
+}
+
+TEST_F(ResourceActions, SettingAnotherEnableRequestReplacesTheStoredOne)
+{
+    PowerResource* node = makeResource();
+    const QString firstPath = QStringLiteral("/switching/first");
+    const QString secondPath = QStringLiteral("/switching/second");
+    handle(firstPath, Answer::AtOnce);
+    handle(secondPath, Answer::AtOnce);
+    const CMSetDataRequest first(CMPath(firstPath), QStringLiteral("powered"), 1);
+    // Same contents, but another handle: it replaces the first.
+    const CMSetDataRequest lookalike(CMPath(firstPath), QStringLiteral("powered"), 1);
+    const CMSetDataRequest second(CMPath(secondPath), QStringLiteral("powered"), 3);
+
+    node->setOnEnableActionRequest(first);
+    node->setOnEnableActionRequest(lookalike);
+    EXPECT_TRUE(node->onEnableActionRequest() == lookalike);
+    EXPECT_FALSE(node->onEnableActionRequest() == first);
+
+    node->setOnEnableActionRequest(second);
+    EXPECT_TRUE(node->onEnableActionRequest() == second);
+    EXPECT_TRUE(node->onDisableActionRequest().isNull()) << "the other direction is untouched";
+
+    const CMReply<void> result = node->onEnableAction();
+    ASSERT_TRUE(waitUntil([&] { return result.isFinished(); }));
+    EXPECT_EQ(writesTo(firstPath), 0);
+    ASSERT_EQ(writesTo(secondPath), 1);
+    EXPECT_EQ(m_writes[0].value, QVariant(3));
+}
+
+TEST_F(ResourceActions, SettingTheDisableRequestAgainKeepsItAndAnotherReplacesIt)
+{
+    PowerResource* node = makeResource();
+    const QString firstPath = QStringLiteral("/switching/off-first");
+    const QString secondPath = QStringLiteral("/switching/off-second");
+    handle(firstPath, Answer::AtOnce);
+    handle(secondPath, Answer::AtOnce);
+    const CMSetDataRequest first(CMPath(firstPath), QStringLiteral("powered"), false);
+    const CMSetDataRequest second(CMPath(secondPath), QStringLiteral("powered"), false);
+
+    node->setOnDisableActionRequest(first);
+    node->setOnDisableActionRequest(first);
+    EXPECT_TRUE(node->onDisableActionRequest() == first);
+    const CMReply<void> once = node->onDisableAction();
+    ASSERT_TRUE(waitUntil([&] { return once.isFinished(); }));
+    EXPECT_EQ(writesTo(firstPath), 1);
+
+    node->setOnDisableActionRequest(second);
+    EXPECT_TRUE(node->onDisableActionRequest() == second);
+    EXPECT_TRUE(node->onEnableActionRequest().isNull());
+    const CMReply<void> twice = node->onDisableAction();
+    ASSERT_TRUE(waitUntil([&] { return twice.isFinished(); }));
+    EXPECT_EQ(writesTo(firstPath), 1);
+    EXPECT_EQ(writesTo(secondPath), 1);
+}
