@@ -1,7 +1,9 @@
 #include "velapowermanagertarget.h"
 
+// Keys built on use: records may be filled from other libraries' static
+// initialisers, before this file's own globals would exist.
 namespace {
-const QString targetKey = QStringLiteral("target");
+QString targetKey() { return QStringLiteral("target"); }
 
 // The record crosses queued signal connections, so its meta-type is
 // registered as soon as the library is loaded.
@@ -17,11 +19,11 @@ VelaPowerManagerTarget::VelaPowerManagerTarget(VelaPowerManagerTargets::Enum tar
 
 VelaPowerManagerTargets::Enum VelaPowerManagerTarget::target() const
 {
-    return static_cast<VelaPowerManagerTargets::Enum>(value(targetKey).toInt());
+    return static_cast<VelaPowerManagerTargets::Enum>(value(targetKey()).toInt());
 }
 
 VelaPowerManagerTarget& VelaPowerManagerTarget::setTarget(VelaPowerManagerTargets::Enum target)
 {
-    insert(targetKey, static_cast<int>(target));
+    insert(targetKey(), static_cast<int>(target));
     return *this;
 }

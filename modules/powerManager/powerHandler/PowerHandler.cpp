@@ -5,6 +5,32 @@
 
 #include <QPointer>
 
+namespace {
+
+/*
+ * The queue is busy from the moment processNextRequest() starts looking at
+ * the head until that head is resolved: this table holds, per handler of
+ * this thread, the head that was started (or null while invalid heads are
+ * being answered and dropped). A started head does not always report
+ * processing: listeners of nextTargetChanged run before process() is
+ * called, and a head whose resolution failed never processes. Callers
+ * answered in between may queue new requests; tryProcessNextRequest() must
+ * then leave the queue to the running loop instead of starting the same
+ * head twice or dropping a head that is about to be resolved.
+ */
+thread_local QHash<const PowerHandler*, const PowerNodeRequest*> t_busyQueues;
+
+} // namespace
+
+// A refusal is the caller's answer: the error is set on the reply, logged
+// from the entry point that refused, and nothing is queued.
+#define VELA_REFUSE(reply, text, record)                                                                     \
+    do {                                                                                                      \
+        (reply).setError(CMError(QStringLiteral("Error"), TrString(text)));                                  \
+        VELA_ERROR((reply).error().message() << ": " << (record));                                           \
+        return;                                                                                               \
+    } while (false)
+
 PowerHandler::PowerHandler()
     : QObject(nullptr)
 {
@@ -12,7 +38,10 @@ PowerHandler::PowerHandler()
 
 // The containers go in reverse order of declaration. The nodes stay alive
 // (they are the service's) and callers still waiting are released unanswered.
-PowerHandler::~PowerHandler() = default;
+PowerHandler::~PowerHandler()
+{
+    t_busyQueues.remove(this);
+}
 
 // --- Registration and introspection ----------------------------------------
 
@@ -107,19 +136,22 @@ void PowerHandler::tryProcessNextRequest()
 {
     VELA_TRACE_ENTER("void PowerHandler::tryProcessNextRequest()", "");
     // A running head starts the next request itself when it is resolved.
-    if (m_requests.isEmpty() || m_requests.first()->isProcessing())
+    if (m_requests.isEmpty() || m_requests.first()->isProcessing() || t_busyQueues.contains(this))
         return;
     processNextRequest();
 }
 
 void PowerHandler::processNextRequest()
 {
+    t_busyQueues.insert(this, nullptr);
     // Invalid heads are answered and dropped one after another in this loop
     // rather than by recursion, so a long run of them costs no stack.
     for (;;) {
         VELA_TRACE_ENTER("void PowerHandler::processNextRequest()", "requests: " << m_requests.size());
-        if (m_requests.isEmpty())
+        if (m_requests.isEmpty()) {
+            t_busyQueues.remove(this);
             return;
+        }
         const PowerNodeRequestPtr request = m_requests.first();
         VELA_ASSERT(!request->isProcessing());
         if (request->isValid())
@@ -129,15 +161,21 @@ void PowerHandler::processNextRequest()
     }
 
     const PowerNodeRequestPtr request = m_requests.first();
+    t_busyQueues.insert(this, request.data());
     const auto target = m_targetRequests.constFind(request->id());
-    if (target != m_targetRequests.cend())
-        emit nextTargetChanged(target->first);
+    if (target != m_targetRequests.cend()) {
+        // A copy: a listener that queues another target may rehash the table.
+        const VelaPowerManagerTarget next = target->first;
+        emit nextTargetChanged(next);
+    }
 
-    // The handler is the context: a handler destroyed while the request runs
-    // drops the continuation instead of calling into freed memory.
+    // The continuations find out whether the handler still exists: one
+    // destroyed while its request ran leaves the rest of the work undone
+    // instead of calling into freed memory.
     request->process().onFinished(
-        this,
-        [this, request](const CMReply<void>& processed) {
+        [this, handler = QPointer<PowerHandler>(this), request](const CMReply<void>& processed) {
+            if (!handler)
+                return;
             VELA_INFO("request id: " << request->id() << " finished");
             // After a target request, resources that no switching has touched
             // yet are brought to disabled; the caller waits for that.
@@ -150,7 +188,7 @@ void PowerHandler::processNextRequest()
             }
             CMVoidReply::whenAllFinished(cleanups).addWatcher(
                 nullptr,
-                [handler = QPointer<PowerHandler>(this), request, processed](const CMVoidReply&) {
+                [handler, request, processed](const CMVoidReply&) {
                     if (!handler)
                         return;
                     handler->resolveNodeRequest(request->id(), processed.error());
@@ -181,6 +219,9 @@ void PowerHandler::resolveNodeRequest(int64_t id, const CMError& error)
         m_resourceRequests.erase(resource);
     }
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");
+    const auto busy = t_busyQueues.constFind(this);
+    if (busy != t_busyQueues.cend() && busy.value() == m_requests.first().data())
+        t_busyQueues.remove(this);
     m_requests.removeFirst();
     if (success)
         reply.setValue(QVariant());
@@ -190,23 +231,17 @@ void PowerHandler::resolveNodeRequest(int64_t id, const CMError& error)
 
 // --- Entry points ------------------------------------------------------------
 
-void PowerHandler::refuse(const CMReply<QVariant>& reply, const char* message, const VelaHash& record)
-{
-    reply.setError(CMError(QStringLiteral("Error"), TrString(message)));
-    VELA_ERROR(reply.error().message() << ": " << record);
-}
-
 void PowerHandler::requestTarget(const VelaPowerManagerTarget& target, CMReply<QVariant> reply)
 {
     VELA_TRACE_ENTER("void PowerHandler::requestTarget(const VelaPowerManagerTarget&, CMReply<QVariant>)",
                      target);
     if (target.isEmpty())
-        return refuse(reply, "Incorrect request", target);
+        VELA_REFUSE(reply, "Incorrect request", target);
     PowerTarget* node = m_targets.value(target.target());
     if (!node)
-        return refuse(reply, "Unknown target", target);
+        VELA_REFUSE(reply, "Unknown target", target);
     if (!addRequest(makeRequest(node, VelaPowerManagerName(), VelaPowerModuleActions::hold)))
-        return refuse(reply, "Cannot add request for requested target", target);
+        VELA_REFUSE(reply, "Cannot add request for requested target", target);
     // Stored before the queue is kicked: the request may finish inside it.
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");
     m_targetRequests.insert(m_requests.last()->id(), qMakePair(target, reply));
@@ -218,12 +253,12 @@ void PowerHandler::requestResource(const VelaPowerManagerResourceRequest& reques
     VELA_TRACE_ENTER(
         "void PowerHandler::requestResource(const VelaPowerManagerResourceRequest&, CMReply<QVariant>)", request);
     if (request.isEmpty())
-        return refuse(reply, "Incorrect request", request);
+        VELA_REFUSE(reply, "Incorrect request", request);
     PowerResource* node = m_resources.value(request.resource());
     if (!node)
-        return refuse(reply, "Unknown resource", request);
+        VELA_REFUSE(reply, "Unknown resource", request);
     if (!addRequest(makeRequest(node, request.moduleName(), request.action())))
-        return refuse(reply, "Cannot add request for requested resource", request);
+        VELA_REFUSE(reply, "Cannot add request for requested resource", request);
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");
     m_resourceRequests.insert(m_requests.last()->id(), reply);
     tryProcessNextRequest();

@@ -77,8 +77,6 @@ signals:
     void nextTargetChanged(const VelaPowerManagerTarget& target);
 
 private:
-    void refuse(const CMReply<QVariant>& reply, const char* message, const VelaHash& record);
-
     QHash<QString, VelaPowerManagerModuleRegister> m_modules;
     QHash<VelaPowerManagerResources::Enum, PowerResource*> m_resources;
     QHash<VelaPowerManagerTargets::Enum, PowerTarget*> m_targets;

@@ -294,6 +294,8 @@ void PowerNode::addRequiredByNode(PowerNode* node)
         m_requiredByNodes.insert(node);
 }
 
+// A self-edge would make this pair call each other without end: it is a
+// programming error of the wiring code, stopped before any recursion.
 void PowerNode::requiresNode(PowerNode* node)
 {
     if (node == this)
@@ -691,8 +693,8 @@ void PowerTarget::disables(PowerTarget* target)
 
 void PowerTarget::requiresNode(PowerNode* node)
 {
-    if (node == this)
-        vela::assertFailed(selfEdgeText("enable", m_name), __FILE__, __LINE__);
+    // A target's edges are one-sided: a self-edge cannot recurse here and is
+    // dropped by addRequiredNode().
     if (m_requiredNodes.contains(node))
         return;
     if (!PowerNodeGraph::closureContains(this, Direction::RequiredBy, node)) {
@@ -705,8 +707,6 @@ void PowerTarget::requiresNode(PowerNode* node)
 
 void PowerTarget::requiredByNode(PowerNode* node)
 {
-    if (node == this)
-        vela::assertFailed(selfEdgeText("disable", m_name), __FILE__, __LINE__);
     if (m_requiredByNodes.contains(node))
         return;
     if (!PowerNodeGraph::closureContains(this, Direction::Required, node)) {

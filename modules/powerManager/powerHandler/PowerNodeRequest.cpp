@@ -4,8 +4,6 @@
 #include "dbglog.h"
 #include "velaassert.h"
 
-#include <QMutex>
-#include <QMutexLocker>
 #include <QWeakPointer>
 
 #include <limits>
@@ -16,17 +14,13 @@ namespace {
 int64_t s_idCounter = 0;
 
 /*
- * The share through which a running request keeps itself alive in its own
- * continuations (a request made without create() has none: its owner must
- * then keep it alive until its reply has finished). create() records it here, keyed by object, so that the
- * request's layout stays as it is; the entry goes with the object.
+ * A running request keeps itself alive in its own continuations through a
+ * share of itself. create() leaves a weak reference to that share on the
+ * object, as a dynamic property, so the request's own layout stays as it
+ * is. A request made without create() has none: its owner must then keep it
+ * alive until its reply has finished.
  */
-QMutex s_sharesLock;
-QHash<const PowerNodeRequest*, QWeakPointer<PowerNodeRequest>>& shares()
-{
-    static QHash<const PowerNodeRequest*, QWeakPointer<PowerNodeRequest>> table;
-    return table;
-}
+const char* const shareProperty = "_q_velaRequestShare";
 
 using ResourceActions = QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>;
 using ChangedResources = QHash<QString, ResourceActions>;
@@ -79,8 +73,7 @@ PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& mod
                                              const QHash<QString, VelaPowerManagerModuleRegister>& modules)
 {
     PowerNodeRequestPtr request(new PowerNodeRequest(node, module, action, modules));
-    QMutexLocker locker(&s_sharesLock);
-    shares().insert(request.data(), request.toWeakRef());
+    request->setProperty(shareProperty, QVariant::fromValue(request.toWeakRef()));
     return request;
 }
 
@@ -104,16 +97,11 @@ PowerNodeRequest::PowerNodeRequest(PowerNode* node, const QString& module, const
     }
 }
 
-PowerNodeRequest::~PowerNodeRequest()
-{
-    QMutexLocker locker(&s_sharesLock);
-    shares().remove(this);
-}
+PowerNodeRequest::~PowerNodeRequest() = default;
 
 PowerNodeRequestPtr PowerNodeRequest::sharedFromThis() const
 {
-    QMutexLocker locker(&s_sharesLock);
-    return shares().value(this).toStrongRef();
+    return property(shareProperty).value<QWeakPointer<PowerNodeRequest>>().toStrongRef();
 }
 
 int64_t PowerNodeRequest::nextId()
