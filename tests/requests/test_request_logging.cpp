@@ -88,10 +88,10 @@ TEST_F(RequestLogging, NullNodeLogsTheEntryLineThenTheError)
     EXPECT_EQ(events[1].function, kConstructorSignature);
 }
 
-// KNOWN DEVIATION, left failing on purpose: the constructor's entry line is
-// documented as coming from line 34 of PowerNodeRequest.cpp and the
-// "Null node pointer." line from line 36; the library emits them from other
-// lines (the records' line fields differ).
+// KNOWN DEVIATION, left failing on purpose: the constructor's entry line
+// belongs at line 34 of PowerNodeRequest.cpp and the "Null node pointer."
+// line at line 36; the library emits them from other lines (the records'
+// line fields differ).
 TEST_F(RequestLogging, ConstructorLinesComeFromSourceLines34And36)
 {
     LogCapture log;
