@@ -17,6 +17,7 @@
 #include <QCoreApplication>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 
 #include <gtest/gtest.h>
@@ -53,6 +54,19 @@ inline std::string str(const QString& text)
     return text.toStdString();
 }
 
+/*
+ * A resource that also shows the replies of its latest transitions, so that
+ * a test can tell a fresh reply from the one the node keeps.
+ */
+class TestResource : public PowerResource
+{
+public:
+    using PowerResource::PowerResource;
+
+    CMReply<void> enableReply() const { return m_enableReply; }
+    CMReply<void> disableReply() const { return m_disableReply; }
+};
+
 class SwitchingTest : public ::testing::Test
 {
 protected:
@@ -65,6 +79,7 @@ protected:
         for (int round = 0; round < 100 && !m_unanswered.isEmpty(); ++round) {
             const QList<CMReply<QVariant>> pending = m_unanswered;
             m_unanswered.clear();
+            m_unansweredPaths.clear();
             for (const CMReply<QVariant>& reply : pending)
                 reply.setError(CMError(TrString(QStringLiteral("test finished"))));
             drainEvents();
@@ -76,18 +91,18 @@ protected:
 
     // A resource with a name of its own. `timeout` < 0 uses the one-argument
     // constructor (the default time limit).
-    PowerResource* makeResource(int timeout = kDefaultTimeout)
+    TestResource* makeResource(int timeout = kDefaultTimeout)
     {
         const auto value = static_cast<VelaPowerManagerResources::Enum>(s_nextResource++);
-        PowerResource* node = timeout < 0 ? new PowerResource(value) : new PowerResource(value, timeout);
+        TestResource* node = timeout < 0 ? new TestResource(value) : new TestResource(value, timeout);
         m_nodes.emplace_back(node);
         return node;
     }
 
     // A resource whose enable and disable writes are answered as given.
-    PowerResource* makeResource(Answer onEnable, Answer onDisable, int timeout = kDefaultTimeout)
+    TestResource* makeResource(Answer onEnable, Answer onDisable, int timeout = kDefaultTimeout)
     {
-        PowerResource* node = makeResource(timeout);
+        TestResource* node = makeResource(timeout);
         if (onEnable != Answer::NoRequest)
             node->setOnEnableActionRequest(setDataRequest(enablePath(node), true, onEnable));
         if (onDisable != Answer::NoRequest)
@@ -129,14 +144,14 @@ protected:
                     reply.setError(CMError(TrString(errorMessage)));
                     break;
                 case Answer::Later:
-                    m_unanswered.append(reply);
+                    keep(at, reply);
                     QMetaObject::invokeMethod(
                         QCoreApplication::instance(), [reply]() { reply.setValue(QVariant(true)); },
                         Qt::QueuedConnection);
                     break;
                 case Answer::Never:
                 case Answer::NoRequest:
-                    m_unanswered.append(reply);
+                    keep(at, reply);
                     break;
                 }
             });
@@ -152,11 +167,45 @@ protected:
         return n;
     }
 
-    // The writes that were never answered by a handler, oldest first.
+    // Answers the oldest write at `path` that is still unanswered; false
+    // when there is none.
+    bool answerPending(const QString& path, const QVariant& value = QVariant(true))
+    {
+        for (int i = 0; i < m_unanswered.size(); ++i) {
+            if (m_unansweredPaths.at(i) == path && !m_unanswered.at(i).isFinished()) {
+                const CMReply<QVariant> reply = m_unanswered.at(i); // answering may grow the list
+                reply.setValue(value);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool answerPendingWithError(const QString& path, const CMError& error)
+    {
+        for (int i = 0; i < m_unanswered.size(); ++i) {
+            if (m_unansweredPaths.at(i) == path && !m_unanswered.at(i).isFinished()) {
+                const CMReply<QVariant> reply = m_unanswered.at(i);
+                reply.setError(error);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // The writes that the handlers did not answer from inside setData,
+    // oldest first, with their paths.
     QList<CMReply<QVariant>> m_unanswered;
+    QStringList m_unansweredPaths;
     std::vector<Write> m_writes;
 
 private:
+    void keep(const CMPath& path, const CMReply<QVariant>& reply)
+    {
+        m_unanswered.append(reply);
+        m_unansweredPaths.append(path.toString());
+    }
+
     std::vector<std::unique_ptr<PowerNode>> m_nodes;
     static int s_nextResource;
     static int s_nextTarget;

@@ -53,7 +53,7 @@ using ResourceActions = SwitchingTest;
 
 TEST_F(ResourceActions, EnableActionWithoutRequestSucceedsAtOnceWithoutWriteOrLog)
 {
-    PowerResource* node = makeResource(Answer::NoRequest, Answer::NoRequest);
+    TestResource* node = makeResource(Answer::NoRequest, Answer::NoRequest);
     LogCapture log;
 
     const CMReply<void> enabled = node->onEnableAction();
@@ -69,7 +69,7 @@ TEST_F(ResourceActions, EnableActionWithoutRequestSucceedsAtOnceWithoutWriteOrLo
 
 TEST_F(ResourceActions, ExecuteActionWithNullRequestSucceedsAtOnceWithoutWriteOrLog)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     LogCapture log;
 
     const CMReply<void> result = node->executeAction(QStringLiteral("enable"), CMSetDataRequest());
@@ -101,7 +101,7 @@ TEST_F(ResourceActions, TargetActionsSucceedAtOnce)
 
 TEST_F(ResourceActions, WritePassesPathKeyAndValueToTheHandler)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     handle(QStringLiteral("/modules/display/power"), Answer::AtOnce);
     handle(QStringLiteral("/modules/display/standby"), Answer::AtOnce);
     node->setOnEnableActionRequest(
@@ -128,7 +128,7 @@ TEST_F(ResourceActions, WritePassesPathKeyAndValueToTheHandler)
 
 TEST_F(ResourceActions, ExecuteActionWritesTheGivenRequestAndNamesTheActionInTheLog)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     const QString path = QStringLiteral("/switching/custom");
     handle(path, Answer::AtOnce);
     LogCapture log;
@@ -144,7 +144,7 @@ TEST_F(ResourceActions, ExecuteActionWritesTheGivenRequestAndNamesTheActionInThe
 
 TEST_F(ResourceActions, AnswerAtOnceFinishesTheResultWithSuccessAndDebugLog)
 {
-    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* node = makeResource(Answer::AtOnce, Answer::AtOnce);
     LogCapture log;
 
     const CMReply<void> result = node->onEnableAction();
@@ -161,7 +161,7 @@ TEST_F(ResourceActions, AnswerAtOnceFinishesTheResultWithSuccessAndDebugLog)
 
 TEST_F(ResourceActions, LateAnswerFinishesTheResultOnlyWhenItArrives)
 {
-    PowerResource* node = makeResource(Answer::Later, Answer::Later);
+    TestResource* node = makeResource(Answer::Later, Answer::Later);
     LogCapture log;
 
     const CMReply<void> result = node->onEnableAction();
@@ -175,7 +175,7 @@ TEST_F(ResourceActions, LateAnswerFinishesTheResultOnlyWhenItArrives)
 
 TEST_F(ResourceActions, ErrorAnswerIsForwardedUnchangedAndLoggedAtError)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     const QString path = QStringLiteral("/switching/refusing");
     CMError refusal(QStringLiteral("org.test.Refused"), TrString(QStringLiteral("bus is down")));
     refusal.insert(CMError::Title(), QVariant::fromValue(TrString(QStringLiteral("Refusal"))));
@@ -208,8 +208,8 @@ TEST_F(ResourceActions, ErrorAnswerIsForwardedUnchangedAndLoggedAtError)
 
 TEST_F(ResourceActions, ActionNameInTheLogIsEnableOrDisable)
 {
-    PowerResource* good = makeResource(Answer::AtOnce, Answer::AtOnce);
-    PowerResource* bad = makeResource(Answer::WithError, Answer::WithError);
+    TestResource* good = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bad = makeResource(Answer::WithError, Answer::WithError);
     LogCapture log;
 
     const QList<CMVoidReply> results{good->onEnableAction(), good->onDisableAction(), bad->onEnableAction(),
@@ -235,7 +235,7 @@ TEST_F(ResourceActions, ActionNameInTheLogIsEnableOrDisable)
 
 TEST_F(ResourceActions, NeverAnsweredWriteTimesOutWithTheTimeoutError)
 {
-    PowerResource* node = makeResource(Answer::Never, Answer::Never, 30);
+    TestResource* node = makeResource(Answer::Never, Answer::Never, 30);
     LogCapture log;
 
     const CMReply<void> result = node->onEnableAction();
@@ -255,7 +255,7 @@ TEST_F(ResourceActions, NeverAnsweredWriteTimesOutWithTheTimeoutError)
 
 TEST_F(ResourceActions, DefaultTimeLimitIsUsedByTheOneArgumentConstructor)
 {
-    PowerResource* node = makeResource(Answer::Never, Answer::Never);
+    TestResource* node = makeResource(Answer::Never, Answer::Never);
     ASSERT_EQ(node->actionTimeout(), 5000);
 
     // Well inside the default limit nothing has timed out.
@@ -269,7 +269,7 @@ TEST_F(ResourceActions, DefaultTimeLimitIsUsedByTheOneArgumentConstructor)
 
 TEST_F(ResourceActions, ZeroTimeoutTimesOutOnTheNextTurnOfTheEventLoop)
 {
-    PowerResource* node = makeResource(Answer::Never, Answer::Never, 0);
+    TestResource* node = makeResource(Answer::Never, Answer::Never, 0);
 
     const CMReply<void> result = node->onDisableAction();
     EXPECT_FALSE(result.isFinished()) << "nothing may time out before the event loop runs";
@@ -284,7 +284,7 @@ TEST_F(ResourceActions, ZeroTimeoutTimesOutOnTheNextTurnOfTheEventLoop)
 
 TEST_F(ResourceActions, ZeroTimeoutDoesNotFireWhenTheAnswerIsAlreadyThere)
 {
-    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 0);
+    TestResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 0);
     LogCapture log;
 
     const CMReply<void> result = node->onEnableAction();
@@ -304,7 +304,7 @@ TEST_F(ResourceActions, AnswerBeforeTheTimeoutStopsTheTimer)
     TimerEventProbe probe(&later);
 
     // The probe sees a time-out timer fire when nobody answers.
-    PowerResource* silent = makeResource(Answer::Never, Answer::Never, 20);
+    TestResource* silent = makeResource(Answer::Never, Answer::Never, 20);
     const CMReply<void> timedOut = silent->onEnableAction();
     ASSERT_TRUE(waitUntil([&] { return timedOut.isFinished(); }));
     ASSERT_TRUE(isTimeoutError(timedOut.error()));
@@ -312,7 +312,7 @@ TEST_F(ResourceActions, AnswerBeforeTheTimeoutStopsTheTimer)
     ASSERT_GE(firedBefore, 1);
 
     // Answered first: waiting well past the limit lets no timer fire.
-    PowerResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 20);
+    TestResource* node = makeResource(Answer::AtOnce, Answer::AtOnce, 20);
     LogCapture log;
     const CMReply<void> result = node->onEnableAction();
     later.start(200);
@@ -327,7 +327,7 @@ TEST_F(ResourceActions, AnswerBeforeTheTimeoutStopsTheTimer)
 
 TEST_F(ResourceActions, AnswerAfterTheTimeoutIsIgnored)
 {
-    PowerResource* node = makeResource(Answer::Never, Answer::Never, 10);
+    TestResource* node = makeResource(Answer::Never, Answer::Never, 10);
     LogCapture log;
 
     const CMReply<void> result = node->onEnableAction();
@@ -349,7 +349,7 @@ TEST_F(ResourceActions, AnswerAfterTheTimeoutIsIgnored)
 
 TEST_F(ResourceActions, EachCallStartsItsOwnWrite)
 {
-    PowerResource* node = makeResource(Answer::Never, Answer::Never);
+    TestResource* node = makeResource(Answer::Never, Answer::Never);
 
     const CMReply<void> first = node->onEnableAction();
     const CMReply<void> second = node->onEnableAction();
@@ -366,7 +366,7 @@ TEST_F(ResourceActions, EachCallStartsItsOwnWrite)
 
 TEST_F(ResourceActions, SettingTheStoredEnableRequestAgainChangesNothing)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     const QString path = QStringLiteral("/switching/first");
     handle(path, Answer::AtOnce);
     CMSetDataRequest request(CMPath(path), QStringLiteral("powered"), 1);
@@ -387,7 +387,7 @@ TEST_F(ResourceActions, SettingTheStoredEnableRequestAgainChangesNothing)
 
 TEST_F(ResourceActions, SettingAnotherEnableRequestReplacesTheStoredOne)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     const QString firstPath = QStringLiteral("/switching/first");
     const QString secondPath = QStringLiteral("/switching/second");
     handle(firstPath, Answer::AtOnce);
@@ -415,7 +415,7 @@ TEST_F(ResourceActions, SettingAnotherEnableRequestReplacesTheStoredOne)
 
 TEST_F(ResourceActions, SettingTheDisableRequestAgainKeepsItAndAnotherReplacesIt)
 {
-    PowerResource* node = makeResource();
+    TestResource* node = makeResource();
     const QString firstPath = QStringLiteral("/switching/off-first");
     const QString secondPath = QStringLiteral("/switching/off-second");
     handle(firstPath, Answer::AtOnce);

@@ -1,0 +1,272 @@
+// Enabling and disabling through the required edges: a node locks what it
+// requires before its own action, and releases it only after its own
+// disable; a shared dependency stays on until its last holder lets go.
+
+#include "switchingfixture.h"
+
+#include <QSet>
+
+using namespace switching;
+
+namespace {
+
+using DependencyLocks = SwitchingTest;
+
+// Position of the first event with this message, or -1.
+int positionOf(const std::vector<CapturedEvent>& events, const std::string& message)
+{
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        if (events[i].message == message)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+std::string entersState(const PowerNode* node, const char* state)
+{
+    return "Node: " + str(node->name()) + " enters state: " + state;
+}
+
+} // namespace
+
+TEST_F(DependencyLocks, DiamondSharesItsBottomUntilTheLastHolderReleasesIt)
+{
+    // a requires b and c; both require d.
+    TestResource* a = makeResource(Answer::Later, Answer::Later);
+    TestResource* b = makeResource(Answer::Later, Answer::Later);
+    TestResource* c = makeResource(Answer::Later, Answer::Never);
+    TestResource* d = makeResource(Answer::Later, Answer::Later);
+    a->requiresNode(b);
+    a->requiresNode(c);
+    b->requiresNode(d);
+    c->requiresNode(d);
+    LogCapture log(log4cplus::DEBUG_LOG_LEVEL);
+
+    const CMReply<void> on = a->enable();
+
+    // The whole required sub-graph is locked before enable() returns; only
+    // the bottom's action can run yet.
+    for (TestResource* node : {a, b, c, d})
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::enabling) << str(node->name());
+    EXPECT_EQ(d->lockedBy(), (QSet<PowerNode*>{b, c}));
+    EXPECT_EQ(b->lockedBy(), QSet<PowerNode*>{a});
+    EXPECT_EQ(c->lockedBy(), QSet<PowerNode*>{a});
+    EXPECT_TRUE(a->lockedBy().isEmpty());
+    EXPECT_EQ(writesTo(enablePath(d)), 1);
+    EXPECT_EQ(writesTo(enablePath(b)) + writesTo(enablePath(c)) + writesTo(enablePath(a)), 0);
+
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    for (TestResource* node : {a, b, c, d}) {
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::enabled) << str(node->name());
+        EXPECT_EQ(writesTo(enablePath(node)), 1) << str(node->name());
+    }
+    const auto events = log.events();
+    const int dOn = positionOf(events, entersState(d, "enabled"));
+    const int bOn = positionOf(events, entersState(b, "enabled"));
+    const int cOn = positionOf(events, entersState(c, "enabled"));
+    const int aOn = positionOf(events, entersState(a, "enabled"));
+    ASSERT_TRUE(dOn >= 0 && bOn >= 0 && cOn >= 0 && aOn >= 0) << log.dump();
+    EXPECT_LT(dOn, bOn);
+    EXPECT_LT(dOn, cOn);
+    EXPECT_LT(bOn, aOn);
+    EXPECT_LT(cOn, aOn);
+
+    // Disable: a's own action first, then b and c; c's write is kept.
+    const CMReply<void> off = a->disable();
+    ASSERT_TRUE(waitUntil([&] {
+        return b->state() == VelaPowerNodeStates::disabled && c->state() == VelaPowerNodeStates::disabling;
+    }));
+    EXPECT_EQ(a->state(), VelaPowerNodeStates::disabled);
+    drainEvents();
+    EXPECT_EQ(d->state(), VelaPowerNodeStates::enabled) << "c still holds d";
+    EXPECT_EQ(d->lockedBy(), QSet<PowerNode*>{c});
+    EXPECT_EQ(writesTo(disablePath(d)), 0);
+    EXPECT_FALSE(off.isFinished());
+
+    ASSERT_TRUE(answerPending(disablePath(c)));
+    ASSERT_TRUE(waitUntil([&] { return off.isFinished(); }));
+    for (TestResource* node : {a, b, c, d}) {
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::disabled) << str(node->name());
+        EXPECT_TRUE(node->lockedBy().isEmpty()) << str(node->name());
+        EXPECT_EQ(writesTo(disablePath(node)), 1) << str(node->name());
+    }
+    EXPECT_FALSE(off.error().isError());
+    const auto after = log.events();
+    EXPECT_LT(positionOf(after, entersState(a, "disabled")), positionOf(after, entersState(b, "disabled")));
+    EXPECT_LT(positionOf(after, entersState(c, "disabled")), positionOf(after, entersState(d, "disabled")));
+}
+
+TEST_F(DependencyLocks, DiamondAnsweredAtOnceEnablesAndDisablesCompletely)
+{
+    TestResource* a = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* b = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* c = makeResource(Answer::NoRequest, Answer::NoRequest);
+    TestResource* d = makeResource(Answer::AtOnce, Answer::AtOnce);
+    a->requiresNode(b);
+    a->requiresNode(c);
+    b->requiresNode(d);
+    c->requiresNode(d);
+
+    const CMReply<void> on = a->enable();
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    for (TestResource* node : {a, b, c, d})
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::enabled) << str(node->name());
+    EXPECT_EQ(d->lockedBy(), (QSet<PowerNode*>{b, c}));
+
+    const CMReply<void> off = a->disable();
+    ASSERT_TRUE(waitUntil([&] { return off.isFinished(); }));
+    for (TestResource* node : {a, b, c, d}) {
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::disabled) << str(node->name());
+        EXPECT_TRUE(node->lockedBy().isEmpty()) << str(node->name());
+    }
+    EXPECT_EQ(writesTo(enablePath(d)), 1);
+    EXPECT_EQ(writesTo(disablePath(d)), 1);
+}
+
+TEST_F(DependencyLocks, DisablingOneOfTwoDependantsKeepsTheSharedNodeOn)
+{
+    TestResource* left = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* right = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* shared = makeResource(Answer::AtOnce, Answer::AtOnce);
+    left->requiresNode(shared);
+    right->requiresNode(shared);
+    const CMReply<void> leftOn = left->enable();
+    const CMReply<void> rightOn = right->enable();
+    ASSERT_TRUE(waitUntil([&] { return leftOn.isFinished() && rightOn.isFinished(); }));
+    EXPECT_EQ(writesTo(enablePath(shared)), 1);
+
+    const CMReply<void> leftOff = left->disable();
+    ASSERT_TRUE(waitUntil([&] { return leftOff.isFinished(); }));
+    EXPECT_EQ(left->state(), VelaPowerNodeStates::disabled);
+    EXPECT_EQ(shared->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(shared->lockedBy(), QSet<PowerNode*>{right});
+
+    const CMReply<void> rightOff = right->disable();
+    ASSERT_TRUE(waitUntil([&] { return rightOff.isFinished(); }));
+    EXPECT_EQ(shared->state(), VelaPowerNodeStates::disabled);
+    EXPECT_EQ(writesTo(disablePath(shared)), 1);
+}
+
+TEST_F(DependencyLocks, DependantOfAClaimedNodeLeavesItOnWhenDisabled)
+{
+    TestResource* top = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bottom = makeResource(Answer::AtOnce, Answer::AtOnce);
+    top->requiresNode(bottom);
+    const CMReply<void> claimed = bottom->setModuleAction(QStringLiteral("audio-service"), VelaPowerModuleActions::use);
+    const CMReply<void> on = top->enable();
+    ASSERT_TRUE(waitUntil([&] { return claimed.isFinished() && on.isFinished(); }));
+
+    const CMReply<void> off = top->disable();
+    ASSERT_TRUE(waitUntil([&] { return off.isFinished(); }));
+
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::disabled);
+    EXPECT_EQ(bottom->state(), VelaPowerNodeStates::enabled);
+    EXPECT_TRUE(bottom->lockedBy().isEmpty());
+    EXPECT_EQ(writesTo(disablePath(bottom)), 0);
+}
+
+TEST_F(DependencyLocks, NodeRunsItsOwnActionOnlyAfterItsDependencies)
+{
+    TestResource* top = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bottom = makeResource(Answer::Never, Answer::AtOnce);
+    top->requiresNode(bottom);
+
+    const CMReply<void> on = top->enable();
+    drainEvents();
+    EXPECT_EQ(writesTo(enablePath(top)), 0);
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::enabling);
+    EXPECT_FALSE(on.isFinished());
+
+    ASSERT_TRUE(answerPending(enablePath(bottom)));
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    EXPECT_EQ(writesTo(enablePath(top)), 1);
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::enabled);
+}
+
+TEST_F(DependencyLocks, FailedDependencyActionDoesNotStopTheDependant)
+{
+    TestResource* top = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bottom = makeResource(Answer::WithError, Answer::AtOnce);
+    top->requiresNode(bottom);
+    LogCapture log;
+
+    const CMReply<void> on = top->enable();
+
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    EXPECT_FALSE(on.error().isError());
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(bottom->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(log.count(log4cplus::FATAL_LOG_LEVEL, "Failed to enable resource " + str(bottom->name()) + ", error: refused"),
+              1)
+        << log.dump();
+    // The dependency's transition succeeded: no lock failure upstream.
+    EXPECT_FALSE(log.containsFragment(log4cplus::FATAL_LOG_LEVEL, "Failed to lock dependencies")) << log.dump();
+}
+
+TEST_F(DependencyLocks, FailedLockIsLoggedAndTheNodeStillRunsItsOwnAction)
+{
+    // The bottom's enable reply is a shared handle: whoever holds it can
+    // finish it with an error, which is what the top then receives as its
+    // lock reply.
+    TestResource* top = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bottom = makeResource(Answer::Never, Answer::AtOnce);
+    top->requiresNode(bottom);
+    const CMReply<void> bottomOn = bottom->enable();
+    bottomOn.setError(CMError(TrString(QStringLiteral("lock broken"))));
+    LogCapture log;
+
+    const CMReply<void> on = top->enable();
+
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    EXPECT_FALSE(on.error().isError());
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(writesTo(enablePath(top)), 1);
+    const auto lines = log.withMessage("Failed to lock dependencies for " + str(top->name()) + ", error: lock broken");
+    ASSERT_EQ(lines.size(), 1u) << log.dump();
+    EXPECT_EQ(lines[0].level, log4cplus::FATAL_LOG_LEVEL);
+    EXPECT_EQ(lines[0].file, nodeSource());
+    EXPECT_EQ(lines[0].function, "PowerNode::enable()::<lambda(const CMReply<QList<CMVoidReply> >&)> mutable");
+}
+
+TEST_F(DependencyLocks, FailedUnlockIsLoggedAndTheDisableStillSucceeds)
+{
+    TestResource* top = makeResource(Answer::AtOnce, Answer::AtOnce);
+    TestResource* bottom = makeResource(Answer::AtOnce, Answer::Never);
+    top->requiresNode(bottom);
+    const CMReply<void> on = top->enable();
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    LogCapture log;
+
+    const CMReply<void> off = top->disable();
+    ASSERT_TRUE(waitUntil([&] { return bottom->state() == VelaPowerNodeStates::disabling; }));
+    EXPECT_FALSE(off.isFinished());
+    // The bottom's running disable reply, finished with an error by its holder.
+    bottom->disableReply().setError(CMError(TrString(QStringLiteral("unlock broken"))));
+
+    ASSERT_TRUE(waitUntil([&] { return off.isFinished(); }));
+    EXPECT_FALSE(off.error().isError());
+    EXPECT_EQ(top->state(), VelaPowerNodeStates::disabled);
+    const auto lines =
+        log.withMessage("Failed to unlock all dependencies for " + str(top->name()) + ", error: unlock broken");
+    ASSERT_EQ(lines.size(), 1u) << log.dump();
+    EXPECT_EQ(lines[0].level, log4cplus::FATAL_LOG_LEVEL);
+    EXPECT_EQ(lines[0].file, nodeSource());
+    EXPECT_EQ(lines[0].function.rfind("PowerNode::disable()::<lambda(", 0), 0u) << lines[0].function;
+}
+
+TEST_F(DependencyLocks, LockOfATargetDependencyEnablesItAtOnce)
+{
+    PowerTarget* target = makeTarget();
+    TestResource* resource = makeResource(Answer::AtOnce, Answer::AtOnce);
+    target->enables(resource);
+
+    const CMReply<void> on = target->enable();
+    ASSERT_TRUE(waitUntil([&] { return on.isFinished(); }));
+    EXPECT_EQ(resource->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(resource->lockedBy(), QSet<PowerNode*>{target});
+
+    const CMReply<void> off = target->disable();
+    ASSERT_TRUE(waitUntil([&] { return off.isFinished(); }));
+    EXPECT_EQ(resource->state(), VelaPowerNodeStates::disabled);
+    EXPECT_TRUE(resource->lockedBy().isEmpty());
+}
