@@ -42,15 +42,29 @@ VELA_API_EXPORT std::string dbglog_scopedFunction(const std::string& signature, 
 // How names and other Qt strings reach the log: UTF-8 text.
 VELA_API_EXPORT std::ostream& operator<<(std::ostream& stream, const QString& text);
 
-#define VELA_LOG_AT(level, message)                                                             \
-    do {                                                                                        \
-        log4cplus::Logger& vela_logger_ = ::vela::powerManagerLogger();                         \
-        if (vela_logger_.isEnabledFor(level)) {                                                 \
-            std::ostringstream vela_stream_;                                                    \
-            vela_stream_ << message;                                                            \
-            vela_logger_.forcedLog(level, vela_stream_.str(), __FILE__, __LINE__,               \
-                                   __PRETTY_FUNCTION__);                                        \
-        }                                                                                       \
+namespace vela {
+namespace detail {
+// Builds and writes one record. Kept out of line so that the stream lives
+// only while a record is written: the functions that log keep small stack
+// frames, which matters for the ones that recurse along dependency chains.
+template <typename Build>
+__attribute__((noinline)) void logBuilt(log4cplus::Logger& logger, log4cplus::LogLevel level, const Build& build,
+                                        const char* file, int line, const char* function)
+{
+    std::ostringstream stream;
+    build(stream);
+    logger.forcedLog(level, stream.str(), file, line, function);
+}
+} // namespace detail
+} // namespace vela
+
+#define VELA_LOG_AT(level, message)                                                                     \
+    do {                                                                                                \
+        log4cplus::Logger& vela_logger_ = ::vela::powerManagerLogger();                                 \
+        if (vela_logger_.isEnabledFor(level))                                                           \
+            ::vela::detail::logBuilt(                                                                   \
+                vela_logger_, level, [&](std::ostream& vela_stream_) { vela_stream_ << message; },      \
+                __FILE__, __LINE__, __PRETTY_FUNCTION__);                                               \
     } while (false)
 
 #define VELA_TRACE(message) VELA_LOG_AT(log4cplus::TRACE_LOG_LEVEL, message)

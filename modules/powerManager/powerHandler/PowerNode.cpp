@@ -196,6 +196,28 @@ private:
 
 thread_local ReachabilityScope* ReachabilityScope::t_current = nullptr;
 
+/*
+ * Enabling a node locks its required nodes, each of which enables (and
+ * locks its own) before the call returns: the stack grows by a few frames
+ * per link of the longest required chain. The steps of that recursion are
+ * kept out of line and small, so a chain of ten thousand nodes fits the
+ * default stack with room to spare.
+ */
+__attribute__((noinline)) QList<CMVoidReply> lockAll(const QSet<PowerNode*>& nodes, PowerNode* holder)
+{
+    QList<CMVoidReply> locks;
+    locks.reserve(nodes.size());
+    for (PowerNode* node : nodes)
+        locks.append(node->nodeLock(holder));
+    return locks;
+}
+
+template <typename Continuation>
+__attribute__((noinline)) void whenAllFinished(const QList<CMVoidReply>& replies, Continuation continuation)
+{
+    CMVoidReply::whenAllFinished(replies).onFinished(std::move(continuation), Qt::AutoConnection);
+}
+
 std::string selfEdgeText(const char* relation, const QString& name)
 {
     return "node != this (power node " + name.toStdString() + " cannot " + relation + " itself)";
@@ -410,28 +432,24 @@ CMReply<void> PowerNode::enable()
 
     // Every required node is locked at once; each of them starts its own
     // enable (and locks its own dependencies) before its call returns.
-    QList<CMVoidReply> locks;
-    locks.reserve(m_requiredNodes.size());
-    for (PowerNode* node : qAsConst(m_requiredNodes))
-        locks.append(node->nodeLock(this));
+    const QList<CMVoidReply> locks = lockAll(m_requiredNodes, this);
 
     // The reply is captured so that this transition finishes its own reply,
     // whatever transition runs by the time the continuation is called.
-    CMVoidReply::whenAllFinished(locks).onFinished(
-        [this, transition = m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
-            const CMError lockError = locked.error();
-            if (lockError.isError())
-                VELA_FATAL("Failed to lock dependencies for " << m_name << ", error: " << lockError.message());
-            // The node's own action runs even when a dependency failed.
-            onEnableAction().onFinished([this, transition](const CMReply<void>& action) mutable {
-                const CMError actionError = action.error();
-                if (actionError.isError())
-                    VELA_FATAL("Failed to enable resource " << m_name << ", error: " << actionError.message());
-                m_state = VelaPowerNodeStates::enabled;
-                VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
-                transition.setValue();
-            });
+    whenAllFinished(locks, [this, transition = m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
+        const CMError lockError = locked.error();
+        if (lockError.isError())
+            VELA_FATAL("Failed to lock dependencies for " << m_name << ", error: " << lockError.message());
+        // The node's own action runs even when a dependency failed.
+        onEnableAction().onFinished([this, transition](const CMReply<void>& action) mutable {
+            const CMError actionError = action.error();
+            if (actionError.isError())
+                VELA_FATAL("Failed to enable resource " << m_name << ", error: " << actionError.message());
+            m_state = VelaPowerNodeStates::enabled;
+            VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
+            transition.setValue();
         });
+    });
     return m_enableReply;
 }
 
