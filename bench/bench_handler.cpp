@@ -1,0 +1,251 @@
+// The power handler under load, with a platform that answers every write at
+// once:
+//  - resource requests from the call to the answered reply, one at a time
+//    (with and without a write) and 10,000 queued behind a pending one;
+//  - target switches between two targets on graphs of 10 to 10,000
+//    resources, each switch enabling one half and disabling the other, with
+//    the growth of the time per switch.
+
+#include "PowerHandler.h"
+#include "PowerNode.h"
+
+#include "cmreply.h"
+#include "cmrequest.h"
+#include "cmrootworker.h"
+#include "dbglog.h"
+#include "velapowerenums.h"
+#include "velapowermanagermoduleregister.h"
+#include "velapowermanagerresourcerequest.h"
+#include "velapowermanagertarget.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QList>
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+const CMPath kWritePath("/bench/power");
+const CMPath kHeldPath("/bench/held");
+const QString kModule = QStringLiteral("bench");
+
+VelaPowerManagerResources::Enum resourceValue(int value)
+{
+    return static_cast<VelaPowerManagerResources::Enum>(value);
+}
+
+// The platform: writes at kWritePath are answered at once, writes at
+// kHeldPath are kept until release() answers them.
+class Platform
+{
+public:
+    Platform()
+    {
+        CMRootWorker::instance()->registerSetDataHandler(
+            kWritePath, [](const CMPath&, const QString&, const QVariant& value, CMReply<QVariant> reply) {
+                reply.setValue(value);
+            });
+        CMRootWorker::instance()->registerSetDataHandler(
+            kHeldPath, [this](const CMPath&, const QString&, const QVariant&, CMReply<QVariant> reply) {
+                m_held.append(reply);
+            });
+    }
+    ~Platform()
+    {
+        release();
+        CMRootWorker::instance()->clearHandlers();
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+    }
+    Platform(const Platform&) = delete;
+    Platform& operator=(const Platform&) = delete;
+
+    int held() const { return m_held.size(); }
+    void release()
+    {
+        while (!m_held.isEmpty())
+            m_held.takeFirst().setValue(QVariant(true));
+    }
+
+private:
+    QList<CMReply<QVariant>> m_held;
+};
+
+void switchedBy(PowerResource* resource, const CMPath& path)
+{
+    resource->setOnEnableActionRequest(CMSetDataRequest(path, QStringLiteral("power"), true));
+    resource->setOnDisableActionRequest(CMSetDataRequest(path, QStringLiteral("power"), false));
+}
+
+bool waitFor(const CMVoidReply& reply)
+{
+    for (int round = 0; !reply.isFinished() && round < 1000000; ++round)
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+    return reply.isFinished() && !reply.error().isError();
+}
+
+// One resource request at a time, from the call to the answered reply. With
+// `toggle`, every request changes the module's action, so the resource is
+// switched (one write) each time; without, the action stays and nothing is
+// switched.
+void resourceRequestOneAtATime(benchmark::State& state, bool toggle)
+{
+    Platform platform;
+    PowerResource resource(resourceValue(0));
+    switchedBy(&resource, kWritePath);
+    PowerHandler handler;
+    handler.registerModule(VelaPowerManagerModuleRegister(kModule, CMPath(), CMPath()));
+    handler.registerResource(&resource);
+
+    bool use = true;
+    int64_t synchronous = 0;
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        handler.requestResource(VelaPowerManagerResourceRequest(resource.resource(), kModule,
+                                                                use ? VelaPowerModuleActions::use
+                                                                    : VelaPowerModuleActions::release),
+                                reply);
+        if (reply.isFinished())
+            ++synchronous;
+        else if (!waitFor(reply)) {
+            state.SkipWithError("a request was not answered with success");
+            break;
+        }
+        if (toggle)
+            use = !use;
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.counters["answered_in_call"] =
+        benchmark::Counter(static_cast<double>(synchronous), benchmark::Counter::kAvgIterations);
+}
+
+void BM_ResourceRequestOneAtATimeSwitching(benchmark::State& state)
+{
+    resourceRequestOneAtATime(state, true);
+}
+BENCHMARK(BM_ResourceRequestOneAtATimeSwitching);
+
+void BM_ResourceRequestOneAtATimeUnchanged(benchmark::State& state)
+{
+    resourceRequestOneAtATime(state, false);
+}
+BENCHMARK(BM_ResourceRequestOneAtATimeUnchanged);
+
+// 10,000 switching requests queued behind one whose write is pending, then
+// drained by answering that write: the time covers queuing and draining.
+void BM_ResourceRequestsQueued(benchmark::State& state)
+{
+    const int queued = static_cast<int>(state.range(0));
+    Platform platform;
+    PowerResource blocker(resourceValue(0));
+    switchedBy(&blocker, kHeldPath);
+    PowerResource resource(resourceValue(1));
+    switchedBy(&resource, kWritePath);
+    PowerHandler handler;
+    handler.registerModule(VelaPowerManagerModuleRegister(kModule, CMPath(), CMPath()));
+    handler.registerResource(&blocker);
+    handler.registerResource(&resource);
+
+    std::vector<CMReply<QVariant>> replies(static_cast<size_t>(queued));
+    bool blockerUsed = false;
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (CMReply<QVariant>& reply : replies)
+            reply = CMReply<QVariant>();
+        blockerUsed = !blockerUsed;
+        CMReply<QVariant> head;
+        handler.requestResource(
+            VelaPowerManagerResourceRequest(blocker.resource(), kModule,
+                                            blockerUsed ? VelaPowerModuleActions::use : VelaPowerModuleActions::release),
+            head);
+        if (platform.held() != 1) {
+            state.SkipWithError("the head request did not wait for its write");
+            break;
+        }
+        state.ResumeTiming();
+
+        for (int i = 0; i < queued; ++i)
+            handler.requestResource(VelaPowerManagerResourceRequest(resource.resource(), kModule,
+                                                                    i % 2 == 0 ? VelaPowerModuleActions::use
+                                                                               : VelaPowerModuleActions::release),
+                                    replies[static_cast<size_t>(i)]);
+        platform.release();
+        if (!waitFor(replies.back()) || handler.pendingRequests() != 0) {
+            state.SkipWithError("the queue did not drain");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * queued);
+}
+BENCHMARK(BM_ResourceRequestsQueued)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+// Two targets, each enabling its own half of `resources` resources; every
+// iteration switches to the other target: one half is enabled, the other
+// disabled (one write each), and the clean-up looks at every resource.
+void BM_TargetSwitch(benchmark::State& state)
+{
+    const int count = static_cast<int>(state.range(0));
+    Platform platform;
+    // The nodes outlive the handler.
+    std::vector<std::unique_ptr<PowerResource>> resources;
+    resources.reserve(static_cast<size_t>(count));
+    PowerTarget first(VelaPowerManagerTargets::active);
+    PowerTarget second(VelaPowerManagerTargets::standby);
+    PowerHandler handler;
+    handler.registerModule(VelaPowerManagerModuleRegister(VelaPowerManagerName(), CMPath(), CMPath()));
+    for (int i = 0; i < count; ++i) {
+        resources.emplace_back(new PowerResource(resourceValue(i)));
+        switchedBy(resources.back().get(), kWritePath);
+        (i % 2 == 0 ? first : second).enables(resources.back().get());
+        handler.registerResource(resources.back().get());
+    }
+    first.setReachableTargets({&second});
+    second.setReachableTargets({&first});
+    handler.registerTarget(&first);
+    handler.registerTarget(&second);
+
+    CMReply<QVariant> start;
+    handler.requestTarget(VelaPowerManagerTarget(first.target()), start);
+    if (!waitFor(start)) {
+        state.SkipWithError("the first target could not be reached");
+        return;
+    }
+    const VelaPowerManagerTarget records[] = {VelaPowerManagerTarget(second.target()),
+                                              VelaPowerManagerTarget(first.target())};
+    int next = 0;
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        handler.requestTarget(records[next], reply);
+        if (!waitFor(reply)) {
+            state.SkipWithError("a target switch failed");
+            break;
+        }
+        next = 1 - next;
+    }
+    state.SetComplexityN(count);
+    state.counters["resources"] = count;
+    state.counters["per_resource"] = benchmark::Counter(static_cast<double>(state.iterations()) * count,
+                                                        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_TargetSwitch)
+    ->RangeMultiplier(10)
+    ->Range(10, 10000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity(benchmark::oN);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    vela::powerManagerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
