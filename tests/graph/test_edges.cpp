@@ -267,6 +267,51 @@ TEST(PowerTargetEdges, TargetEdgesAreStoredOnTheTargetSideOnly)
     }
 }
 
+// A target's operations make no reverse call, so a self-edge cannot recurse:
+// it is never stored, and with nothing around it nothing is logged.
+TEST(PowerTargetEdges, SelfEdgeOfATargetIsDroppedSilently)
+{
+    PowerTarget t(VelaPowerManagerTargets::active);
+    PowerResource r(VelaPowerManagerResources::display);
+    LogCapture log;
+    t.requiresNode(&t);
+    t.requiredByNode(&t);
+    t.disables(&t);
+    EXPECT_TRUE(t.requiredNodes(false).isEmpty());
+    EXPECT_TRUE(t.requiredByNodes(false).isEmpty());
+    EXPECT_TRUE(log.events().empty()) << log.dump();
+    t.enables(&r);
+    t.requiresNode(&t);
+    t.disables(&t);
+    EXPECT_EQ(t.requiredNodes(false), QSet<PowerNode*>{&r});
+    EXPECT_TRUE(t.requiredByNodes(false).isEmpty());
+    EXPECT_TRUE(log.events().empty()) << log.dump();
+}
+
+// When the target already stands in its own chains (through nodes wired
+// with the base operations), its self-edge meets the ordinary conflict
+// check and is refused like any other node in those chains.
+TEST(PowerTargetEdges, SelfEdgeOfATargetInItsOwnChainsIsRefused)
+{
+    PowerTarget t(VelaPowerManagerTargets::active);
+    TestNode a(QStringLiteral("A")), b(QStringLiteral("B"));
+    a.requiresNode(&t);     // a requires t; t's reverse side: t disables a
+    b.requiredByNode(&t);   // t requires b; t's reverse side: t enables b
+    a.requiredByNode(&b);   // b requires a
+    ASSERT_TRUE(t.requiredByNodes(true).contains(&t));
+    ASSERT_TRUE(t.requiredNodes(true).contains(&t));
+    LogCapture log;
+    t.requiresNode(&t);
+    expectSingleRefusal(log, "Tried to make power target active enable node active, but it already disables that node.",
+                        kTargetRequires);
+    log.clear();
+    t.disables(&t);
+    expectSingleRefusal(log, "Tried to make power target active disable node active, but it already enables that node.",
+                        kTargetRequiredBy);
+    EXPECT_FALSE(t.requiredNodes(false).contains(&t));
+    EXPECT_FALSE(t.requiredByNodes(false).contains(&t));
+}
+
 // B is required by target T (stored on both sides by the base operation and
 // the target's reverse), A requires T. A chain A -> T -> B exists, but the
 // check does not follow it through T, so B may require A.

@@ -133,8 +133,8 @@ TEST(PowerNodeIsEnabled, TraceLineSaysEnabledOnlyInStateTwo)
 }
 
 // KNOWN DEVIATION, left failing on purpose: the entry line of isEnabled() is
-// documented as coming from line 348 of PowerNode.cpp; the library emits it
-// from another line (the record's line field differs).
+// to be recorded with source line 348 of PowerNode.cpp, and the library
+// records the line where its logging call happens to stand.
 TEST(PowerNodeIsEnabled, TraceLineComesFromSourceLine348)
 {
     PowerResource resource(VelaPowerManagerResources::display);
