@@ -633,22 +633,28 @@ CMReply<void> PowerResource::executeAction(const QString& action, const CMSetDat
     const CMReply<QVariant> watched =
         CMRoot()->setData(request.path(), request.key(), request.value(), CMReply<QVariant>());
 
-    QSharedPointer<QTimer> timer(new QTimer, &releaseActionTimer);
-    timer->setSingleShot(true);
-    timer->start(m_actionTimeout);
-    QObject::connect(
-        timer.data(), &QTimer::timeout, timer.data(),
-        [watched, firing = timer.data()]() {
-            t_firingTimer = firing;
-            watched.setError(actionTimeoutError());
-            t_firingTimer = nullptr;
-        },
-        Qt::DirectConnection);
+    // A platform that answered within setData() leaves nothing to time out:
+    // the timer would be stopped before it could ever fire, so none is made.
+    QSharedPointer<QTimer> timer;
+    if (!watched.isFinished()) {
+        timer.reset(new QTimer, &releaseActionTimer);
+        timer->setSingleShot(true);
+        timer->start(m_actionTimeout);
+        QObject::connect(
+            timer.data(), &QTimer::timeout, timer.data(),
+            [watched, firing = timer.data()]() {
+                t_firingTimer = firing;
+                watched.setError(actionTimeoutError());
+                t_firingTimer = nullptr;
+            },
+            Qt::DirectConnection);
+    }
 
     watched.onFinished(
         nullptr,
         [this, action, result, timer](const CMReply<QVariant>& reply) mutable {
-            timer->stop();
+            if (timer)
+                timer->stop();
             const CMError error = reply.error();
             if (!error.isError()) {
                 VELA_DEBUG(name() << " is now " << action);

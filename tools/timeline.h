@@ -1,0 +1,39 @@
+#ifndef VELA_TOOLS_TIMELINE_H
+#define VELA_TOOLS_TIMELINE_H
+
+#include <QElapsedTimer>
+#include <QString>
+
+#include <log4cplus/appender.h>
+
+#include <ostream>
+
+/*
+ * What happened, in order, with the time since the run started:
+ *   [    0 ms] request   #1 target active
+ *   [    0 ms] write     /modules/display/power on = true
+ *   [    0 ms] state     display -> enabled
+ * Node state changes and the library's errors come from the "PowerManager"
+ * log, so the timeline shows them exactly as the library reports them.
+ */
+class Timeline
+{
+public:
+    explicit Timeline(std::ostream& out);
+    ~Timeline();
+    Timeline(const Timeline&) = delete;
+    Timeline& operator=(const Timeline&) = delete;
+
+    void add(const char* kind, const QString& text);
+    // Also show every library record at `level` and above (TRACE shows all).
+    void showLibraryLog(log4cplus::LogLevel level);
+
+private:
+    class LogForwarder;
+
+    std::ostream& m_out;
+    QElapsedTimer m_clock;
+    log4cplus::SharedAppenderPtr m_forwarder;
+};
+
+#endif
