@@ -381,9 +381,24 @@ void CMReply<void>::onFinished(Function function, Qt::ConnectionType type) const
     onFinished(nullptr, std::move(function), type);
 }
 
+namespace {
+class VoidWatcher : public CMReplyWatcher
+{
+public:
+    VoidWatcher(QObject* context, CMReply<void>::Function function, Qt::ConnectionType type)
+        : CMReplyWatcher(context, type)
+        , m_function(std::move(function))
+    {
+    }
+    void finished(const CMVoidReply& reply) override { m_function(CMReply<void>(reply)); }
+
+private:
+    CMReply<void>::Function m_function;
+};
+} // namespace
+
 void CMReply<void>::onFinished(QObject* context, Function function, Qt::ConnectionType type) const
 {
-    addWatcher(
-        context, [function = std::move(function)](const CMVoidReply& reply) { function(CMReply<void>(reply)); },
-        type);
+    VELA_ASSERT_TEXT(m_d, "m_d");
+    m_d->addWatcher(new VoidWatcher(context, std::move(function), type));
 }

@@ -254,29 +254,42 @@ public:
 
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
-        addWatcher(context, wrap(std::move(function)), type);
+        VELA_ASSERT_TEXT(m_d, "m_d");
+        m_d->addWatcher(new TypedWatcher(context, std::move(function), type));
     }
     void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
-        addWatcher(nullptr, wrap(std::move(function)), type);
+        onFinished(nullptr, std::move(function), type);
     }
 
 private:
+    // Holds the typed continuation itself (one object per continuation) and
+    // checks, when the reply finishes, that its data really is of type T.
+    class TypedWatcher : public CMReplyWatcher
+    {
+    public:
+        TypedWatcher(QObject* context, Function function, Qt::ConnectionType type)
+            : CMReplyWatcher(context, type)
+            , m_function(std::move(function))
+        {
+        }
+        void finished(const CMVoidReply& reply) override
+        {
+            auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
+            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+            m_function(CMReply<T>(typed));
+        }
+
+    private:
+        Function m_function;
+    };
+
     CMReplyData<T>* typedData() const
     {
         VELA_ASSERT_TEXT(m_d, "m_d");
         auto* typed = dynamic_cast<CMReplyData<T>*>(m_d);
         VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
         return typed;
-    }
-
-    static std::function<void(const CMVoidReply&)> wrap(Function function)
-    {
-        return [function = std::move(function)](const CMVoidReply& reply) {
-            auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
-            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
-            function(CMReply<T>(typed));
-        };
     }
 };
 
