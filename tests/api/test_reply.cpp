@@ -394,6 +394,28 @@ TEST(Reply, ReplyDataStaysAliveWhileItsWatchersRun)
     EXPECT_TRUE(destroyed);
 }
 
+TEST(Reply, ContextDestroyedWhileItsContinuationIsDueDropsIt)
+{
+    CMReply<void> first;
+    CMReply<void> second;
+    QObject* context = new QObject;
+    bool droppedRan = false;
+    bool laterRan = false;
+    second.onFinished(context, [&](const CMReply<void>&) { droppedRan = true; });
+    second.onFinished([&](const CMReply<void>&) { laterRan = true; });
+    first.onFinished([&](const CMReply<void>&) {
+        // The second reply's watchers are now due, to run after this one.
+        second.setValue();
+        delete context;
+    });
+
+    first.setValue();
+    drainEvents();
+
+    EXPECT_FALSE(droppedRan);
+    EXPECT_TRUE(laterRan);
+}
+
 // --- Watchers added after the finish --------------------------------------------
 
 TEST(Reply, WatcherAddedAfterFinishRunsOnce)
@@ -497,7 +519,7 @@ TEST(Reply, VirtualValueGetterOfData)
 TEST(WhenAllFinished, EmptyListFinishesAtOnceWithSuccess)
 {
     const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished({});
-    EXPECT_TRUE(all.isFinished());
+    ASSERT_TRUE(all.isFinished());
     EXPECT_FALSE(all.error().isError());
     EXPECT_TRUE(all.value().isEmpty());
 
@@ -584,7 +606,7 @@ TEST(WhenAllFinished, AlreadyFinishedRepliesJoinAtOnce)
     a.setValue(1);
     b.setValue();
     const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished({a, b});
-    EXPECT_TRUE(all.isFinished());
+    ASSERT_TRUE(all.isFinished());
     EXPECT_FALSE(all.error().isError());
     EXPECT_EQ(all.value().size(), 2);
 }
@@ -609,7 +631,7 @@ TEST(WhenAllFinished, HandlesWithoutDataCountAsFinished)
     const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished({CMVoidReply(), real});
     EXPECT_FALSE(all.isFinished());
     real.setValue(1);
-    EXPECT_TRUE(all.isFinished());
+    ASSERT_TRUE(all.isFinished());
     EXPECT_FALSE(all.error().isError());
     EXPECT_EQ(all.value().size(), 2);
 }
@@ -622,7 +644,7 @@ TEST(WhenAllFinished, SameReplyListedTwiceFinishesOnce)
     all.onFinished([&](const CMReply<QList<CMVoidReply>>&) { ++runs; });
     reply.setValue(1);
     drainEvents();
-    EXPECT_TRUE(all.isFinished());
+    ASSERT_TRUE(all.isFinished());
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(all.value().size(), 2);
 }

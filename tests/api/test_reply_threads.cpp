@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -28,14 +29,32 @@ QThread* mainThread()
     return QCoreApplication::instance()->thread();
 }
 
-// Runs `work` on a fresh QThread (no event loop of its own) and returns the
-// started thread; the caller waits for it and deletes it.
-std::unique_ptr<QThread> startThread(std::function<void()> work)
+// A QThread (without event loop of its own) running one function.
+class WorkerThread
 {
-    std::unique_ptr<QThread> thread(QThread::create(std::move(work)));
-    thread->start();
-    return thread;
-}
+public:
+    explicit WorkerThread(std::function<void()> work)
+        : m_thread(QThread::create([this, work = std::move(work)] {
+            work();
+            // Published last, so that join() sees everything the work did.
+            m_done.store(true, std::memory_order_release);
+        }))
+    {
+        m_thread->start();
+    }
+    ~WorkerThread() { join(); }
+
+    void join()
+    {
+        while (!m_done.load(std::memory_order_acquire))
+            QThread::yieldCurrentThread();
+        m_thread->wait();
+    }
+
+private:
+    std::atomic<bool> m_done{false};
+    std::unique_ptr<QThread> m_thread;
+};
 
 // Releases all waiting threads at once, so that they race.
 class StartGate
@@ -76,28 +95,42 @@ TEST(ReplyThreads, ContinuationOfReplyFinishedOnAnotherThreadRunsOnOwnerThread)
         ++runs;
     });
 
-    QThread* finisher = nullptr;
-    std::unique_ptr<QThread> thread = startThread([&] {
+    std::atomic<QThread*> finisher{nullptr};
+    WorkerThread thread([&] {
         finisher = QThread::currentThread();
         reply.setValue(QStringLiteral("from worker"));
     });
 
     ASSERT_TRUE(waitUntil([&] { return runs.load() > 0; }));
-    ASSERT_TRUE(thread->wait());
+    thread.join();
     drainEvents();
 
     EXPECT_EQ(runs.load(), 1);
     EXPECT_EQ(ranOn, mainThread());
-    EXPECT_NE(ranOn, finisher);
+    EXPECT_NE(ranOn, finisher.load());
     EXPECT_EQ(seen.toString(), QStringLiteral("from worker"));
 }
 
 TEST(ReplyThreads, ContinuationWithContextRunsOnTheContextThread)
 {
     QThread contextThread;
-    contextThread.start();
     QObject* context = new QObject;
     context->moveToThread(&contextThread);
+    QObject::connect(&contextThread, &QThread::finished, context, &QObject::deleteLater);
+    // The thread's event dispatcher is woken through a descriptor that the
+    // thread creates when it starts and closes when it ends. The two flags
+    // order this thread's wake-ups between those points in a way that the
+    // race detector can see (Qt's own ordering is invisible to it).
+    std::atomic<bool> loopReady{false};
+    std::atomic<bool> quitRequested{false};
+    QObject::connect(&contextThread, &QThread::started, [&] { loopReady.store(true, std::memory_order_release); });
+    QObject::connect(&contextThread, &QThread::finished, [&] {
+        while (!quitRequested.load(std::memory_order_acquire))
+            QThread::yieldCurrentThread();
+    });
+    contextThread.start();
+    while (!loopReady.load(std::memory_order_acquire))
+        QThread::yieldCurrentThread();
 
     CMReply<void> reply;
     std::atomic<QThread*> ranOn{nullptr};
@@ -105,11 +138,12 @@ TEST(ReplyThreads, ContinuationWithContextRunsOnTheContextThread)
 
     // Finished on the main thread; the context lives on the other one.
     reply.setValue();
-    ASSERT_TRUE(waitUntil([&] { return ranOn.load() != nullptr; }));
+    // No early return before the thread has been told to quit.
+    EXPECT_TRUE(waitUntil([&] { return ranOn.load() != nullptr; }));
     EXPECT_EQ(ranOn.load(), &contextThread);
 
-    QObject::connect(&contextThread, &QThread::finished, context, &QObject::deleteLater);
     contextThread.quit();
+    quitRequested.store(true, std::memory_order_release);
     ASSERT_TRUE(contextThread.wait());
     drainEvents();
 }
@@ -121,11 +155,11 @@ TEST(ReplyThreads, DirectConnectionRunsOnTheFinishingThread)
     reply.onFinished([&](const CMReply<QVariant>&) { ranOn = QThread::currentThread(); }, Qt::DirectConnection);
 
     std::atomic<QThread*> finisher{nullptr};
-    std::unique_ptr<QThread> thread = startThread([&] {
+    WorkerThread thread([&] {
         finisher = QThread::currentThread();
         reply.setValue(1);
     });
-    ASSERT_TRUE(thread->wait());
+    thread.join();
 
     ASSERT_NE(ranOn.load(), nullptr);
     EXPECT_EQ(ranOn.load(), finisher.load());
@@ -208,6 +242,7 @@ TEST(ReplyThreads, ValuesAndErrorsRacingLeaveOneConsistentOutcome)
         for (std::thread& racer : racers)
             racer.join();
 
+        ASSERT_TRUE(reply.isFinished());
         EXPECT_EQ(runs.load(), 1);
         const CMError error = reply.error();
         if (error.isError()) {
@@ -248,7 +283,7 @@ TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAQThread)
     std::atomic<bool> finishStarted{false};
     bool ownerContinuationRan = false;
     reply.onFinished([&](const CMReply<QVariant>&) { ownerContinuationRan = true; });
-    std::unique_ptr<QThread> thread = startThread([&] {
+    WorkerThread thread([&] {
         while (!ownerAboutToBlock.load())
             QThread::yieldCurrentThread();
         finishStarted = true;
@@ -263,7 +298,7 @@ TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAQThread)
     EXPECT_EQ(value, QVariant(QVariantList{1, 2, 3}));
     // The owner's continuation still comes through the owner's event loop.
     EXPECT_TRUE(waitUntil([&] { return ownerContinuationRan; }));
-    ASSERT_TRUE(thread->wait());
+    thread.join();
 }
 
 TEST(ReplyThreads, WaitForFinishedWithoutLimitReturnsOnceAnotherThreadFinishes)

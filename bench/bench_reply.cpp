@@ -1,0 +1,304 @@
+// Cost of the asynchronous reply model next to Qt's own means of running a
+// continuation, measured in one run so that the figures are comparable.
+//
+//  - ReplyVariant_MakeWatchFinish: a CMReply<QVariant> is made, one watcher
+//    that reads the value is attached, the reply is finished; the watcher
+//    runs before setValue() returns.
+//  - ReplyVoid_MakeWatchFinish: the same with CMReply<void>.
+//  - ReplyVariant_Make, ReplyVariant_MakeFinish: parts of that path (making
+//    and dropping a reply; finishing it without a watcher).
+//  - ReplyVariant_QueuedWatcher: the same with a queued watcher, including
+//    the event-loop pass that runs it.
+//  - WhenAllFinished/N: joining N replies that have all finished already;
+//    "per_reply" is the time per joined reply, so linearity shows directly.
+//  - QFutureWatcher_Continuation: a QFutureInterface<void> reported finished
+//    with a QFutureWatcher<void>::finished continuation; the event loop is
+//    spun until the signal has arrived, which is the full cost of that path.
+//  - QueuedInvokeMethod: posting a functor with QMetaObject::invokeMethod and
+//    processing events until it ran.
+//
+// After the run the program prints how many times cheaper the reply paths
+// are than the QFutureWatcher continuation (goal: at least 40 times).
+
+#include "cmreply.h"
+
+#include <QCoreApplication>
+#include <QFutureInterface>
+#include <QFutureWatcher>
+#include <QList>
+#include <QObject>
+#include <QVariant>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+void ReplyVariant_MakeWatchFinish(benchmark::State& state)
+{
+    qint64 sum = 0;
+    qint64 runs = 0;
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        reply.onFinished([&](const CMReply<QVariant>& finished) {
+            sum += finished.value().toLongLong();
+            ++runs;
+        });
+        reply.setValue(QVariant(1));
+    }
+    if (runs != state.iterations() || sum != runs)
+        state.SkipWithError("the continuation did not run once per reply");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ReplyVariant_MakeWatchFinish);
+
+void ReplyVoid_MakeWatchFinish(benchmark::State& state)
+{
+    qint64 runs = 0;
+    for (auto _ : state) {
+        CMReply<void> reply;
+        reply.onFinished([&](const CMReply<void>&) { ++runs; });
+        reply.setValue();
+    }
+    if (runs != state.iterations())
+        state.SkipWithError("the continuation did not run once per reply");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ReplyVoid_MakeWatchFinish);
+
+// Break-down of the path above: making and dropping a reply, and making and
+// finishing one without any watcher.
+void ReplyVariant_Make(benchmark::State& state)
+{
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        benchmark::DoNotOptimize(reply.data());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ReplyVariant_Make);
+
+void ReplyVariant_MakeFinish(benchmark::State& state)
+{
+    bool allFinished = true;
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        reply.setValue(QVariant(1));
+        allFinished = allFinished && reply.isFinished();
+    }
+    if (!allFinished)
+        state.SkipWithError("a reply did not finish");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ReplyVariant_MakeFinish);
+
+void ReplyVariant_QueuedWatcher(benchmark::State& state)
+{
+    qint64 runs = 0;
+    for (auto _ : state) {
+        CMReply<QVariant> reply;
+        bool ran = false;
+        reply.onFinished(
+            [&](const CMReply<QVariant>& finished) {
+                benchmark::DoNotOptimize(finished.value());
+                ran = true;
+                ++runs;
+            },
+            Qt::QueuedConnection);
+        reply.setValue(QVariant(1));
+        while (!ran)
+            QCoreApplication::processEvents();
+    }
+    if (runs != state.iterations())
+        state.SkipWithError("the continuation did not run once per reply");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(ReplyVariant_QueuedWatcher);
+
+void WhenAllFinished(benchmark::State& state)
+{
+    const int count = static_cast<int>(state.range(0));
+    QList<CMVoidReply> replies;
+    for (int i = 0; i < count; ++i) {
+        CMReply<void> reply;
+        reply.setValue();
+        replies << reply;
+    }
+    bool allJoined = true;
+    for (auto _ : state) {
+        const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished(replies);
+        allJoined = allJoined && all.isFinished();
+        benchmark::DoNotOptimize(all.data());
+    }
+    if (!allJoined)
+        state.SkipWithError("a join of finished replies did not finish at once");
+    const double joined = static_cast<double>(state.iterations()) * count;
+    state.SetItemsProcessed(static_cast<int64_t>(joined));
+    state.counters["per_reply"] = benchmark::Counter(joined, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(WhenAllFinished)->Arg(1)->Arg(10)->Arg(1000);
+
+void QFutureWatcher_Continuation(benchmark::State& state)
+{
+    qint64 runs = 0;
+    for (auto _ : state) {
+        QFutureInterface<void> promise;
+        promise.reportStarted();
+        QFutureWatcher<void> watcher;
+        bool ran = false;
+        QObject::connect(&watcher, &QFutureWatcher<void>::finished, [&] {
+            ran = true;
+            ++runs;
+        });
+        watcher.setFuture(promise.future());
+        promise.reportFinished();
+        while (!ran)
+            QCoreApplication::processEvents();
+    }
+    if (runs != state.iterations())
+        state.SkipWithError("the finished signal did not arrive once per future");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(QFutureWatcher_Continuation);
+
+void QueuedInvokeMethod(benchmark::State& state)
+{
+    QObject target;
+    qint64 runs = 0;
+    for (auto _ : state) {
+        bool ran = false;
+        QMetaObject::invokeMethod(
+            &target,
+            [&] {
+                ran = true;
+                ++runs;
+            },
+            Qt::QueuedConnection);
+        while (!ran)
+            QCoreApplication::processEvents();
+    }
+    if (runs != state.iterations())
+        state.SkipWithError("the posted call did not run once per post");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(QueuedInvokeMethod);
+
+// The console output plus the real time per iteration of every benchmark,
+// for the comparison printed at the end.
+class RecordingReporter : public benchmark::ConsoleReporter
+{
+public:
+    // Colours only on a terminal, so that redirected output stays plain.
+    RecordingReporter()
+        : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular)
+    {
+    }
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.error_occurred)
+                continue;
+            const double nanoseconds = run.GetAdjustedRealTime() * nanosecondsPer(run.time_unit);
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty())
+                name += "/" + run.run_name.args;
+            Sample& sample = m_samples[name];
+            if (run.run_type == Run::RT_Iteration) {
+                sample.total += nanoseconds;
+                ++sample.count;
+            } else if (run.aggregate_name == "median") {
+                sample.median = nanoseconds;
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    // Nanoseconds per iteration (the median when the run was repeated), or a
+    // negative value when not measured.
+    double nanoseconds(const std::string& name) const
+    {
+        const auto found = m_samples.find(name);
+        if (found == m_samples.end() || found->second.count == 0)
+            return -1.0;
+        if (found->second.median >= 0)
+            return found->second.median;
+        return found->second.total / found->second.count;
+    }
+
+private:
+    struct Sample {
+        double total = 0;
+        int count = 0;
+        double median = -1.0;
+    };
+
+    static double nanosecondsPer(benchmark::TimeUnit unit)
+    {
+        switch (unit) {
+        case benchmark::kSecond:
+            return 1e9;
+        case benchmark::kMillisecond:
+            return 1e6;
+        case benchmark::kMicrosecond:
+            return 1e3;
+        case benchmark::kNanosecond:
+            break;
+        }
+        return 1.0;
+    }
+
+    std::map<std::string, Sample> m_samples;
+};
+
+void printComparison(const RecordingReporter& reporter)
+{
+    const double future = reporter.nanoseconds("QFutureWatcher_Continuation");
+    if (future <= 0)
+        return;
+    std::printf("\nAgainst the QFutureWatcher<void> continuation (%.1f ns per operation, real time):\n", future);
+    // The two paths the goal is about: make, watch and finish a reply.
+    for (const char* name : {"ReplyVariant_MakeWatchFinish", "ReplyVoid_MakeWatchFinish"}) {
+        const double ours = reporter.nanoseconds(name);
+        if (ours <= 0)
+            continue;
+        const double ratio = future / ours;
+        std::printf("  %-30s %10.1f ns  %6.1fx cheaper  (goal 40x: %s)\n", name, ours, ratio,
+                    ratio >= 40.0 ? "met" : "not met");
+    }
+    for (const char* name :
+         {"ReplyVariant_Make", "ReplyVariant_MakeFinish", "ReplyVariant_QueuedWatcher", "QueuedInvokeMethod"}) {
+        const double ours = reporter.nanoseconds(name);
+        if (ours > 0)
+            std::printf("  %-30s %10.1f ns  %6.1fx cheaper\n", name, ours, future / ours);
+    }
+    for (const char* name : {"WhenAllFinished/1", "WhenAllFinished/10", "WhenAllFinished/1000"}) {
+        const double join = reporter.nanoseconds(name);
+        if (join <= 0)
+            continue;
+        const int count = std::stoi(std::string(name).substr(std::string("WhenAllFinished/").size()));
+        std::printf("  %-30s %10.1f ns per join, %8.1f ns per reply\n", name, join, join / count);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Posted continuations and QFutureWatcher need an application object.
+    QCoreApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RecordingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printComparison(reporter);
+    benchmark::Shutdown();
+    return 0;
+}
