@@ -30,6 +30,8 @@
 
 #include <QCoreApplication>
 
+#include "benchmain.h"
+
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -194,10 +196,5 @@ BENCHMARK(BM_RandomIsStateReachable)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benc
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, vela::powerManagerLogger().getLogLevel());
 }

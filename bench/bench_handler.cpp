@@ -22,6 +22,8 @@
 #include <QEventLoop>
 #include <QList>
 
+#include "benchmain.h"
+
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -240,12 +242,5 @@ BENCHMARK(BM_TargetSwitch)
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
-    vela::powerManagerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runBenchmarks(argc, argv, log4cplus::OFF_LOG_LEVEL);
 }

@@ -21,6 +21,8 @@
 #include <QCoreApplication>
 #include <QVariant>
 
+#include "benchmain.h"
+
 #include <benchmark/benchmark.h>
 #include <log4cplus/nullappender.h>
 
@@ -191,12 +193,5 @@ BENCHMARK(BM_Chain_debugLog)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecon
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
-    vela::powerManagerLogger().setLogLevel(log4cplus::INFO_LOG_LEVEL);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runBenchmarks(argc, argv, log4cplus::INFO_LOG_LEVEL);
 }
