@@ -8,8 +8,81 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <vector>
+
+namespace {
+
+/*
+ * The walks below mark every node they reach. A Qt hash allocates one block
+ * per entry, which on a graph of thousands of nodes costs more than the walk
+ * itself; this open-addressing set of addresses keeps the marks in one
+ * array. Keys are node addresses, possibly with a small tag in the low bits
+ * (nodes are at least 8-byte aligned).
+ */
+class AddressSet
+{
+public:
+    AddressSet() : m_slots(64, 0) {}
+
+    // Inserts the key; false when it was there already.
+    bool insert(std::uintptr_t key)
+    {
+        if ((m_size + 1) * 2 > m_slots.size())
+            grow();
+        return place(key);
+    }
+    bool contains(std::uintptr_t key) const
+    {
+        const std::size_t mask = m_slots.size() - 1;
+        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
+            if (m_slots[i] == key)
+                return true;
+            if (m_slots[i] == 0)
+                return false;
+        }
+    }
+
+private:
+    static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
+    {
+        return static_cast<std::size_t>((key >> 3) * 0x9E3779B97F4A7C15ull >> 17) & mask;
+    }
+    bool place(std::uintptr_t key)
+    {
+        const std::size_t mask = m_slots.size() - 1;
+        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
+            if (m_slots[i] == key)
+                return false;
+            if (m_slots[i] == 0) {
+                m_slots[i] = key;
+                ++m_size;
+                return true;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<std::uintptr_t> old(m_slots.size() * 2, 0);
+        old.swap(m_slots);
+        m_size = 0;
+        for (std::uintptr_t key : old) {
+            if (key != 0)
+                place(key);
+        }
+    }
+
+    std::vector<std::uintptr_t> m_slots;
+    std::size_t m_size = 0;
+};
+
+std::uintptr_t addressOf(const PowerNode* node)
+{
+    return reinterpret_cast<std::uintptr_t>(node);
+}
+
+} // namespace
 
 /*
  * Graph walks behind the queries.
@@ -43,7 +116,8 @@ public:
     static QSet<PowerNode*> closure(const PowerNode* root, Direction direction)
     {
         QSet<PowerNode*> result = edges(root, direction);
-        QSet<const PowerNode*> expanded{root};
+        AddressSet expanded;
+        expanded.insert(addressOf(root));
         std::vector<const PowerNode*> pending;
         for (PowerNode* node : edges(root, direction))
             pushIfNew(node, expanded, pending);
@@ -61,7 +135,8 @@ public:
     // Whether `wanted` is in closure(root, direction); stops when found.
     static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
     {
-        QSet<const PowerNode*> expanded{root};
+        AddressSet expanded;
+        expanded.insert(addressOf(root));
         std::vector<const PowerNode*> pending{root};
         while (!pending.empty()) {
             const PowerNode* node = pending.back();
@@ -82,16 +157,15 @@ public:
             QSet<PowerNode*>::const_iterator end;
         };
         QList<PowerNode*> result;
-        QSet<const PowerNode*> listed;
-        QSet<const PowerNode*> expanded{root};
+        AddressSet listed;
+        AddressSet expanded;
+        expanded.insert(addressOf(root));
         std::vector<Frame> stack;
         auto expand = [&](const PowerNode* node) {
             const QSet<PowerNode*>& children = edges(node, direction);
             for (PowerNode* child : children) {
-                if (!listed.contains(child)) {
-                    listed.insert(child);
+                if (listed.insert(addressOf(child)))
                     result.append(child);
-                }
             }
             stack.push_back(Frame{children.cbegin(), children.cend()});
         };
@@ -104,22 +178,18 @@ public:
             }
             const PowerNode* child = *frame.next;
             ++frame.next;
-            if (!isExpandable(child) || expanded.contains(child))
+            if (!isExpandable(child) || !expanded.insert(addressOf(child)))
                 continue;
-            expanded.insert(child);
             expand(child);
         }
         return result;
     }
 
 private:
-    static void pushIfNew(const PowerNode* node, QSet<const PowerNode*>& expanded,
-                          std::vector<const PowerNode*>& pending)
+    static void pushIfNew(const PowerNode* node, AddressSet& expanded, std::vector<const PowerNode*>& pending)
     {
-        if (!isExpandable(node) || expanded.contains(node))
-            return;
-        expanded.insert(node);
-        pending.push_back(node);
+        if (isExpandable(node) && expanded.insert(addressOf(node)))
+            pending.push_back(node);
     }
 };
 
@@ -172,19 +242,34 @@ public:
     ReachabilityScope(const ReachabilityScope&) = delete;
     ReachabilityScope& operator=(const ReachabilityScope&) = delete;
 
+    // The answer already given for this node and state, if any.
     const bool* find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
     {
-        const auto found = m_memo->constFind(qMakePair(node, static_cast<int>(state)));
-        return found == m_memo->constEnd() ? nullptr : &found.value();
+        static const bool yes = true;
+        static const bool no = false;
+        const std::uintptr_t key = keyOf(node, state);
+        if (m_memo->reachable.contains(key))
+            return &yes;
+        if (m_memo->unreachable.contains(key))
+            return &no;
+        return nullptr;
     }
     bool remember(const PowerNode* node, VelaPowerNodeStates::Enum state, bool reachable)
     {
-        m_memo->insert(qMakePair(node, static_cast<int>(state)), reachable);
+        (reachable ? m_memo->reachable : m_memo->unreachable).insert(keyOf(node, state));
         return reachable;
     }
 
 private:
-    using Memo = QHash<QPair<const PowerNode*, int>, bool>;
+    struct Memo {
+        AddressSet reachable;
+        AddressSet unreachable;
+    };
+    // States 0 to 4 fit the low bits of an aligned node address.
+    static std::uintptr_t keyOf(const PowerNode* node, VelaPowerNodeStates::Enum state)
+    {
+        return addressOf(node) | (static_cast<std::uintptr_t>(state) & 7u);
+    }
     static thread_local ReachabilityScope* t_current;
 
     ReachabilityScope* m_outer;
