@@ -31,24 +31,24 @@ class PowerGraph
 public:
     explicit PowerGraph(const GraphFile& file)
     {
-        for (const GraphFile::Resource& spec : file.resources)
-            m_resources.insert(spec.name, makeResource(spec));
-        for (const GraphFile::Target& spec : file.targets)
-            m_targets.insert(spec.name, makeTarget(spec));
+        for (const GraphFile::Resource& entry : file.resources)
+            m_resources.insert(entry.name, makeResource(entry));
+        for (const GraphFile::Target& entry : file.targets)
+            m_targets.insert(entry.name, makeTarget(entry));
         // Edges after all nodes exist; refused edges are logged by the nodes.
-        for (const GraphFile::Resource& spec : file.resources) {
-            for (const QString& required : spec.required)
-                m_resources.value(spec.name)->requiresResource(m_resources.value(required));
+        for (const GraphFile::Resource& entry : file.resources) {
+            for (const QString& required : entry.required)
+                m_resources.value(entry.name)->requiresResource(m_resources.value(required));
         }
-        for (const GraphFile::Target& spec : file.targets) {
-            PowerTarget* target = m_targets.value(spec.name);
-            for (const QString& name : spec.enables)
+        for (const GraphFile::Target& entry : file.targets) {
+            PowerTarget* target = m_targets.value(entry.name);
+            for (const QString& name : entry.enables)
                 target->enables(m_resources.value(name));
-            for (const QString& name : spec.disables)
+            for (const QString& name : entry.disables)
                 target->disables(m_resources.value(name));
-            if (spec.reachableGiven) {
+            if (entry.reachableGiven) {
                 QList<const PowerTarget*> reachable;
-                for (const QString& name : spec.reachable)
+                for (const QString& name : entry.reachable)
                     reachable.append(m_targets.value(name));
                 target->setReachableTargets(reachable);
             }
@@ -62,32 +62,32 @@ public:
         for (const GraphFile::Module& module : file.modules)
             handler.registerModule(
                 VelaPowerManagerModuleRegister(module.name, CMPath(module.revokePath), CMPath(module.postRevokePath)));
-        for (const GraphFile::Resource& spec : file.resources)
-            handler.registerResource(m_resources.value(spec.name));
-        for (const GraphFile::Target& spec : file.targets)
-            handler.registerTarget(m_targets.value(spec.name));
+        for (const GraphFile::Resource& entry : file.resources)
+            handler.registerResource(m_resources.value(entry.name));
+        for (const GraphFile::Target& entry : file.targets)
+            handler.registerTarget(m_targets.value(entry.name));
     }
 
     PowerResource* resource(const QString& name) const { return m_resources.value(name); }
 
 private:
-    PowerResource* makeResource(const GraphFile::Resource& spec)
+    PowerResource* makeResource(const GraphFile::Resource& entry)
     {
-        auto* resource = new PowerResource(spec.value, spec.timeoutMs);
+        auto* resource = new PowerResource(entry.value, entry.timeoutMs);
         m_owned.emplace_back(resource);
-        if (spec.enable.present)
-            resource->setOnEnableActionRequest(CMSetDataRequest(CMPath(spec.enable.path), spec.enable.key, spec.enable.value));
-        if (spec.disable.present)
+        if (entry.enable.present)
+            resource->setOnEnableActionRequest(CMSetDataRequest(CMPath(entry.enable.path), entry.enable.key, entry.enable.value));
+        if (entry.disable.present)
             resource->setOnDisableActionRequest(
-                CMSetDataRequest(CMPath(spec.disable.path), spec.disable.key, spec.disable.value));
-        for (const auto& module : spec.modules)
+                CMSetDataRequest(CMPath(entry.disable.path), entry.disable.key, entry.disable.value));
+        for (const auto& module : entry.modules)
             resource->addModule(module.first, module.second);
         return resource;
     }
 
-    PowerTarget* makeTarget(const GraphFile::Target& spec)
+    PowerTarget* makeTarget(const GraphFile::Target& entry)
     {
-        auto* target = new PowerTarget(spec.value);
+        auto* target = new PowerTarget(entry.value);
         m_owned.emplace_back(target);
         return target;
     }
