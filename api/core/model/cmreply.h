@@ -52,6 +52,9 @@
  *    spin a nested event loop waiting for a reply that is finished by a
  *    direct call on the same thread: that completion waits for the running
  *    watcher to return.
+ *  - A context object may be destroyed at any time on its own thread, but
+ *    not while another thread is finishing a reply that it watches: the
+ *    finishing thread reads the context to choose where the watcher runs.
  *
  * A reply may be finished from any thread; the mutex guards the finished
  * flag, the value, the error and the watcher list, and waitForFinished()
