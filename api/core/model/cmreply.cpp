@@ -320,18 +320,15 @@ private:
     {
         QList<CMVoidReply> replies;
         replies.reserve(static_cast<int>(m_finished.size()));
-        const CMError* firstError = nullptr;
-        CMError error;
+        CMError firstError;
         for (const CMVoidReply& reply : m_finished) {
             replies.append(reply);
-            if (!firstError && !!reply) {
-                error = reply.error();
-                if (error.isError())
-                    firstError = &error;
-            }
+            if (!firstError.isError() && !!reply)
+                firstError = reply.error();
         }
-        if (firstError)
-            static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())->finishWithValueAndError(replies, error);
+        if (firstError.isError())
+            static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())
+                ->finishWithValueAndError(replies, firstError);
         else
             m_result.setValue(replies);
     }

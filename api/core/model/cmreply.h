@@ -237,6 +237,9 @@ protected:
     CMReplyAbstractData* m_d;
 };
 
+// A handle is one pointer that may be moved in memory: Qt containers keep
+// lists of replies in one array instead of one allocation per element.
+Q_DECLARE_TYPEINFO(CMVoidReply, Q_MOVABLE_TYPE);
 Q_DECLARE_METATYPE(CMVoidReply)
 
 template <typename T>

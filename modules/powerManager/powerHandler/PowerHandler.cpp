@@ -204,20 +204,23 @@ void PowerHandler::resolveNodeRequest(int64_t id, const CMError& error)
     const bool success = !error.isError();
     VELA_TRACE_ENTER("void PowerHandler::resolveNodeRequest(int64_t, const CMError&)",
                      "id: " << id << " success: " << success);
-    CMReply<QVariant> reply;
+    // The caller's reply; a request nobody waits for is answered all the
+    // same, into a reply of its own.
+    CMVoidReply caller;
     const auto target = m_targetRequests.find(id);
     if (target != m_targetRequests.end()) {
         const QPair<VelaPowerManagerTarget, CMReply<QVariant>> entry = target.value();
         m_targetRequests.erase(target);
-        reply = entry.second;
+        caller = entry.second;
         if (success)
             emit targetChanged(entry.first);
     }
     const auto resource = m_resourceRequests.find(id);
     if (resource != m_resourceRequests.end()) {
-        reply = resource.value();
+        caller = resource.value();
         m_resourceRequests.erase(resource);
     }
+    const CMReply<QVariant> reply = !caller ? CMReply<QVariant>() : CMReply<QVariant>(caller);
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");
     const auto busy = t_busyQueues.constFind(this);
     if (busy != t_busyQueues.cend() && busy.value() == m_requests.first().data())

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -115,39 +116,18 @@ public:
 
     static QSet<PowerNode*> closure(const PowerNode* root, Direction direction)
     {
-        QSet<PowerNode*> result = edges(root, direction);
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<const PowerNode*> pending;
-        for (PowerNode* node : edges(root, direction))
-            pushIfNew(node, expanded, pending);
-        while (!pending.empty()) {
-            const PowerNode* node = pending.back();
-            pending.pop_back();
-            for (PowerNode* next : edges(node, direction)) {
-                result.insert(next);
-                pushIfNew(next, expanded, pending);
-            }
-        }
+        QSet<PowerNode*> result;
+        walk(root, direction, [&result](PowerNode* node) {
+            result.insert(node);
+            return true;
+        });
         return result;
     }
 
     // Whether `wanted` is in closure(root, direction); stops when found.
     static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
     {
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<const PowerNode*> pending{root};
-        while (!pending.empty()) {
-            const PowerNode* node = pending.back();
-            pending.pop_back();
-            for (PowerNode* next : edges(node, direction)) {
-                if (next == wanted)
-                    return true;
-                pushIfNew(next, expanded, pending);
-            }
-        }
-        return false;
+        return !walk(root, direction, [wanted](PowerNode* node) { return node != wanted; });
     }
 
     static QList<PowerNode*> orderedClosure(const PowerNode* root, Direction direction)
@@ -185,11 +165,48 @@ public:
         return result;
     }
 
-private:
-    static void pushIfNew(const PowerNode* node, AddressSet& expanded, std::vector<const PowerNode*>& pending)
+    // The rule of a plain node; a target falls back to it.
+    static bool baseStateReachable(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
+                                   bool recursive)
     {
-        if (isExpandable(node) && expanded.insert(addressOf(node)))
-            pending.push_back(node);
+        // Another module holding the node on forbids any change but enabling.
+        for (auto it = node->m_moduleActions.cbegin(); it != node->m_moduleActions.cend(); ++it) {
+            if (!module.isEmpty() && it.key() == module)
+                continue;
+            if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled
+                && state != node->m_state)
+                return false;
+        }
+        if (!recursive)
+            return true;
+        for (const auto& dependency : node->orderedDependencies(state, false)) {
+            if (!dependency.first->isStateReachable(dependency.second, module, recursive))
+                return false;
+        }
+        return true;
+    }
+
+private:
+    // Offers every node reached from `root` to `visit` (once per edge of an
+    // expanded node), expanding each non-target node once. Stops, returning
+    // false, as soon as `visit` does.
+    template <typename Visit>
+    static bool walk(const PowerNode* root, Direction direction, Visit visit)
+    {
+        AddressSet expanded;
+        expanded.insert(addressOf(root));
+        std::vector<const PowerNode*> pending{root};
+        while (!pending.empty()) {
+            const PowerNode* node = pending.back();
+            pending.pop_back();
+            for (PowerNode* next : edges(node, direction)) {
+                if (!visit(next))
+                    return false;
+                if (isExpandable(next) && expanded.insert(addressOf(next)))
+                    pending.push_back(next);
+            }
+        }
+        return true;
     }
 };
 
@@ -243,16 +260,14 @@ public:
     ReachabilityScope& operator=(const ReachabilityScope&) = delete;
 
     // The answer already given for this node and state, if any.
-    const bool* find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
+    std::optional<bool> find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
     {
-        static const bool yes = true;
-        static const bool no = false;
         const std::uintptr_t key = keyOf(node, state);
         if (m_memo->reachable.contains(key))
-            return &yes;
+            return true;
         if (m_memo->unreachable.contains(key))
-            return &no;
-        return nullptr;
+            return false;
+        return std::nullopt;
     }
     bool remember(const PowerNode* node, VelaPowerNodeStates::Enum state, bool reachable)
     {
@@ -280,6 +295,24 @@ private:
 };
 
 thread_local ReachabilityScope* ReachabilityScope::t_current = nullptr;
+
+// Answers from the question's memo, or decides and remembers.
+template <typename Decide>
+bool memoisedReachability(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
+                          bool recursive, Decide decide)
+{
+    ReachabilityScope scope(module, recursive);
+    if (const std::optional<bool> known = scope.find(node, state))
+        return *known;
+    return scope.remember(node, state, decide());
+}
+
+void mapAllTo(QHash<PowerNode*, VelaPowerNodeStates::Enum>& result, const QSet<PowerNode*>& nodes,
+              VelaPowerNodeStates::Enum state)
+{
+    for (PowerNode* node : nodes)
+        result.insert(node, state);
+}
 
 /*
  * Enabling a node locks its required nodes, each of which enables (and
@@ -459,13 +492,10 @@ QHash<PowerNode*, VelaPowerNodeStates::Enum> PowerNode::dependencies(const VelaP
                                                                      const bool& recursive) const
 {
     QHash<PowerNode*, VelaPowerNodeStates::Enum> result;
-    if (state == VelaPowerNodeStates::enabled) {
-        for (PowerNode* node : requiredNodes(recursive))
-            result.insert(node, VelaPowerNodeStates::enabled);
-    } else if (state == VelaPowerNodeStates::disabled) {
-        for (PowerNode* node : requiredByNodes(recursive))
-            result.insert(node, VelaPowerNodeStates::disabled);
-    }
+    if (state == VelaPowerNodeStates::enabled)
+        mapAllTo(result, requiredNodes(recursive), VelaPowerNodeStates::enabled);
+    else if (state == VelaPowerNodeStates::disabled)
+        mapAllTo(result, requiredByNodes(recursive), VelaPowerNodeStates::disabled);
     return result;
 }
 
@@ -482,24 +512,9 @@ PowerNode::DependencyList PowerNode::orderedDependencies(const VelaPowerNodeStat
 bool PowerNode::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                  const bool& recursive) const
 {
-    ReachabilityScope scope(module, recursive);
-    if (const bool* known = scope.find(this, state))
-        return *known;
-
-    // Another module holding the node on forbids any change but enabling.
-    for (auto it = m_moduleActions.cbegin(); it != m_moduleActions.cend(); ++it) {
-        if (!module.isEmpty() && it.key() == module)
-            continue;
-        if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled && state != m_state)
-            return scope.remember(this, state, false);
-    }
-    if (!recursive)
-        return scope.remember(this, state, true);
-    for (const auto& dependency : orderedDependencies(state, false)) {
-        if (!dependency.first->isStateReachable(dependency.second, module, recursive))
-            return scope.remember(this, state, false);
-    }
-    return scope.remember(this, state, true);
+    return memoisedReachability(this, state, module, recursive, [&] {
+        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
+    });
 }
 
 // --- PowerNode: state machine ----------------------------------------------
@@ -832,11 +847,9 @@ QHash<PowerNode*, VelaPowerNodeStates::Enum> PowerTarget::dependencies(const Vel
     QHash<PowerNode*, VelaPowerNodeStates::Enum> result;
     if (state == VelaPowerNodeStates::disabled)
         return result;
-    for (PowerNode* node : requiredNodes(recursive))
-        result.insert(node, VelaPowerNodeStates::enabled);
+    mapAllTo(result, requiredNodes(recursive), VelaPowerNodeStates::enabled);
     // Inserted over the first pass: a node in both halves ends up disabled.
-    for (PowerNode* node : requiredByNodes(recursive))
-        result.insert(node, VelaPowerNodeStates::disabled);
+    mapAllTo(result, requiredByNodes(recursive), VelaPowerNodeStates::disabled);
     return result;
 }
 
@@ -853,16 +866,15 @@ PowerNode::DependencyList PowerTarget::orderedDependencies(const VelaPowerNodeSt
 bool PowerTarget::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                    const bool& recursive) const
 {
-    ReachabilityScope scope(module, recursive);
-    if (const bool* known = scope.find(this, state))
-        return *known;
-    // While another target is on, it alone decides which targets follow it.
-    for (const auto& dependency : orderedDependencies(state, false)) {
-        auto* target = dynamic_cast<PowerTarget*>(dependency.first);
-        if (target && target->isEnabled())
-            return scope.remember(this, state, target->isReachable(this));
-    }
-    return scope.remember(this, state, PowerNode::isStateReachable(state, module, recursive));
+    return memoisedReachability(this, state, module, recursive, [&] {
+        // While another target is on, it alone decides which targets follow it.
+        for (const auto& dependency : orderedDependencies(state, false)) {
+            auto* target = dynamic_cast<PowerTarget*>(dependency.first);
+            if (target && target->isEnabled())
+                return target->isReachable(this);
+        }
+        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
+    });
 }
 
 void PowerTarget::setReachableTargets(QList<const PowerTarget*> targets)

@@ -66,6 +66,23 @@ VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerMana
     return message;
 }
 
+/*
+ * Builds each changed module's message of the given type and hands it, with
+ * the module's registration, to `send`. Modules missing from the request's
+ * copy of the registrations are told nothing.
+ */
+template <typename Send>
+void forEachRegisteredModule(const ChangedResources& changed,
+                             const QHash<QString, VelaPowerManagerModuleRegister>& modules,
+                             VelaPowerManagerMessageTypes::Enum type, Send send)
+{
+    for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
+        const auto registration = modules.constFind(it.key());
+        if (registration != modules.cend())
+            send(registration.value(), revokeMessage(it.key(), type, it.value()));
+    }
+}
+
 } // namespace
 
 PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& module,
@@ -204,13 +221,11 @@ CMReply<void> PowerNodeRequest::notify()
     });
 
     QList<CMVoidReply> notifications;
-    for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
-        const VelaPowerManagerRevokeMessage message =
-            revokeMessage(it.key(), VelaPowerManagerMessageTypes::revoke, it.value());
-        const auto registration = m_modules.constFind(it.key());
-        if (registration != m_modules.cend())
-            notifications.append(notifyModule(registration->revokeResourcesPath(), message));
-    }
+    forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::revoke,
+                            [this, &notifications](const VelaPowerManagerModuleRegister& registration,
+                                                   const VelaPowerManagerRevokeMessage& message) {
+                                notifications.append(notifyModule(registration.revokeResourcesPath(), message));
+                            });
 
     // The modules' answers are waited for but not judged: a module that
     // fails to take the message does not stop the request.
@@ -261,12 +276,11 @@ CMReply<void> PowerNodeRequest::execute()
         [this, keepAlive = sharedFromThis(), result, changed](const CMReply<QList<CMVoidReply>>& finished) {
             VELA_TRACE("nodeRequest id: " << m_id << " all actions finished");
             // Told after the fact; nobody waits for these answers.
-            for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
-                const auto registration = m_modules.constFind(it.key());
-                if (registration != m_modules.cend())
-                    notifyModule(registration->postRevokeResourcesPath(),
-                                       revokeMessage(it.key(), VelaPowerManagerMessageTypes::postRevoke, it.value()));
-            }
+            forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::postRevoke,
+                                    [this](const VelaPowerManagerModuleRegister& registration,
+                                           const VelaPowerManagerRevokeMessage& message) {
+                                        notifyModule(registration.postRevokeResourcesPath(), message);
+                                    });
             const CMError error = finished.error();
             if (error.isError())
                 result.setError(error);
