@@ -114,6 +114,19 @@ private:
         return true;
     }
 
+    // An entry of a list of named things: an object with only `keys` whose
+    // "name" is not taken yet by another entry of the list.
+    bool namedEntry(const QJsonValue& value, const QString& where, const QStringList& keys, const char* kind,
+                    QSet<QString>* taken, QJsonObject* entry, QString* name)
+    {
+        if (!object(value, where, entry) || !checkKeys(*entry, keys, where) || !string(*entry, "name", where, true, name))
+            return false;
+        if (taken->contains(*name))
+            return fail(where + ".name", QStringLiteral("%1 \"%2\" is listed twice").arg(QLatin1String(kind), *name));
+        taken->insert(*name);
+        return true;
+    }
+
     bool parseModules(const QJsonValue& value)
     {
         QJsonArray list;
@@ -123,14 +136,11 @@ private:
             const QString where = QStringLiteral("modules[%1]").arg(i);
             QJsonObject entry;
             GraphFile::Module module;
-            if (!object(list.at(i), where, &entry) || !checkKeys(entry, {"name", "revokePath", "postRevokePath"}, where)
-                || !string(entry, "name", where, true, &module.name)
+            if (!namedEntry(list.at(i), where, {"name", "revokePath", "postRevokePath"}, "module", &m_moduleNames,
+                            &entry, &module.name)
                 || !string(entry, "revokePath", where, false, &module.revokePath)
                 || !string(entry, "postRevokePath", where, false, &module.postRevokePath))
                 return false;
-            if (m_moduleNames.contains(module.name))
-                return fail(where + ".name", "module \"" + module.name + "\" is listed twice");
-            m_moduleNames.insert(module.name);
             m_graph->modules.append(module);
         }
         return true;
@@ -204,19 +214,16 @@ private:
             const QString where = QStringLiteral("resources[%1]").arg(i);
             QJsonObject entry;
             GraphFile::Resource resource;
-            if (!object(list.at(i), where, &entry)
-                || !checkKeys(entry, {"name", "value", "timeoutMs", "enable", "disable", "requires", "modules"}, where)
-                || !string(entry, "name", where, true, &resource.name))
+            if (!namedEntry(list.at(i), where,
+                            {"name", "value", "timeoutMs", "enable", "disable", "requires", "modules"}, "resource",
+                            &m_resourceNames, &entry, &resource.name))
                 return false;
-            if (m_resourceNames.contains(resource.name))
-                return fail(where + ".name", "resource \"" + resource.name + "\" is listed twice");
             if (!nodeValue<VelaPowerManagerResources>(entry, resource.name, where, &m_resourceValues, &resource.value)
                 || !integer(entry, "timeoutMs", where, 0, &resource.timeoutMs)
                 || !write(entry, "enable", where, &resource.enable) || !write(entry, "disable", where, &resource.disable)
                 || !names(entry, "requires", where, &resource.required)
                 || !moduleActions(entry, where, &resource.modules))
                 return false;
-            m_resourceNames.insert(resource.name);
             m_graph->resources.append(resource);
         }
         return true;
@@ -231,18 +238,14 @@ private:
             const QString where = QStringLiteral("targets[%1]").arg(i);
             QJsonObject entry;
             GraphFile::Target target;
-            if (!object(list.at(i), where, &entry)
-                || !checkKeys(entry, {"name", "value", "enables", "disables", "reachable"}, where)
-                || !string(entry, "name", where, true, &target.name))
+            if (!namedEntry(list.at(i), where, {"name", "value", "enables", "disables", "reachable"}, "target",
+                            &m_targetNames, &entry, &target.name))
                 return false;
-            if (m_targetNames.contains(target.name))
-                return fail(where + ".name", "target \"" + target.name + "\" is listed twice");
             target.reachableGiven = entry.contains("reachable");
             if (!nodeValue<VelaPowerManagerTargets>(entry, target.name, where, &m_targetValues, &target.value)
                 || !names(entry, "enables", where, &target.enables) || !names(entry, "disables", where, &target.disables)
                 || !names(entry, "reachable", where, &target.reachable))
                 return false;
-            m_targetNames.insert(target.name);
             m_graph->targets.append(target);
         }
         return true;
