@@ -112,12 +112,24 @@ void checkOrdered(benchmark::State& state, const Graph& graph)
         state.SkipWithError("the top does not reach every node");
 }
 
-void BM_LadderOrderedDependencies(benchmark::State& state)
+using MakeGraph = std::unique_ptr<Graph> (*)(int);
+
+void BM_OrderedDependencies(benchmark::State& state, MakeGraph make)
 {
-    const std::unique_ptr<Graph> graph = makeLadder(static_cast<int>(state.range(0)));
+    const std::unique_ptr<Graph> graph = make(static_cast<int>(state.range(0)));
     checkOrdered(state, *graph);
     for (auto _ : state)
         benchmark::DoNotOptimize(graph->top->orderedDependencies(VelaPowerNodeStates::enabled, true));
+    report(state, *graph);
+}
+
+void BM_IsStateReachable(benchmark::State& state, MakeGraph make)
+{
+    const std::unique_ptr<Graph> graph = make(static_cast<int>(state.range(0)));
+    if (!graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true))
+        state.SkipWithError("expected the top to be reachable");
+    for (auto _ : state)
+        benchmark::DoNotOptimize(graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true));
     report(state, *graph);
 }
 
@@ -133,16 +145,6 @@ void BM_LadderOrderedDependenciesLiteral(benchmark::State& state)
     report(state, *graph);
 }
 
-void BM_LadderIsStateReachable(benchmark::State& state)
-{
-    const std::unique_ptr<Graph> graph = makeLadder(static_cast<int>(state.range(0)));
-    if (!graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true))
-        state.SkipWithError("expected the top to be reachable");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true));
-    report(state, *graph);
-}
-
 void BM_LadderIsStateReachableLiteral(benchmark::State& state)
 {
     const std::unique_ptr<Graph> graph = makeLadder(static_cast<int>(state.range(0)));
@@ -154,26 +156,7 @@ void BM_LadderIsStateReachableLiteral(benchmark::State& state)
     report(state, *graph);
 }
 
-void BM_RandomOrderedDependencies(benchmark::State& state)
-{
-    const std::unique_ptr<Graph> graph = makeRandomDag(static_cast<int>(state.range(0)));
-    checkOrdered(state, *graph);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(graph->top->orderedDependencies(VelaPowerNodeStates::enabled, true));
-    report(state, *graph);
-}
-
-void BM_RandomIsStateReachable(benchmark::State& state)
-{
-    const std::unique_ptr<Graph> graph = makeRandomDag(static_cast<int>(state.range(0)));
-    if (!graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true))
-        state.SkipWithError("expected the top to be reachable");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(graph->top->isStateReachable(VelaPowerNodeStates::enabled, kAsker, true));
-    report(state, *graph);
-}
-
-BENCHMARK(BM_LadderOrderedDependencies)
+BENCHMARK_CAPTURE(BM_OrderedDependencies, Ladder, makeLadder)
     ->Arg(10)
     ->Arg(20)
     ->Arg(40)
@@ -181,7 +164,7 @@ BENCHMARK(BM_LadderOrderedDependencies)
     ->Arg(3333)
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LadderOrderedDependenciesLiteral)->Arg(10)->Arg(20)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_LadderIsStateReachable)
+BENCHMARK_CAPTURE(BM_IsStateReachable, Ladder, makeLadder)
     ->Arg(10)
     ->Arg(20)
     ->Arg(40)
@@ -189,8 +172,16 @@ BENCHMARK(BM_LadderIsStateReachable)
     ->Arg(3333)
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LadderIsStateReachableLiteral)->Arg(10)->Arg(20)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_RandomOrderedDependencies)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_RandomIsStateReachable)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_OrderedDependencies, Random, makeRandomDag)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_IsStateReachable, Random, makeRandomDag)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
