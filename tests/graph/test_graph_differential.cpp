@@ -12,8 +12,7 @@
 // Every graph has its own seed, printed with any mismatch; set
 // VELA_GRAPH_SEED to move the whole run to other graphs.
 
-#include "capturingappender.h"
-#include "graph_test_nodes.h"
+#include "graph_test_helpers.h"
 #include "literal_reference.h"
 
 #include <gtest/gtest.h>
@@ -37,12 +36,6 @@ const int kGraphCount = 2000;
 const int kGraphCount = 10000;
 #endif
 const std::uint32_t kDefaultSeed = 20240611u;
-
-const char* const kNodeSource = "modules/powerManager/powerHandler/PowerNode.cpp";
-const char* const kNodeRequires = "virtual void PowerNode::requiresNode(PowerNode*)";
-const char* const kNodeRequiredBy = "virtual void PowerNode::requiredByNode(PowerNode*)";
-const char* const kTargetRequires = "virtual void PowerTarget::requiresNode(PowerNode*)";
-const char* const kTargetRequiredBy = "virtual void PowerTarget::requiredByNode(PowerNode*)";
 
 std::uint32_t baseSeed()
 {
@@ -100,9 +93,7 @@ public:
                 add(e.required, self, node);
                 return;
             }
-            refuse("Tried to make power target " + e.name + " enable node " + m_entries[node].name
-                       + ", but it already disables that node.",
-                   kTargetRequires);
+            refuse(targetEnableRefusal(e.name, m_entries[node].name), kTargetRequires);
             return;
         }
         if (!blocked) {
@@ -110,9 +101,7 @@ public:
             requiredByNode(node, self);
             return;
         }
-        refuse("Tried to make power node " + e.name + " require node " + m_entries[node].name
-                   + ", but that would have caused a cyclic dependency.",
-               kNodeRequires);
+        refuse(cycleRequireRefusal(e.name, m_entries[node].name), kNodeRequires);
     }
 
     void requiredByNode(int self, int node)
@@ -128,9 +117,7 @@ public:
                 add(e.requiredBy, self, node);
                 return;
             }
-            refuse("Tried to make power target " + e.name + " disable node " + m_entries[node].name
-                       + ", but it already enables that node.",
-                   kTargetRequiredBy);
+            refuse(targetDisableRefusal(e.name, m_entries[node].name), kTargetRequiredBy);
             return;
         }
         if (!blocked) {
@@ -138,9 +125,7 @@ public:
             requiresNode(node, self);
             return;
         }
-        refuse("Tried to make power node " + e.name + " be required by node " + m_entries[node].name
-                   + ", but that would have caused a cyclic dependency.",
-               kNodeRequiredBy);
+        refuse(cycleRequiredByRefusal(e.name, m_entries[node].name), kNodeRequiredBy);
     }
 
 private:

@@ -1,7 +1,6 @@
 // Dependency sets, ordered lists and dependency maps.
 
-#include "capturingappender.h"
-#include "graph_test_nodes.h"
+#include "graph_test_helpers.h"
 #include "literal_reference.h"
 
 #include <gtest/gtest.h>
@@ -79,17 +78,14 @@ TEST(PowerNodeQueries, NodeWithoutEdgesReachesTwoAndFourWhenNoOtherModuleHolds)
 
 TEST(PowerNodeQueries, DirectSetsHoldOnlyDirectEdges)
 {
-    PowerResource a(VelaPowerManagerResources::display), b(VelaPowerManagerResources::backlight),
-        c(VelaPowerManagerResources::gpu);
-    a.requiresResource(&b);
-    b.requiresResource(&c);
-    EXPECT_EQ(a.requiredNodes(false), QSet<PowerNode*>{&b});
-    EXPECT_EQ(a.requiredNodes(true), (QSet<PowerNode*>{&b, &c}));
-    EXPECT_EQ(c.requiredByNodes(false), QSet<PowerNode*>{&b});
-    EXPECT_EQ(c.requiredByNodes(true), (QSet<PowerNode*>{&b, &a}));
-    EXPECT_EQ(a.orderedRequiredNodes(false), QList<PowerNode*>{&b});
-    EXPECT_EQ(a.orderedRequiredNodes(true), (QList<PowerNode*>{&b, &c}));
-    EXPECT_EQ(c.orderedRequiredByNodes(true), (QList<PowerNode*>{&b, &a}));
+    ResourceChain c; // a requires b requires z
+    EXPECT_EQ(c.a.requiredNodes(false), QSet<PowerNode*>{&c.b});
+    EXPECT_EQ(c.a.requiredNodes(true), (QSet<PowerNode*>{&c.b, &c.z}));
+    EXPECT_EQ(c.z.requiredByNodes(false), QSet<PowerNode*>{&c.b});
+    EXPECT_EQ(c.z.requiredByNodes(true), (QSet<PowerNode*>{&c.b, &c.a}));
+    EXPECT_EQ(c.a.orderedRequiredNodes(false), QList<PowerNode*>{&c.b});
+    EXPECT_EQ(c.a.orderedRequiredNodes(true), (QList<PowerNode*>{&c.b, &c.z}));
+    EXPECT_EQ(c.z.orderedRequiredByNodes(true), (QList<PowerNode*>{&c.b, &c.a}));
 }
 
 TEST(PowerNodeQueries, DirectListIsTheSetInItsOwnOrder)
@@ -242,36 +238,26 @@ TEST(PowerNodeQueries, OrderedRequiredByNodesOfTheMirroredExample)
 // reached along many paths, and must still stand in the list once.
 TEST(PowerNodeQueries, SharedNodesStandOnceInTheOrderedList)
 {
-    std::vector<std::unique_ptr<PowerResource>> nodes;
-    auto make = [&nodes]() {
-        nodes.emplace_back(new PowerResource(resourceValue(700 + static_cast<int>(nodes.size()))));
-        return nodes.back().get();
-    };
-    PowerResource* top = make();
-    PowerResource* root = top;
-    for (int rung = 0; rung < 8; ++rung) {
-        PowerResource *left = make(), *right = make(), *next = make();
-        top->requiresResource(left);
-        top->requiresResource(right);
-        left->requiresResource(next);
-        right->requiresResource(next);
-        top = next;
-    }
-    const QList<PowerNode*> list = root->orderedRequiredNodes(true);
-    EXPECT_EQ(list.size(), static_cast<int>(nodes.size()) - 1);
+    DiamondLadder ladder(8, 700);
+    const int count = static_cast<int>(ladder.nodes.size());
+    const QList<PowerNode*> list = ladder.root->orderedRequiredNodes(true);
+    EXPECT_EQ(list.size(), count - 1);
     EXPECT_EQ(QSet<PowerNode*>(list.cbegin(), list.cend()).size(), list.size());
-    LiteralGraph literal(static_cast<int>(nodes.size()));
-    EXPECT_EQ(list, literal.orderedRequiredNodes(root, true)) << namesOf(list);
-    EXPECT_EQ(top->orderedRequiredByNodes(true), literal.orderedRequiredByNodes(top, true));
-    EXPECT_EQ(root->requiredNodes(true), literal.requiredNodes(root, true));
+    LiteralGraph literal(count);
+    EXPECT_EQ(list, literal.orderedRequiredNodes(ladder.root, true)) << namesOf(list);
+    EXPECT_EQ(ladder.bottom->orderedRequiredByNodes(true), literal.orderedRequiredByNodes(ladder.bottom, true));
+    EXPECT_EQ(ladder.bottom->orderedRequiredByNodes(true).size(), count - 1);
+    EXPECT_EQ(ladder.root->requiredNodes(true), literal.requiredNodes(ladder.root, true));
 }
 
+// The middle of a chain has dependencies for 2 and for 4, and none for any
+// other state.
 TEST(PowerNodeQueries, BaseDependenciesOfOtherStatesAreEmpty)
 {
-    PowerResource above(VelaPowerManagerResources::camera), node(VelaPowerManagerResources::display),
-        below(VelaPowerManagerResources::gpu);
-    above.requiresResource(&node);
-    node.requiresResource(&below);
+    ResourceChain c;
+    const PowerNode& node = c.b;
+    ASSERT_FALSE(node.dependencies(S::enabled, false).isEmpty());
+    ASSERT_FALSE(node.dependencies(S::disabled, false).isEmpty());
     for (S::Enum state : {S::initial, S::enabling, S::disabling}) {
         for (bool recursive : {false, true}) {
             EXPECT_TRUE(node.dependencies(state, recursive).isEmpty()) << state;
@@ -337,9 +323,7 @@ TEST(PowerTargetQueries, NodeBothEnabledAndDisabledStandsTwice)
     PowerResource d(VelaPowerManagerResources::wifi), x(VelaPowerManagerResources::network);
     t.disables(&d);
     t.enables(&x);
-    LogCapture log;
-    x.requiresResource(&d);
-    ASSERT_TRUE(log.events().empty()) << log.dump();
+    ASSERT_TRUE(wiredSilently([&] { x.requiresResource(&d); }));
 
     const PowerNode::DependencyList list = t.orderedDependencies(S::enabled, true);
     EXPECT_EQ(list, (PowerNode::DependencyList{{&x, S::enabled}, {&d, S::enabled}, {&d, S::disabled},
@@ -352,16 +336,22 @@ TEST(PowerTargetQueries, NodeBothEnabledAndDisabledStandsTwice)
     EXPECT_EQ(t.dependencies(S::enabled, false), (Map{{&x, S::enabled}, {&d, S::disabled}}));
 }
 
-TEST(PowerNodeQueries, ResultsAreFreshCopies)
+// Every call computes its result afresh: an edge made below a node after an
+// earlier query shows in the node's next answers.
+TEST(PowerNodeQueries, ResultsAreComputedOnEveryCall)
 {
-    PowerResource a(VelaPowerManagerResources::display), b(VelaPowerManagerResources::backlight);
+    PowerResource a(VelaPowerManagerResources::display), b(VelaPowerManagerResources::backlight),
+        c(VelaPowerManagerResources::gpu);
     a.requiresResource(&b);
-    QSet<PowerNode*> set = a.requiredNodes(false);
-    set.clear();
-    QList<PowerNode*> list = a.orderedRequiredNodes(true);
-    list.clear();
-    EXPECT_EQ(a.requiredNodes(false), QSet<PowerNode*>{&b});
-    EXPECT_EQ(a.orderedRequiredNodes(true), QList<PowerNode*>{&b});
+    ASSERT_EQ(a.requiredNodes(true), QSet<PowerNode*>{&b});
+    ASSERT_EQ(a.orderedRequiredNodes(true), QList<PowerNode*>{&b});
+    ASSERT_EQ(a.orderedDependencies(S::enabled, true), (PowerNode::DependencyList{{&b, S::enabled}}));
+    ASSERT_EQ(c.requiredByNodes(true), QSet<PowerNode*>{});
+    b.requiresResource(&c);
+    EXPECT_EQ(a.requiredNodes(true), (QSet<PowerNode*>{&b, &c}));
+    EXPECT_EQ(a.orderedRequiredNodes(true), (QList<PowerNode*>{&b, &c}));
+    EXPECT_EQ(a.orderedDependencies(S::enabled, true), (PowerNode::DependencyList{{&b, S::enabled}, {&c, S::enabled}}));
+    EXPECT_EQ(c.requiredByNodes(true), (QSet<PowerNode*>{&b, &a}));
 }
 
 } // namespace

@@ -10,6 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <memory>
+#include <ostream>
+#include <string>
 
 namespace {
 
@@ -20,46 +23,61 @@ std::string assertionPattern(const std::string& name, const std::string& relatio
         + " itself[^\"]*\" in file modules/powerManager/powerHandler/PowerNode.cpp, line [0-9]+";
 }
 
-TEST(PowerNodeSelfEdgeDeathTest, ResourceRequiringItselfStops)
+// One self-edge request of the base kind's operations: the node it is asked
+// of, and the name and relation its assertion must state.
+struct SelfEdgeCase {
+    const char* label;
+    std::unique_ptr<PowerNode> (*make)();
+    void (*ask)(PowerNode& node);
+    const char* name;
+    const char* relation;
+};
+
+std::unique_ptr<PowerNode> makeResource(VelaPowerManagerResources::Enum value)
 {
-    PowerResource resource(VelaPowerManagerResources::display);
-    EXPECT_EXIT(resource.requiresResource(&resource), ::testing::KilledBySignal(SIGABRT),
-                assertionPattern("display", "require"));
+    return std::unique_ptr<PowerNode>(new PowerResource(value));
 }
 
-TEST(PowerNodeSelfEdgeDeathTest, ResourceRequiresNodeItselfStops)
+PowerResource& asResource(PowerNode& node)
 {
-    PowerResource resource(VelaPowerManagerResources::wifi);
-    EXPECT_EXIT(resource.requiresNode(&resource), ::testing::KilledBySignal(SIGABRT),
-                assertionPattern("wifi", "require"));
+    return static_cast<PowerResource&>(node);
 }
 
-TEST(PowerNodeSelfEdgeDeathTest, ResourceRequiredByItselfStops)
+// Printed in test listings and failure messages by its label.
+void PrintTo(const SelfEdgeCase& param, std::ostream* out)
 {
-    PowerResource resource(VelaPowerManagerResources::backlight);
-    EXPECT_EXIT(resource.requiredBy(&resource), ::testing::KilledBySignal(SIGABRT),
-                assertionPattern("backlight", "be required by"));
+    *out << param.label;
 }
 
-TEST(PowerNodeSelfEdgeDeathTest, ResourceRequiredByNodeItselfStops)
+class PowerNodeSelfEdgeDeathTest : public ::testing::TestWithParam<SelfEdgeCase>
 {
-    PowerResource resource(VelaPowerManagerResources::audio);
-    EXPECT_EXIT(resource.requiredByNode(&resource), ::testing::KilledBySignal(SIGABRT),
-                assertionPattern("audio", "be required by"));
+};
+
+TEST_P(PowerNodeSelfEdgeDeathTest, Stops)
+{
+    const SelfEdgeCase& c = GetParam();
+    const std::unique_ptr<PowerNode> node = c.make();
+    EXPECT_EXIT(c.ask(*node), ::testing::KilledBySignal(SIGABRT), assertionPattern(c.name, c.relation));
 }
 
-TEST(PowerNodeSelfEdgeDeathTest, BaseNodeRequiringItselfStops)
-{
-    TestNode node(QStringLiteral("lonely"));
-    EXPECT_EXIT(node.requiresNode(&node), ::testing::KilledBySignal(SIGABRT), assertionPattern("lonely", "require"));
-}
-
-TEST(PowerNodeSelfEdgeDeathTest, BaseNodeRequiredByItselfStops)
-{
-    TestNode node(QStringLiteral("lonely"));
-    EXPECT_EXIT(node.requiredByNode(&node), ::testing::KilledBySignal(SIGABRT),
-                assertionPattern("lonely", "be required by"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Requests, PowerNodeSelfEdgeDeathTest,
+    ::testing::Values(
+        SelfEdgeCase{"ResourceRequiringItself", [] { return makeResource(VelaPowerManagerResources::display); },
+                     [](PowerNode& n) { asResource(n).requiresResource(&asResource(n)); }, "display", "require"},
+        SelfEdgeCase{"ResourceRequiresNodeItself", [] { return makeResource(VelaPowerManagerResources::wifi); },
+                     [](PowerNode& n) { n.requiresNode(&n); }, "wifi", "require"},
+        SelfEdgeCase{"ResourceRequiredByItself", [] { return makeResource(VelaPowerManagerResources::backlight); },
+                     [](PowerNode& n) { asResource(n).requiredBy(&asResource(n)); }, "backlight", "be required by"},
+        SelfEdgeCase{"ResourceRequiredByNodeItself", [] { return makeResource(VelaPowerManagerResources::audio); },
+                     [](PowerNode& n) { n.requiredByNode(&n); }, "audio", "be required by"},
+        SelfEdgeCase{"BaseNodeRequiringItself",
+                     [] { return std::unique_ptr<PowerNode>(new TestNode(QStringLiteral("lonely"))); },
+                     [](PowerNode& n) { n.requiresNode(&n); }, "lonely", "require"},
+        SelfEdgeCase{"BaseNodeRequiredByItself",
+                     [] { return std::unique_ptr<PowerNode>(new TestNode(QStringLiteral("lonely"))); },
+                     [](PowerNode& n) { n.requiredByNode(&n); }, "lonely", "be required by"}),
+    [](const ::testing::TestParamInfo<SelfEdgeCase>& info) { return std::string(info.param.label); });
 
 // Even with edges around it, the request stops before any check or recursion.
 TEST(PowerNodeSelfEdgeDeathTest, WiredResourceRequiringItselfStops)
