@@ -29,6 +29,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -62,6 +63,50 @@ inline std::string str(const QString& text)
 inline const char* requestSource()
 {
     return "modules/powerManager/powerHandler/PowerNodeRequest.cpp";
+}
+
+// The revoke message a module is expected to receive.
+inline VelaHash revokeMessage(const QString& module, VelaPowerManagerMessageTypes::Enum type,
+                              const QList<const PowerResource*>& revoked)
+{
+    VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
+    message.setModuleName(module).setMessageType(type);
+    if (!revoked.isEmpty()) {
+        VelaList<VelaPowerManagerResources::Enum> resources;
+        for (const PowerResource* resource : revoked)
+            resources.append(resource->resource());
+        message.setRevokeResources(resources);
+    }
+    return message;
+}
+
+// The key under which a revoke message stores its list, as the record
+// itself names it.
+inline QString revokeResourcesKey()
+{
+    VelaPowerManagerRevokeMessage probe{QHash<QString, QVariant>()};
+    probe.setRevokeResources(VelaList<VelaPowerManagerResources::Enum>());
+    return probe.keys().value(0);
+}
+
+// Whether every listed resource travels as a plain integer.
+inline ::testing::AssertionResult revokeListHoldsIntegers(const VelaHash& arguments)
+{
+    const QVariant list = arguments.value(revokeResourcesKey());
+    if (list.userType() != QMetaType::QVariantList)
+        return ::testing::AssertionFailure() << "the revoke list is a " << list.typeName();
+    for (const QVariant& entry : list.toList()) {
+        if (entry.userType() != QMetaType::Int)
+            return ::testing::AssertionFailure() << "an entry is a " << entry.typeName();
+    }
+    return ::testing::AssertionSuccess();
+}
+
+inline std::string printed(const VelaHash& hash)
+{
+    std::ostringstream out;
+    out << hash;
+    return out.str();
 }
 
 // A node of the base kind: neither a resource nor a target. Its own
@@ -154,6 +199,52 @@ protected:
         return node;
     }
 
+    using Claims = QHash<QString, VelaPowerModuleActions::Enum>;
+
+    // A fresh resource that carries these module actions.
+    PowerResource* makeClaimedResource(const Claims& claims, Answer writes = Answer::AtOnce)
+    {
+        PowerResource* resource = makeResource(writes, writes);
+        for (auto it = claims.cbegin(); it != claims.cend(); ++it)
+            resource->addModule(it.key(), it.value());
+        return resource;
+    }
+
+    // One module's action on one fresh resource, whose writes are answered
+    // as given.
+    struct Claim {
+        QString module;
+        VelaPowerModuleActions::Enum action;
+        Answer writes = Answer::AtOnce;
+    };
+
+    struct DisablingTarget {
+        PowerTarget* target;
+        std::vector<PowerResource*> resources; // in the order of the claims
+    };
+
+    // A fresh target that disables one fresh resource per claim.
+    DisablingTarget makeTargetDisabling(std::initializer_list<Claim> claims)
+    {
+        DisablingTarget made{makeTarget(), {}};
+        for (const Claim& claim : claims) {
+            PowerResource* resource = makeClaimedResource({{claim.module, claim.action}}, claim.writes);
+            made.target->disables(resource);
+            made.resources.push_back(resource);
+        }
+        return made;
+    }
+
+    // A target that no module can reach: it disables a resource that module
+    // "C" holds.
+    DisablingTarget makeUnreachableTarget()
+    {
+        const DisablingTarget made = makeTargetDisabling({{QStringLiteral("C"), VelaPowerModuleActions::hold}});
+        EXPECT_FALSE(made.target->isStateReachable(VelaPowerNodeStates::enabled, VelaPowerManagerName(), true))
+            << "the held resource no longer blocks the target";
+        return made;
+    }
+
     PowerTarget* makeTarget()
     {
         auto* node = new PowerTarget(static_cast<VelaPowerManagerTargets::Enum>(s_nextTarget++));
@@ -217,16 +308,23 @@ protected:
     // is held.
     bool answerHeld(const std::string& label)
     {
-        auto it = std::find_if(m_held.begin(), m_held.end(),
-                               [&label](const std::pair<std::string, CMReply<QVariant>>& held) {
-                                   return held.first == label;
-                               });
-        if (it == m_held.end())
+        CMReply<QVariant> reply;
+        if (!takeHeld(label, reply))
             return false;
-        const CMReply<QVariant> reply = it->second;
-        m_held.erase(it);
         m_events.push_back("answered " + label);
         reply.setValue(QVariant(true));
+        return true;
+    }
+
+    // Answers a held call with an error; false when no call with that label
+    // is held.
+    bool failHeld(const std::string& label, const QString& message)
+    {
+        CMReply<QVariant> reply;
+        if (!takeHeld(label, reply))
+            return false;
+        m_events.push_back("failed " + label);
+        reply.setError(CMError(TrString(message)));
         return true;
     }
 
@@ -240,12 +338,50 @@ protected:
         return found;
     }
 
+    // Whether `module` was called exactly once at the path of `type` (its
+    // registered paths) and given exactly the message that revokes
+    // `revoked`.
+    ::testing::AssertionResult toldOnce(const QString& module, VelaPowerManagerMessageTypes::Enum type,
+                                        const QList<const PowerResource*>& revoked) const
+    {
+        const CMPath path =
+            type == VelaPowerManagerMessageTypes::revoke ? revokePath(module) : postRevokePath(module);
+        const std::vector<Invocation> seen = invocationsAt(path);
+        if (seen.size() != 1) {
+            return ::testing::AssertionFailure() << str(module) << " was called " << seen.size() << " times at "
+                                                 << str(path.toString()) << "\n" << eventDump();
+        }
+        const VelaHash expected = revokeMessage(module, type, revoked);
+        if (!(seen[0].arguments == expected)) {
+            return ::testing::AssertionFailure() << str(module) << " was sent " << printed(seen[0].arguments)
+                                                 << ", expected " << printed(expected);
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    // Whether `module` was called at neither of its registered paths.
+    ::testing::AssertionResult toldNothing(const QString& module) const
+    {
+        const std::size_t calls =
+            invocationsAt(revokePath(module)).size() + invocationsAt(postRevokePath(module)).size();
+        if (calls != 0)
+            return ::testing::AssertionFailure() << str(module) << " was called " << calls << " times\n" << eventDump();
+        return ::testing::AssertionSuccess();
+    }
+
     // --- requests ----------------------------------------------------------
 
+    // A request of `module` on `node`, with the fixture's registrations.
+    PowerNodeRequestPtr requestFor(PowerNode* node, const QString& module,
+                                   VelaPowerModuleActions::Enum action) const
+    {
+        return PowerNodeRequest::create(node, module, action, m_registrations);
+    }
+
+    // A target request as the power manager makes it.
     PowerNodeRequestPtr targetRequest(PowerTarget* target) const
     {
-        return PowerNodeRequest::create(target, VelaPowerManagerName(), VelaPowerModuleActions::hold,
-                                        m_registrations);
+        return requestFor(target, VelaPowerManagerName(), VelaPowerModuleActions::hold);
     }
 
     // Processes the request and drives the event loop until its reply has
@@ -296,6 +432,19 @@ protected:
     std::vector<CMReply<QVariant>> m_never;
 
 private:
+    bool takeHeld(const std::string& label, CMReply<QVariant>& reply)
+    {
+        auto it = std::find_if(m_held.begin(), m_held.end(),
+                               [&label](const std::pair<std::string, CMReply<QVariant>>& held) {
+                                   return held.first == label;
+                               });
+        if (it == m_held.end())
+            return false;
+        reply = it->second;
+        m_held.erase(it);
+        return true;
+    }
+
     CMSetDataRequest writeRequest(PowerNode* node, const QString& direction, bool value, Answer answer)
     {
         const CMPath path(QStringLiteral("/resources/%1/%2").arg(node->name(), direction));
@@ -344,50 +493,6 @@ private:
     static inline int s_nextTarget = 100;
     static inline int s_nextPlain = 1;
 };
-
-// The revoke message a module is expected to receive.
-inline VelaHash revokeMessage(const QString& module, VelaPowerManagerMessageTypes::Enum type,
-                              const QList<const PowerResource*>& revoked)
-{
-    VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
-    message.setModuleName(module).setMessageType(type);
-    if (!revoked.isEmpty()) {
-        VelaList<VelaPowerManagerResources::Enum> resources;
-        for (const PowerResource* resource : revoked)
-            resources.append(resource->resource());
-        message.setRevokeResources(resources);
-    }
-    return message;
-}
-
-// The key under which a revoke message stores its list, as the record
-// itself names it.
-inline QString revokeResourcesKey()
-{
-    VelaPowerManagerRevokeMessage probe{QHash<QString, QVariant>()};
-    probe.setRevokeResources(VelaList<VelaPowerManagerResources::Enum>());
-    return probe.keys().value(0);
-}
-
-// Whether every listed resource travels as a plain integer.
-inline ::testing::AssertionResult revokeListHoldsIntegers(const VelaHash& arguments)
-{
-    const QVariant list = arguments.value(revokeResourcesKey());
-    if (list.userType() != QMetaType::QVariantList)
-        return ::testing::AssertionFailure() << "the revoke list is a " << list.typeName();
-    for (const QVariant& entry : list.toList()) {
-        if (entry.userType() != QMetaType::Int)
-            return ::testing::AssertionFailure() << "an entry is a " << entry.typeName();
-    }
-    return ::testing::AssertionSuccess();
-}
-
-inline std::string printed(const VelaHash& hash)
-{
-    std::ostringstream out;
-    out << hash;
-    return out.str();
-}
 
 } // namespace requests
 

@@ -3,6 +3,8 @@
 
 #include "requestfixture.h"
 
+#include <QObject>
+
 namespace requests {
 namespace {
 
@@ -14,29 +16,22 @@ const QString C = QStringLiteral("C");
 
 TEST_F(RequestExecution, PostNotificationsFollowAllChangesAndAreNotWaitedFor)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource(Answer::Later, Answer::Later);
-    PowerResource* r2 = makeResource(Answer::Later, Answer::Later);
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(B, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
+    const DisablingTarget graph = makeTargetDisabling(
+        {{A, VelaPowerModuleActions::use, Answer::Later}, {B, VelaPowerModuleActions::use, Answer::Later}});
+    PowerResource* r1 = graph.resources[0];
+    PowerResource* r2 = graph.resources[1];
     registerModule(A, Answer::AtOnce, Answer::Never);
     registerModule(B, Answer::AtOnce, Answer::Never);
     LogCapture log;
 
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const PowerNodeRequestPtr request = targetRequest(graph.target);
     const CMReply<void> reply = runToEnd(request);
 
     // Finished although neither post notification was ever answered.
     EXPECT_FALSE(reply.error().isError());
     EXPECT_EQ(m_never.size(), 2u) << eventDump();
-    const std::vector<Invocation> postA = invocationsAt(postRevokePath(A));
-    const std::vector<Invocation> postB = invocationsAt(postRevokePath(B));
-    ASSERT_EQ(postA.size(), 1u) << eventDump();
-    ASSERT_EQ(postB.size(), 1u) << eventDump();
-    EXPECT_EQ(postA[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {r1}));
-    EXPECT_EQ(postB[0].arguments, revokeMessage(B, VelaPowerManagerMessageTypes::postRevoke, {r2}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {r1}));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {r2}));
 
     // Both writes were answered before the first post notification.
     const int firstPost = std::min(indexOf("post A"), indexOf("post B"));
@@ -49,17 +44,10 @@ TEST_F(RequestExecution, PostNotificationsFollowAllChangesAndAreNotWaitedFor)
 
 TEST_F(RequestExecution, AllChangesStartInOnePassInListOrder)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource(Answer::Later, Answer::Later);
-    PowerResource* r2 = makeResource(Answer::Later, Answer::Later);
-    PowerResource* r3 = makeResource(Answer::Later, Answer::Later);
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(B, VelaPowerModuleActions::use);
-    r3->addModule(C, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
-    target->disables(r3);
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const DisablingTarget graph = makeTargetDisabling({{A, VelaPowerModuleActions::use, Answer::Later},
+                                                       {B, VelaPowerModuleActions::use, Answer::Later},
+                                                       {C, VelaPowerModuleActions::use, Answer::Later}});
+    const PowerNodeRequestPtr request = targetRequest(graph.target);
 
     const CMReply<void> reply = runToEnd(request);
     EXPECT_FALSE(reply.error().isError());
@@ -81,14 +69,39 @@ TEST_F(RequestExecution, AllChangesStartInOnePassInListOrder)
         << eventDump();
 }
 
-TEST_F(RequestExecution, NodeAlreadyCarryingTheActionStartsNoChangeAndTheRequestSucceeds)
+TEST_F(RequestExecution, NodeListedTwiceIsChangedOnlyOnce)
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(A, VelaPowerModuleActions::use);
+    // The second entry of the same node finds the action already applied by
+    // the first one.
+    ScriptedTarget* target = makeScriptedTarget();
+    PowerResource* twice = makeClaimedResource({{A, VelaPowerModuleActions::use}});
+    target->script = {qMakePair(static_cast<PowerNode*>(twice), VelaPowerNodeStates::disabled),
+                      qMakePair(static_cast<PowerNode*>(twice), VelaPowerNodeStates::disabled)};
     registerModule(A);
     LogCapture log;
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = targetRequest(target);
+
+    const CMReply<void> reply = runToEnd(request);
+
+    EXPECT_FALSE(reply.error().isError());
+    ASSERT_EQ(request->nodes().size(), 3);
+    EXPECT_EQ(log.count(log4cplus::DEBUG_LOG_LEVEL,
+                        "Node: " + str(twice->name()) + " updated by: A with action type: release"),
+              1)
+        << log.dump();
+    EXPECT_EQ(countStartingWith(writeLabel(twice, "off")), 1) << eventDump();
+    // One message each way, listing the resource once.
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::revoke, {twice}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {twice}));
+    EXPECT_EQ(twice->state(), VelaPowerNodeStates::disabled);
+}
+
+TEST_F(RequestExecution, NodeAlreadyCarryingTheActionStartsNoChangeAndTheRequestSucceeds)
+{
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::use}});
+    registerModule(A);
+    LogCapture log;
+    const PowerNodeRequestPtr request = requestFor(resource, A, VelaPowerModuleActions::use);
 
     const CMReply<void> reply = runToEnd(request);
 
@@ -106,10 +119,8 @@ TEST_F(RequestExecution, NodeAlreadyCarryingTheActionStartsNoChangeAndTheRequest
 
 TEST_F(RequestExecution, ExecuteWithNothingToChangeFinishesWithSuccess)
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(A, VelaPowerModuleActions::hold);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::hold, m_registrations);
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::hold}});
+    const PowerNodeRequestPtr request = requestFor(resource, A, VelaPowerModuleActions::hold);
     ASSERT_TRUE(request->resolve());
 
     const CMReply<void> executed = request->execute();
@@ -123,13 +134,9 @@ TEST_F(RequestExecution, ExecuteWithNothingToChangeFinishesWithSuccess)
 
 TEST_F(RequestExecution, UnreachableTargetFailsToResolveAndNoModuleIsNotified)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(C, VelaPowerModuleActions::hold);
-    target->disables(r1);
-    target->disables(r2);
+    const DisablingTarget graph =
+        makeTargetDisabling({{A, VelaPowerModuleActions::use}, {C, VelaPowerModuleActions::hold}});
+    PowerTarget* target = graph.target;
     registerModule(A);
     registerModule(C);
     registerModule(VelaPowerManagerName());
@@ -138,8 +145,7 @@ TEST_F(RequestExecution, UnreachableTargetFailsToResolveAndNoModuleIsNotified)
 
     const CMReply<void> reply = request->process();
 
-    EXPECT_TRUE(reply.isFinished()) << "a failed resolution answers at once";
-    ASSERT_TRUE(waitUntil([&reply]() { return reply.isFinished(); }));
+    ASSERT_TRUE(reply.isFinished()) << "a failed resolution answers at once";
     drainEvents();
     const CMError error = reply.error();
     EXPECT_TRUE(error.isError());
@@ -149,7 +155,7 @@ TEST_F(RequestExecution, UnreachableTargetFailsToResolveAndNoModuleIsNotified)
     EXPECT_FALSE(request->isValid());
     EXPECT_FALSE(request->isProcessing());
     EXPECT_TRUE(m_events.empty()) << "no module told, nothing written\n" << eventDump();
-    EXPECT_EQ(r1->moduleAction(A), VelaPowerModuleActions::use);
+    EXPECT_EQ(graph.resources[0]->moduleAction(A), VelaPowerModuleActions::use);
     EXPECT_EQ(target->state(), VelaPowerNodeStates::initial);
     EXPECT_EQ(log.count(log4cplus::INFO_LOG_LEVEL, "node unreachable: " + str(target->name())), 1) << log.dump();
     EXPECT_FALSE(log.containsFragment(log4cplus::TRACE_LOG_LEVEL, "PowerNodeRequest::notify()")) << log.dump();
@@ -157,17 +163,14 @@ TEST_F(RequestExecution, UnreachableTargetFailsToResolveAndNoModuleIsNotified)
 
 TEST_F(RequestExecution, FailingWriteStillLeadsToPostNotificationsAndASuccessfulRequest)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* failing = makeResource(Answer::AtOnce, Answer::WithError);
-    PowerResource* fine = makeResource();
-    failing->addModule(A, VelaPowerModuleActions::use);
-    fine->addModule(B, VelaPowerModuleActions::use);
-    target->disables(failing);
-    target->disables(fine);
+    const DisablingTarget graph = makeTargetDisabling(
+        {{A, VelaPowerModuleActions::use, Answer::WithError}, {B, VelaPowerModuleActions::use}});
+    PowerResource* failing = graph.resources[0];
+    PowerResource* fine = graph.resources[1];
     registerModule(A);
     registerModule(B);
     LogCapture log;
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const PowerNodeRequestPtr request = targetRequest(graph.target);
 
     const CMReply<void> reply = runToEnd(request);
 
@@ -178,11 +181,9 @@ TEST_F(RequestExecution, FailingWriteStillLeadsToPostNotificationsAndASuccessful
                         "Failed to disable resource " + str(failing->name()) + ", error: refused by the test"),
               1)
         << log.dump();
-    const std::vector<Invocation> postA = invocationsAt(postRevokePath(A));
-    ASSERT_EQ(postA.size(), 1u) << eventDump();
-    EXPECT_EQ(postA[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {failing}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {failing}));
     EXPECT_GT(indexOf("post A"), indexOf("failed " + writeLabel(failing, "off"))) << eventDump();
-    EXPECT_EQ(invocationsAt(postRevokePath(B)).size(), 1u) << eventDump();
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {fine}));
     EXPECT_EQ(failing->state(), VelaPowerNodeStates::disabled);
     EXPECT_EQ(fine->state(), VelaPowerNodeStates::disabled);
 }
@@ -195,8 +196,7 @@ TEST_F(RequestExecution, ExecuteResultOfAFailingWriteFollowsTheNodesSuccessfulRe
     PowerResource* failing = makeResource(Answer::WithError, Answer::WithError);
     registerModule(A);
     LogCapture log;
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(failing, A, VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(failing, A, VelaPowerModuleActions::use);
     ASSERT_TRUE(request->resolve());
 
     const CMReply<void> executed = request->execute();
@@ -212,28 +212,85 @@ TEST_F(RequestExecution, ExecuteResultOfAFailingWriteFollowsTheNodesSuccessfulRe
     EXPECT_FALSE(request->reply().isFinished());
 }
 
-TEST_F(RequestExecution, ProcessOnAFinishedRequestReturnsTheSameReplyAndDoesNothing)
+// process() on a request that has already finished, in each of the three
+// ways a request finishes.
+enum class Finished { Succeeded, BornWithoutNode, FailedToResolve };
+
+const char* nameOf(Finished finished)
 {
-    PowerResource* resource = makeResource();
+    switch (finished) {
+    case Finished::Succeeded:
+        return "Succeeded";
+    case Finished::BornWithoutNode:
+        return "BornWithoutNode";
+    case Finished::FailedToResolve:
+        return "FailedToResolve";
+    }
+    return "Unknown";
+}
+
+void PrintTo(Finished finished, std::ostream* out)
+{
+    *out << nameOf(finished);
+}
+
+std::string finishedName(const ::testing::TestParamInfo<Finished>& info)
+{
+    return nameOf(info.param);
+}
+
+class ProcessOnAFinishedRequest : public RequestTest, public ::testing::WithParamInterface<Finished>
+{
+};
+
+TEST_P(ProcessOnAFinishedRequest, ReturnsTheSameReplyAndDoesNothing)
+{
     registerModule(A);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::use, m_registrations);
-    const CMReply<void> first = runToEnd(request);
-    ASSERT_FALSE(first.error().isError());
+    PowerNodeRequestPtr request;
+    CMReply<void> first;
+    QString expectedError;
+    int expectedNodes = 0;
+    bool expectedProcessing = false;
+    switch (GetParam()) {
+    case Finished::Succeeded:
+        request = requestFor(makeResource(), A, VelaPowerModuleActions::use);
+        first = runToEnd(request);
+        ASSERT_FALSE(first.error().isError());
+        expectedNodes = 1;
+        expectedProcessing = true;
+        break;
+    case Finished::BornWithoutNode:
+        request = requestFor(nullptr, A, VelaPowerModuleActions::use);
+        first = request->reply();
+        expectedError = QStringLiteral("Invalid power node pointer");
+        break;
+    case Finished::FailedToResolve:
+        request = targetRequest(makeUnreachableTarget().target);
+        first = request->process();
+        expectedError = QStringLiteral("Failed to resolve dependencies");
+        expectedNodes = 1;
+        break;
+    }
+    ASSERT_TRUE(first.isFinished());
     drainEvents();
     const std::vector<std::string> eventsBefore = m_events;
-    const VelaPowerNodeStates::Enum stateBefore = resource->state();
+    PowerNode* node = request->node();
+    const VelaPowerNodeStates::Enum stateBefore = node ? node->state() : VelaPowerNodeStates::initial;
     LogCapture log;
 
     const CMReply<void> second = request->process();
 
     EXPECT_TRUE(second == first) << "the very same reply";
     EXPECT_TRUE(second.isFinished());
-    EXPECT_FALSE(second.error().isError());
+    EXPECT_EQ(second.error().isError(), !expectedError.isEmpty());
+    EXPECT_EQ(second.error().message().toString(), expectedError);
+    EXPECT_EQ(request->isProcessing(), expectedProcessing);
+    EXPECT_EQ(request->nodes().size(), expectedNodes) << "not resolved a second time";
     drainEvents();
     EXPECT_EQ(m_events, eventsBefore) << eventDump();
-    EXPECT_EQ(request->nodes().size(), 1);
-    EXPECT_EQ(resource->state(), stateBefore);
+    if (node) {
+        EXPECT_EQ(node->state(), stateBefore);
+    }
     // Only the entry line of process() itself.
     const std::vector<CapturedEvent> events = log.events();
     ASSERT_EQ(events.size(), 1u) << log.dump();
@@ -241,52 +298,16 @@ TEST_F(RequestExecution, ProcessOnAFinishedRequestReturnsTheSameReplyAndDoesNoth
               "Enter [PowerManager] PowerNodeRequest::process(): nodeRequest id: " + std::to_string(request->id()));
 }
 
-TEST_F(RequestExecution, ProcessOnANullNodeRequestReturnsItsFailedReplyAndDoesNothing)
-{
-    registerModule(A);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(nullptr, A, VelaPowerModuleActions::use, m_registrations);
-    const CMReply<void> born = request->reply();
-    LogCapture log;
-
-    const CMReply<void> processed = request->process();
-
-    EXPECT_TRUE(processed == born);
-    EXPECT_TRUE(processed.isFinished());
-    EXPECT_EQ(processed.error().message().toString(), QStringLiteral("Invalid power node pointer"));
-    EXPECT_FALSE(request->isProcessing());
-    EXPECT_TRUE(request->nodes().isEmpty());
-    drainEvents();
-    EXPECT_TRUE(m_events.empty()) << eventDump();
-    ASSERT_EQ(log.events().size(), 1u) << log.dump();
-    EXPECT_EQ(log.events()[0].message,
-              "Enter [PowerManager] PowerNodeRequest::process(): nodeRequest id: " + std::to_string(request->id()));
-}
-
-TEST_F(RequestExecution, ProcessOnAFailedResolutionReturnsTheSameFailedReplyAgain)
-{
-    PowerTarget* target = makeTarget();
-    PowerResource* held = makeResource();
-    held->addModule(C, VelaPowerModuleActions::hold);
-    target->disables(held);
-    const PowerNodeRequestPtr request = targetRequest(target);
-    const CMReply<void> first = request->process();
-    ASSERT_TRUE(first.isFinished());
-
-    const CMReply<void> second = request->process();
-
-    EXPECT_TRUE(second == first);
-    EXPECT_EQ(second.error().message().toString(), QStringLiteral("Failed to resolve dependencies"));
-    EXPECT_EQ(request->nodes().size(), 1) << "not resolved a second time";
-}
+INSTANTIATE_TEST_SUITE_P(EveryWayToFinish, ProcessOnAFinishedRequest,
+                         ::testing::Values(Finished::Succeeded, Finished::BornWithoutNode,
+                                           Finished::FailedToResolve),
+                         finishedName);
 
 TEST_F(RequestExecution, ProcessingRequestReturnsItsUnfinishedReplyAndFinishesItWithSuccess)
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(A, VelaPowerModuleActions::use);
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::use}});
     registerModule(A, Answer::Held);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::release, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, A, VelaPowerModuleActions::release);
 
     const CMReply<void> reply = request->process();
 
@@ -302,41 +323,39 @@ TEST_F(RequestExecution, ProcessingRequestReturnsItsUnfinishedReplyAndFinishesIt
     EXPECT_EQ(resource->moduleAction(A), VelaPowerModuleActions::release);
 }
 
-TEST_F(RequestExecution, RequestAloneKeepsItselfAliveUntilItHasFinished)
+TEST_F(RequestExecution, RequestAloneKeepsItselfAliveUntilItHasFinishedAndIsThenReleased)
 {
-    PowerResource* resource = makeResource(Answer::Later, Answer::Later);
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::use}}, Answer::Later);
     registerModule(A, Answer::Later);
-    resource->addModule(A, VelaPowerModuleActions::use);
     CMReply<void> reply;
+    bool destroyed = false;
     {
-        const PowerNodeRequestPtr request =
-            PowerNodeRequest::create(resource, A, VelaPowerModuleActions::release, m_registrations);
+        const PowerNodeRequestPtr request = requestFor(resource, A, VelaPowerModuleActions::release);
+        QObject::connect(request.data(), &QObject::destroyed, [&destroyed]() { destroyed = true; });
         reply = request->process();
     }
     // The only share left is the one the running request holds itself.
+    EXPECT_FALSE(destroyed) << "the running request was released by its caller's last share";
     ASSERT_TRUE(waitUntil([&reply]() { return reply.isFinished(); })) << eventDump();
     EXPECT_FALSE(reply.error().isError());
     EXPECT_EQ(resource->state(), VelaPowerNodeStates::disabled);
-    EXPECT_EQ(invocationsAt(postRevokePath(A)).size(), 1u) << eventDump();
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {resource}));
+    // Once finished, nothing keeps it any longer.
+    EXPECT_TRUE(waitUntil([&destroyed]() { return destroyed; })) << "the finished request is never released";
 }
 
 TEST_F(RequestExecution, TargetRequestAppliesEveryPlannedAction)
 {
     PowerTarget* target = makeTarget();
-    PowerResource* kept = makeResource();
-    PowerResource* r1 = makeResource();
-    PowerResource* dependant = makeResource();
-    kept->addModule(C, VelaPowerModuleActions::hold);
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r1->addModule(B, VelaPowerModuleActions::hold);
-    dependant->addModule(B, VelaPowerModuleActions::use);
+    PowerResource* kept = makeClaimedResource({{C, VelaPowerModuleActions::hold}});
+    PowerResource* r1 = makeClaimedResource({{A, VelaPowerModuleActions::use}, {B, VelaPowerModuleActions::hold}});
+    PowerResource* dependant = makeClaimedResource({{B, VelaPowerModuleActions::use}});
     dependant->requiresResource(r1);
     target->enables(kept);
     target->disables(dependant);
     target->disables(r1);
     // B's hold on r1 would block the target; it is released by B first.
-    const CMReply<void> released =
-        runToEnd(PowerNodeRequest::create(r1, B, VelaPowerModuleActions::release, m_registrations));
+    const CMReply<void> released = runToEnd(requestFor(r1, B, VelaPowerModuleActions::release));
     ASSERT_FALSE(released.error().isError());
 
     const CMReply<void> reply = runToEnd(targetRequest(target));

@@ -6,8 +6,6 @@
 namespace requests {
 namespace {
 
-using RequestNotification = RequestTest;
-
 const QString A = QStringLiteral("A");
 const QString B = QStringLiteral("B");
 const QString C = QStringLiteral("C");
@@ -25,18 +23,26 @@ struct RevokeGraph {
     PowerResource* r3;
 };
 
+class RequestNotification : public RequestTest
+{
+protected:
+    // A target that disables r1, which A uses, and r2, which B uses.
+    DisablingTarget makeTwoModuleTarget()
+    {
+        return makeTargetDisabling({{A, VelaPowerModuleActions::use}, {B, VelaPowerModuleActions::use}});
+    }
+};
+
 class RevokeTest : public RequestTest
 {
 protected:
     RevokeGraph makeGraph(Answer writes = Answer::AtOnce)
     {
-        RevokeGraph graph{makeTarget(), makeResource(writes, writes), makeResource(writes, writes),
-                          makeResource(writes, writes)};
-        graph.r1->addModule(A, VelaPowerModuleActions::use);
-        graph.r1->addModule(D, VelaPowerModuleActions::release);
-        graph.r2->addModule(B, VelaPowerModuleActions::use);
-        graph.r3->addModule(C, VelaPowerModuleActions::hold);
-        graph.r3->addModule(A, VelaPowerModuleActions::hold);
+        RevokeGraph graph{
+            makeTarget(),
+            makeClaimedResource({{A, VelaPowerModuleActions::use}, {D, VelaPowerModuleActions::release}}, writes),
+            makeClaimedResource({{B, VelaPowerModuleActions::use}}, writes),
+            makeClaimedResource({{C, VelaPowerModuleActions::hold}, {A, VelaPowerModuleActions::hold}}, writes)};
         graph.target->enables(graph.r3);
         graph.target->disables(graph.r1);
         graph.target->disables(graph.r2);
@@ -62,41 +68,26 @@ TEST_F(RevokeTest, TargetChangeRevokesEachUsingModuleBeforeAndAfterAndSparesTheH
     const CMReply<void> reply = runToEnd(targetRequest(graph.target));
     EXPECT_FALSE(reply.error().isError());
 
-    const std::vector<Invocation> preA = invocationsAt(revokePath(A));
-    const std::vector<Invocation> postA = invocationsAt(postRevokePath(A));
-    const std::vector<Invocation> preB = invocationsAt(revokePath(B));
-    const std::vector<Invocation> postB = invocationsAt(postRevokePath(B));
-    ASSERT_EQ(preA.size(), 1u) << eventDump();
-    ASSERT_EQ(postA.size(), 1u) << eventDump();
-    ASSERT_EQ(preB.size(), 1u) << eventDump();
-    ASSERT_EQ(postB.size(), 1u) << eventDump();
-
-    EXPECT_EQ(preA[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::revoke, {graph.r1}))
-        << printed(preA[0].arguments);
-    EXPECT_EQ(postA[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {graph.r1}))
-        << printed(postA[0].arguments);
-    EXPECT_EQ(preB[0].arguments, revokeMessage(B, VelaPowerManagerMessageTypes::revoke, {graph.r2}))
-        << printed(preB[0].arguments);
-    EXPECT_EQ(postB[0].arguments, revokeMessage(B, VelaPowerManagerMessageTypes::postRevoke, {graph.r2}))
-        << printed(postB[0].arguments);
+    ASSERT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::revoke, {graph.r1}));
+    ASSERT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {graph.r1}));
+    ASSERT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::revoke, {graph.r2}));
+    ASSERT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {graph.r2}));
 
     // Spelled out through the record's accessors as well.
-    const VelaPowerManagerRevokeMessage message(preA[0].arguments);
+    const VelaPowerManagerRevokeMessage message(invocationsAt(revokePath(A))[0].arguments);
     EXPECT_EQ(message.moduleName(), A);
     EXPECT_EQ(message.messageType(), VelaPowerManagerMessageTypes::revoke);
     ASSERT_EQ(message.revokeResources().size(), 1);
     EXPECT_EQ(message.revokeResources()[0], graph.r1->resource());
-    EXPECT_EQ(VelaPowerManagerRevokeMessage(postB[0].arguments).messageType(),
+    EXPECT_EQ(VelaPowerManagerRevokeMessage(invocationsAt(postRevokePath(B))[0].arguments).messageType(),
               VelaPowerManagerMessageTypes::postRevoke);
     for (const Invocation& invocation : m_invocations)
         EXPECT_TRUE(revokeListHoldsIntegers(invocation.arguments)) << invocation.label;
 
     // The holder of the kept resource and the module whose action already
     // was release hear nothing.
-    EXPECT_TRUE(invocationsAt(revokePath(C)).empty());
-    EXPECT_TRUE(invocationsAt(postRevokePath(C)).empty());
-    EXPECT_TRUE(invocationsAt(revokePath(D)).empty());
-    EXPECT_TRUE(invocationsAt(postRevokePath(D)).empty());
+    EXPECT_TRUE(toldNothing(C));
+    EXPECT_TRUE(toldNothing(D));
     EXPECT_EQ(m_invocations.size(), 4u) << eventDump();
 
     // Type 0 comes before type 1 for each module.
@@ -174,8 +165,8 @@ TEST_F(RevokeTest, PreNotificationAnsweredWithAnErrorDoesNotStopTheRequest)
     EXPECT_TRUE(request->isValid());
     EXPECT_GE(indexOf("failed pre A"), 0) << eventDump();
     EXPECT_GT(indexOf(writeLabel(graph.r1, "off")), indexOf("failed pre A")) << eventDump();
-    EXPECT_EQ(invocationsAt(postRevokePath(A)).size(), 1u) << eventDump();
-    EXPECT_EQ(invocationsAt(postRevokePath(B)).size(), 1u) << eventDump();
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {graph.r1}));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {graph.r2}));
     EXPECT_EQ(graph.r1->state(), VelaPowerNodeStates::disabled);
     EXPECT_EQ(graph.r2->state(), VelaPowerNodeStates::disabled);
 }
@@ -195,9 +186,7 @@ TEST_F(RevokeTest, PreNotificationToAnUnregisteredPathDoesNotStopTheRequest)
     EXPECT_FALSE(reply.error().isError()) << str(reply.error().message().toString());
     EXPECT_TRUE(request->isValid());
     EXPECT_EQ(countStartingWith(writeLabel(graph.r1, "off")), 1) << eventDump();
-    const std::vector<Invocation> postA = invocationsAt(postRevokePath(A));
-    ASSERT_EQ(postA.size(), 1u) << eventDump();
-    EXPECT_EQ(postA[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {graph.r1}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {graph.r1}));
     EXPECT_EQ(graph.r1->state(), VelaPowerNodeStates::disabled);
 }
 
@@ -205,7 +194,7 @@ TEST_F(RequestNotification, NotifyModuleToAnUnregisteredPathReturnsTheWorkersErr
 {
     PowerResource* resource = makeResource();
     const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::use, m_registrations);
+        requestFor(resource, A, VelaPowerModuleActions::use);
     const VelaPowerManagerRevokeMessage message(
         revokeMessage(A, VelaPowerManagerMessageTypes::revoke, {resource}));
 
@@ -219,7 +208,7 @@ TEST_F(RequestNotification, NotifyModuleInvokesThePathAndReturnsItsAnswer)
 {
     PowerResource* resource = makeResource();
     const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::use, m_registrations);
+        requestFor(resource, A, VelaPowerModuleActions::use);
     const CMPath path(QStringLiteral("/modules/A/answering"));
     VelaHash received;
     int calls = 0;
@@ -245,7 +234,7 @@ TEST_F(RequestNotification, NotifyModuleWithAnEmptyPathOrNothingRevokedSendsNoth
     PowerResource* resource = makeResource();
     registerModule(A);
     const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, A, VelaPowerModuleActions::use, m_registrations);
+        requestFor(resource, A, VelaPowerModuleActions::use);
 
     const CMReply<QVariant> emptyPath = request->notifyModule(
         CMPath(), VelaPowerManagerRevokeMessage(revokeMessage(A, VelaPowerManagerMessageTypes::revoke, {resource})));
@@ -292,8 +281,7 @@ TEST_F(RequestNotification, PlainNodeRequestSendsNothing)
 {
     PlainNode* node = makePlainNode();
     registerModule(A);
-    const CMReply<void> reply =
-        runToEnd(PowerNodeRequest::create(node, A, VelaPowerModuleActions::release, m_registrations));
+    const CMReply<void> reply = runToEnd(requestFor(node, A, VelaPowerModuleActions::release));
     EXPECT_FALSE(reply.error().isError());
     EXPECT_TRUE(m_invocations.empty()) << eventDump();
 }
@@ -305,9 +293,8 @@ TEST_F(RequestNotification, ModuleThatOnlyGainsUseOrHoldGetsNoMessage)
     registerModule(A);
     LogCapture log;
 
-    const CMReply<void> first = runToEnd(PowerNodeRequest::create(used, A, VelaPowerModuleActions::use, m_registrations));
-    const CMReply<void> second =
-        runToEnd(PowerNodeRequest::create(held, A, VelaPowerModuleActions::hold, m_registrations));
+    const CMReply<void> first = runToEnd(requestFor(used, A, VelaPowerModuleActions::use));
+    const CMReply<void> second = runToEnd(requestFor(held, A, VelaPowerModuleActions::hold));
 
     EXPECT_FALSE(first.error().isError());
     EXPECT_FALSE(second.error().isError());
@@ -327,43 +314,31 @@ TEST_F(RequestNotification, ModuleThatOnlyGainsUseOrHoldGetsNoMessage)
 
 TEST_F(RequestNotification, ResourceReleasedByItsModuleIsRevokedFromThatModule)
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(A, VelaPowerModuleActions::use);
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::use}});
     registerModule(A);
 
-    const CMReply<void> reply =
-        runToEnd(PowerNodeRequest::create(resource, A, VelaPowerModuleActions::release, m_registrations));
+    const CMReply<void> reply = runToEnd(requestFor(resource, A, VelaPowerModuleActions::release));
 
     EXPECT_FALSE(reply.error().isError());
-    const std::vector<Invocation> pre = invocationsAt(revokePath(A));
-    const std::vector<Invocation> post = invocationsAt(postRevokePath(A));
-    ASSERT_EQ(pre.size(), 1u) << eventDump();
-    ASSERT_EQ(post.size(), 1u) << eventDump();
-    EXPECT_EQ(pre[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::revoke, {resource}));
-    EXPECT_EQ(post[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {resource}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::revoke, {resource}));
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {resource}));
 }
 
 TEST_F(RequestNotification, ModuleMissingFromTheRegistrationCopyIsSkippedSilently)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(B, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
+    const DisablingTarget graph = makeTwoModuleTarget();
+    PowerResource* r1 = graph.resources[0];
     registerModule(A);
     registerModule(B);
     m_registrations.remove(A); // A's handlers stay in place
     LogCapture log;
 
-    const CMReply<void> reply = runToEnd(targetRequest(target));
+    const CMReply<void> reply = runToEnd(targetRequest(graph.target));
 
     EXPECT_FALSE(reply.error().isError());
-    EXPECT_TRUE(invocationsAt(revokePath(A)).empty()) << eventDump();
-    EXPECT_TRUE(invocationsAt(postRevokePath(A)).empty()) << eventDump();
-    EXPECT_EQ(invocationsAt(revokePath(B)).size(), 1u) << eventDump();
-    EXPECT_EQ(invocationsAt(postRevokePath(B)).size(), 1u) << eventDump();
+    EXPECT_TRUE(toldNothing(A));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::revoke, {graph.resources[1]}));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {graph.resources[1]}));
     EXPECT_EQ(r1->state(), VelaPowerNodeStates::disabled);
     EXPECT_EQ(r1->moduleAction(A), VelaPowerModuleActions::release);
     // Silently: no notifyModule line for A and nothing above INFO.
@@ -374,15 +349,9 @@ TEST_F(RequestNotification, ModuleMissingFromTheRegistrationCopyIsSkippedSilentl
 
 TEST_F(RequestNotification, RegistrationsChangedAfterCreationDoNotReachTheRequest)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(B, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
+    const DisablingTarget graph = makeTwoModuleTarget();
     registerModule(B);
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const PowerNodeRequestPtr request = targetRequest(graph.target);
     // Registered only once the request exists, and B's paths moved.
     registerModule(A);
     m_registrations[B].setRevokeResourcesPath(revokePath(A)).setPostRevokeResourcesPath(postRevokePath(A));
@@ -390,27 +359,21 @@ TEST_F(RequestNotification, RegistrationsChangedAfterCreationDoNotReachTheReques
     const CMReply<void> reply = runToEnd(request);
 
     EXPECT_FALSE(reply.error().isError());
-    EXPECT_TRUE(invocationsAt(revokePath(A)).empty()) << eventDump();
-    EXPECT_TRUE(invocationsAt(postRevokePath(A)).empty()) << eventDump();
-    EXPECT_EQ(invocationsAt(revokePath(B)).size(), 1u) << eventDump();
-    EXPECT_EQ(invocationsAt(postRevokePath(B)).size(), 1u) << eventDump();
+    EXPECT_TRUE(toldNothing(A));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::revoke, {graph.resources[1]}));
+    EXPECT_TRUE(toldOnce(B, VelaPowerManagerMessageTypes::postRevoke, {graph.resources[1]}));
 }
 
 TEST_F(RequestNotification, ModuleLosingTwoResourcesGetsOneMessageListingBoth)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    PowerResource* r3 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(A, VelaPowerModuleActions::use);
-    r3->addModule(A, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
-    target->enables(r3);
+    const DisablingTarget graph =
+        makeTargetDisabling({{A, VelaPowerModuleActions::use}, {A, VelaPowerModuleActions::use}});
+    PowerResource* r1 = graph.resources[0];
+    PowerResource* r2 = graph.resources[1];
+    graph.target->enables(makeClaimedResource({{A, VelaPowerModuleActions::use}}));
     registerModule(A);
 
-    const CMReply<void> reply = runToEnd(targetRequest(target));
+    const CMReply<void> reply = runToEnd(targetRequest(graph.target));
 
     EXPECT_FALSE(reply.error().isError());
     const std::vector<Invocation> pre = invocationsAt(revokePath(A));
@@ -428,33 +391,23 @@ TEST_F(RequestNotification, ModuleLosingTwoResourcesGetsOneMessageListingBoth)
 
 TEST_F(RequestNotification, ModuleWithoutRevokePathIsOnlyToldAfterwards)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    target->disables(r1);
+    const DisablingTarget graph = makeTargetDisabling({{A, VelaPowerModuleActions::use}});
     handleInvoke(postRevokePath(A), "post A", Answer::AtOnce);
     m_registrations.insert(A, VelaPowerManagerModuleRegister(A, CMPath(), postRevokePath(A)));
 
-    const CMReply<void> reply = runToEnd(targetRequest(target));
+    const CMReply<void> reply = runToEnd(targetRequest(graph.target));
 
     EXPECT_FALSE(reply.error().isError());
-    ASSERT_EQ(m_invocations.size(), 1u) << eventDump();
-    EXPECT_EQ(m_invocations[0].path, postRevokePath(A));
-    EXPECT_EQ(m_invocations[0].arguments, revokeMessage(A, VelaPowerManagerMessageTypes::postRevoke, {r1}));
+    EXPECT_EQ(m_invocations.size(), 1u) << eventDump();
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::postRevoke, {graph.resources[0]}));
 }
 
 TEST_F(RequestNotification, NotifyWaitsForEveryModuleAndIgnoresTheirOutcome)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    r1->addModule(A, VelaPowerModuleActions::use);
-    r2->addModule(B, VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
+    const DisablingTarget graph = makeTwoModuleTarget();
     registerModule(A, Answer::Held);
     registerModule(B, Answer::Held);
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const PowerNodeRequestPtr request = targetRequest(graph.target);
     ASSERT_TRUE(request->resolve());
 
     const CMReply<void> notified = request->notify();
@@ -463,12 +416,7 @@ TEST_F(RequestNotification, NotifyWaitsForEveryModuleAndIgnoresTheirOutcome)
     EXPECT_FALSE(notified.isFinished());
 
     // One answer with an error, the other with success: the join succeeds.
-    auto held = std::find_if(m_held.begin(), m_held.end(),
-                             [](const std::pair<std::string, CMReply<QVariant>>& h) { return h.first == "pre A"; });
-    ASSERT_NE(held, m_held.end());
-    const CMReply<QVariant> replyA = held->second;
-    m_held.erase(held);
-    replyA.setError(CMError(TrString(QStringLiteral("busy"))));
+    ASSERT_TRUE(failHeld("pre A", QStringLiteral("busy")));
     drainEvents();
     EXPECT_FALSE(notified.isFinished());
 
@@ -477,7 +425,7 @@ TEST_F(RequestNotification, NotifyWaitsForEveryModuleAndIgnoresTheirOutcome)
     EXPECT_FALSE(notified.error().isError());
     // notify() alone changes nothing on the graph.
     EXPECT_EQ(countStartingWith("write "), 0) << eventDump();
-    EXPECT_EQ(r1->moduleAction(A), VelaPowerModuleActions::use);
+    EXPECT_EQ(graph.resources[0]->moduleAction(A), VelaPowerModuleActions::use);
 }
 
 } // namespace

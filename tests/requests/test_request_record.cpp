@@ -45,12 +45,9 @@ TEST_F(RequestRecord, IdentityAfterTheLargestValueStartsAgainAt1)
 {
     PowerResource* resource = makeResource();
     PowerNodeRequest::setIdCounter(kLargestId - 1);
-    const PowerNodeRequestPtr last = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                              VelaPowerModuleActions::use, m_registrations);
-    const PowerNodeRequestPtr wrapped = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::use, m_registrations);
-    const PowerNodeRequestPtr next = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                              VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr last = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
+    const PowerNodeRequestPtr wrapped = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
+    const PowerNodeRequestPtr next = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     EXPECT_EQ(last->id(), kLargestId);
     EXPECT_EQ(wrapped->id(), 1);
     EXPECT_EQ(next->id(), 2);
@@ -69,10 +66,9 @@ TEST_F(RequestRecord, IdentityNeverChangesWhileTheRequestRuns)
 {
     PowerResource* resource = makeResource();
     PowerNodeRequest::setIdCounter(99);
-    const PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     runToEnd(request);
-    PowerNodeRequest::create(resource, QStringLiteral("m"), VelaPowerModuleActions::use, m_registrations);
+    requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     EXPECT_EQ(request->id(), 100);
 }
 
@@ -104,8 +100,7 @@ TEST_F(RequestRecord, FreshRequestIsValidNotProcessingAndHasNoNodes)
 {
     PowerResource* resource = makeResource();
     LogCapture log;
-    const PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::hold, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::hold);
     EXPECT_TRUE(request->isValid());
     EXPECT_FALSE(request->isProcessing());
     EXPECT_TRUE(request->nodes().isEmpty());
@@ -124,7 +119,7 @@ TEST_F(RequestRecord, ModuleKeepsTheNameGivenAtConstructionAfterTheCallerChanged
     PowerResource* resource = makeResource();
     QString name = QStringLiteral("camera-app");
     const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, name, VelaPowerModuleActions::use, m_registrations);
+        requestFor(resource, name, VelaPowerModuleActions::use);
     name.append(QStringLiteral("-changed"));
     name[0] = QLatin1Char('X');
     EXPECT_EQ(request->module(), QStringLiteral("camera-app"));
@@ -133,8 +128,7 @@ TEST_F(RequestRecord, ModuleKeepsTheNameGivenAtConstructionAfterTheCallerChanged
 TEST_F(RequestRecord, SuccessfulRequestStaysValid)
 {
     PowerResource* resource = makeResource();
-    const PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     const CMReply<void> reply = runToEnd(request);
     EXPECT_FALSE(reply.error().isError());
     EXPECT_TRUE(request->isValid());
@@ -144,8 +138,7 @@ TEST_F(RequestRecord, SuccessfulRequestStaysValid)
 TEST_F(RequestRecord, OnExecuteFinishedFinishesTheReplyWithSuccess)
 {
     PowerResource* resource = makeResource();
-    const PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     request->onExecuteFinished();
     EXPECT_TRUE(request->reply().isFinished());
     EXPECT_FALSE(request->reply().error().isError());
@@ -157,8 +150,7 @@ TEST_F(RequestRecord, OnExecuteFinishedFinishesTheReplyWithSuccess)
 TEST_F(RequestRecord, CreatedRequestLivesAsLongAsItsSharesAndWeakPointersFollowIt)
 {
     PowerResource* resource = makeResource();
-    PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                           VelaPowerModuleActions::use, m_registrations);
+    PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     bool destroyed = false;
     QObject::connect(request.data(), &QObject::destroyed, [&destroyed]() { destroyed = true; });
 
@@ -176,8 +168,7 @@ TEST_F(RequestRecord, CreatedRequestLivesAsLongAsItsSharesAndWeakPointersFollowI
 TEST_F(RequestRecord, RequestIsAPlainQObjectWithoutSignalsSlotsOrProperties)
 {
     PowerResource* resource = makeResource();
-    const PowerNodeRequestPtr request = PowerNodeRequest::create(resource, QStringLiteral("m"),
-                                                                 VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     const QMetaObject* meta = request->metaObject();
     EXPECT_STREQ(meta->className(), "PowerNodeRequest");
     EXPECT_EQ(meta->superClass(), &QObject::staticMetaObject);

@@ -28,77 +28,88 @@ std::string names(const QList<PowerNodeRequest::NodeInfo>& nodes)
     return text;
 }
 
-TEST_F(RequestResolution, ResourceRequestYieldsOneEntryWithTheModuleActionMerged)
+/*
+ * A node that is not a target resolves to itself alone, with the module's
+ * action merged into the node's current map, whatever its edges.
+ */
+struct AloneCase {
+    const char* name;
+    enum Kind { Resource, ResourceWithEdgesBothWays, PlainNodeWithDependency } kind;
+    ActionMap start;
+    VelaPowerModuleActions::Enum action;
+    ActionMap expected;
+};
+
+const AloneCase kAloneCases[] = {
+    {"ResourceMergesTheActionOverTheModulesEarlierOne",
+     AloneCase::Resource,
+     {{QStringLiteral("other"), VelaPowerModuleActions::hold}, {kModule, VelaPowerModuleActions::release}},
+     VelaPowerModuleActions::use,
+     {{QStringLiteral("other"), VelaPowerModuleActions::hold}, {kModule, VelaPowerModuleActions::use}}},
+    {"ResourceInsertsANewModuleIntoTheMap",
+     AloneCase::Resource,
+     {{QStringLiteral("other"), VelaPowerModuleActions::use}},
+     VelaPowerModuleActions::hold,
+     {{QStringLiteral("other"), VelaPowerModuleActions::use}, {kModule, VelaPowerModuleActions::hold}}},
+    {"ResourceResolvesToItselfEvenWhenOtherNodesRequireIt",
+     AloneCase::ResourceWithEdgesBothWays,
+     {},
+     VelaPowerModuleActions::release,
+     {{kModule, VelaPowerModuleActions::release}}},
+    {"PlainNodeResolvesToItselfAlone",
+     AloneCase::PlainNodeWithDependency,
+     {},
+     VelaPowerModuleActions::use,
+     {{kModule, VelaPowerModuleActions::use}}},
+};
+
+void PrintTo(const AloneCase& param, std::ostream* out)
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(QStringLiteral("other"), VelaPowerModuleActions::hold);
-    resource->addModule(kModule, VelaPowerModuleActions::release);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, kModule, VelaPowerModuleActions::use, m_registrations);
-
-    EXPECT_TRUE(request->resolve());
-
-    const QList<PowerNodeRequest::NodeInfo> nodes = request->nodes();
-    ASSERT_EQ(nodes.size(), 1) << names(nodes);
-    EXPECT_EQ(nodes[0].node, resource);
-    const ActionMap expected{{QStringLiteral("other"), VelaPowerModuleActions::hold},
-                             {kModule, VelaPowerModuleActions::use}};
-    EXPECT_EQ(nodes[0].moduleActions, expected);
-    // Resolution only plans: the node's own map and state are untouched.
-    EXPECT_EQ(resource->moduleAction(kModule), VelaPowerModuleActions::release);
-    EXPECT_EQ(resource->state(), VelaPowerNodeStates::initial);
-    EXPECT_TRUE(m_events.empty()) << eventDump();
+    *out << param.name;
 }
 
-TEST_F(RequestResolution, ResourceRequestOfANewModuleInsertsItIntoTheMap)
+class NonTargetResolution : public RequestTest, public ::testing::WithParamInterface<AloneCase>
 {
-    PowerResource* resource = makeResource();
-    resource->addModule(QStringLiteral("other"), VelaPowerModuleActions::use);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, kModule, VelaPowerModuleActions::hold, m_registrations);
+};
 
-    EXPECT_TRUE(request->resolve());
-
-    const QList<PowerNodeRequest::NodeInfo> nodes = request->nodes();
-    ASSERT_EQ(nodes.size(), 1);
-    const ActionMap expected{{QStringLiteral("other"), VelaPowerModuleActions::use},
-                             {kModule, VelaPowerModuleActions::hold}};
-    EXPECT_EQ(nodes[0].moduleActions, expected);
-}
-
-TEST_F(RequestResolution, ResourceResolvesToItselfEvenWhenOtherNodesRequireIt)
+TEST_P(NonTargetResolution, YieldsOneEntryWithTheModuleActionMerged)
 {
-    PowerResource* resource = makeResource();
-    PowerResource* dependant = makeResource();
-    PowerResource* dependency = makeResource();
-    dependant->requiresResource(resource);
-    resource->requiresResource(dependency);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, kModule, VelaPowerModuleActions::release, m_registrations);
-
-    EXPECT_TRUE(request->resolve());
-
-    const QList<PowerNodeRequest::NodeInfo> nodes = request->nodes();
-    ASSERT_EQ(nodes.size(), 1) << names(nodes);
-    EXPECT_EQ(nodes[0].node, resource);
-    EXPECT_EQ(nodes[0].moduleActions, (ActionMap{{kModule, VelaPowerModuleActions::release}}));
-}
-
-TEST_F(RequestResolution, PlainNodeResolvesToItselfAlone)
-{
-    PlainNode* node = makePlainNode();
-    PowerResource* dependency = makeResource();
-    node->requiresNode(dependency);
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(node, kModule, VelaPowerModuleActions::use, m_registrations);
+    const AloneCase& param = GetParam();
+    PowerNode* node = nullptr;
+    switch (param.kind) {
+    case AloneCase::Resource:
+        node = makeClaimedResource(param.start);
+        break;
+    case AloneCase::ResourceWithEdgesBothWays: {
+        PowerResource* resource = makeClaimedResource(param.start);
+        makeResource()->requiresResource(resource);
+        resource->requiresResource(makeResource());
+        node = resource;
+        break;
+    }
+    case AloneCase::PlainNodeWithDependency:
+        node = makePlainNode();
+        for (auto it = param.start.cbegin(); it != param.start.cend(); ++it)
+            node->addModule(it.key(), it.value());
+        node->requiresNode(makeResource());
+        break;
+    }
+    const PowerNodeRequestPtr request = requestFor(node, kModule, param.action);
 
     EXPECT_TRUE(request->resolve());
 
     const QList<PowerNodeRequest::NodeInfo> nodes = request->nodes();
     ASSERT_EQ(nodes.size(), 1) << names(nodes);
     EXPECT_EQ(nodes[0].node, node);
-    EXPECT_EQ(nodes[0].moduleActions, (ActionMap{{kModule, VelaPowerModuleActions::use}}));
+    EXPECT_EQ(nodes[0].moduleActions, param.expected);
+    // Resolution only plans: the node's own map and state are untouched.
+    EXPECT_EQ(node->moduleActions(), param.start);
+    EXPECT_EQ(node->state(), VelaPowerNodeStates::initial);
+    EXPECT_TRUE(m_events.empty()) << eventDump();
 }
+
+INSTANTIATE_TEST_SUITE_P(AloneCases, NonTargetResolution, ::testing::ValuesIn(kAloneCases),
+                         [](const ::testing::TestParamInfo<AloneCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RequestResolution, TargetWhoseOrderedDependenciesAllCarryEnabledYieldsOneEntry)
 {
@@ -181,8 +192,7 @@ TEST_F(RequestResolution, TargetComesFirstThenEveryDisabledDependencyWithAllModu
 TEST_F(RequestResolution, TargetAsksReachabilityAndOrderingForEnabledRecursivelyOnBehalfOfTheModule)
 {
     ScriptedTarget* target = makeScriptedTarget();
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(target, QStringLiteral("asker"), VelaPowerModuleActions::hold, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(target, QStringLiteral("asker"), VelaPowerModuleActions::hold);
 
     EXPECT_TRUE(request->resolve());
 
@@ -243,11 +253,9 @@ TEST_F(RequestResolution, DisabledNodeWithoutModulesIsListedWithAnEmptyMap)
 
 TEST_F(RequestResolution, UnreachableTargetReturnsFalseLogsItsNameAndKeepsOnlyTheFirstEntry)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* held = makeResource();
-    held->addModule(QStringLiteral("C"), VelaPowerModuleActions::hold);
-    target->disables(held);
-    ASSERT_FALSE(target->isStateReachable(VelaPowerNodeStates::enabled, VelaPowerManagerName(), true));
+    const DisablingTarget graph = makeUnreachableTarget();
+    PowerTarget* target = graph.target;
+    PowerResource* held = graph.resources[0];
 
     const PowerNodeRequestPtr request = targetRequest(target);
     LogCapture log;
@@ -278,8 +286,7 @@ TEST_F(RequestResolution, UnreachableScriptedTargetIsNotAskedForItsDependencies)
 TEST_F(RequestResolution, ResolvingTwiceAppendsTheEntriesAgain)
 {
     PowerResource* resource = makeResource();
-    const PowerNodeRequestPtr resourceRequest =
-        PowerNodeRequest::create(resource, kModule, VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr resourceRequest = requestFor(resource, kModule, VelaPowerModuleActions::use);
     EXPECT_TRUE(resourceRequest->resolve());
     EXPECT_TRUE(resourceRequest->resolve());
     const QList<PowerNodeRequest::NodeInfo> resourceNodes = resourceRequest->nodes();
@@ -288,13 +295,10 @@ TEST_F(RequestResolution, ResolvingTwiceAppendsTheEntriesAgain)
     EXPECT_EQ(resourceNodes[1].node, resource);
     EXPECT_EQ(resourceNodes[1].moduleActions, resourceNodes[0].moduleActions);
 
-    PowerTarget* target = makeTarget();
-    PowerResource* r1 = makeResource();
-    PowerResource* r2 = makeResource();
-    r1->addModule(QStringLiteral("A"), VelaPowerModuleActions::use);
-    target->disables(r1);
-    target->disables(r2);
-    const PowerNodeRequestPtr request = targetRequest(target);
+    const PowerNodeRequestPtr request = targetRequest(
+        makeTargetDisabling({{QStringLiteral("A"), VelaPowerModuleActions::use},
+                             {QStringLiteral("B"), VelaPowerModuleActions::use}})
+            .target);
     EXPECT_TRUE(request->resolve());
     const QList<PowerNodeRequest::NodeInfo> once = request->nodes();
     ASSERT_EQ(once.size(), 3) << names(once);
@@ -310,10 +314,7 @@ TEST_F(RequestResolution, ResolvingTwiceAppendsTheEntriesAgain)
 
 TEST_F(RequestResolution, UnreachableTargetResolvedTwiceKeepsTwoFirstEntries)
 {
-    PowerTarget* target = makeTarget();
-    PowerResource* held = makeResource();
-    held->addModule(QStringLiteral("C"), VelaPowerModuleActions::hold);
-    target->disables(held);
+    PowerTarget* target = makeUnreachableTarget().target;
 
     const PowerNodeRequestPtr request = targetRequest(target);
     EXPECT_FALSE(request->resolve());
@@ -326,9 +327,7 @@ TEST_F(RequestResolution, UnreachableTargetResolvedTwiceKeepsTwoFirstEntries)
 
 TEST_F(RequestResolution, ProcessResolvesOncePerRequest)
 {
-    PowerResource* resource = makeResource();
-    const PowerNodeRequestPtr request =
-        PowerNodeRequest::create(resource, kModule, VelaPowerModuleActions::use, m_registrations);
+    const PowerNodeRequestPtr request = requestFor(makeResource(), kModule, VelaPowerModuleActions::use);
     LogCapture log;
     runToEnd(request);
     EXPECT_EQ(request->nodes().size(), 1);
