@@ -1,5 +1,6 @@
 // Node kinds, accessors, the module map and the two list utilities.
 
+#include "sourcelines.h"
 #include "graph_test_helpers.h"
 
 #include <gtest/gtest.h>
@@ -107,8 +108,8 @@ TEST(PowerNodeIsEnabled, OnlyStateTwoIsEnabled)
     }
 }
 
-// The record names the node source and the accessor's signature. Its line
-// number is not pinned: the library records the line of its logging call.
+// The record names the node source, the accessor's signature and the line
+// of the statement that wrote it.
 TEST(PowerNodeIsEnabled, NewNodeTraceLineSaysDisabled)
 {
     PowerResource resource(VelaPowerManagerResources::display);
@@ -120,7 +121,9 @@ TEST(PowerNodeIsEnabled, NewNodeTraceLineSaysDisabled)
     EXPECT_EQ(events[0].message, "Enter [PowerManager] PowerNode::isEnabled(): display disabled");
     EXPECT_EQ(events[0].file, kNodeSource);
     EXPECT_EQ(events[0].function, "bool PowerNode::isEnabled() const");
-    EXPECT_GT(events[0].line, 0);
+    const int logLine = sourceLineOf(kNodeSource, "VELA_TRACE_ENTER(\"bool PowerNode::isEnabled() const\"");
+    ASSERT_GT(logLine, 0);
+    EXPECT_EQ(events[0].line, logLine);
 }
 
 TEST(PowerNodeIsEnabled, TraceLineSaysEnabledOnlyInStateTwo)

@@ -2,6 +2,7 @@
 // source file and function, and their order.
 
 #include "requestfixture.h"
+#include "sourcelines.h"
 
 namespace requests {
 namespace {
@@ -88,16 +89,21 @@ TEST_F(RequestLogging, NullNodeLogsTheEntryLineThenTheError)
     EXPECT_EQ(events[1].function, kConstructorSignature);
 }
 
-// The constructor's two lines (entry, then "Null node pointer.") carry
-// fixed source lines: 34 and 36.
-TEST_F(RequestLogging, ConstructorLinesAreRecordedWithSourceLines34And36)
+// The constructor's two records (entry, then "Null node pointer.") carry
+// the source lines of the statements that wrote them.
+TEST_F(RequestLogging, ConstructorLinesAreRecordedWithTheirSourceLines)
 {
+    const std::string source = "modules/powerManager/powerHandler/PowerNodeRequest.cpp";
+    const int entryLine = sourceLineOf(source, "VELA_TRACE_ENTER(\"PowerNodeRequest::PowerNodeRequest(");
+    const int nullLine = sourceLineOf(source, "VELA_ERROR(\"Null node pointer.\")");
+    ASSERT_GT(entryLine, 0);
+    ASSERT_GT(nullLine, entryLine);
     LogCapture log;
     requestFor(nullptr, QStringLiteral("m"), VelaPowerModuleActions::use);
     const std::vector<CapturedEvent> events = log.events();
     ASSERT_EQ(events.size(), 2u) << log.dump();
-    EXPECT_EQ(events[0].line, 34) << log.dump();
-    EXPECT_EQ(events[1].line, 36) << log.dump();
+    EXPECT_EQ(events[0].line, entryLine) << log.dump();
+    EXPECT_EQ(events[1].line, nullLine) << log.dump();
 }
 
 TEST_F(RequestLogging, ResourceRequestLogsEveryStepInOrder)
