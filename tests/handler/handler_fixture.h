@@ -88,6 +88,43 @@ inline std::string errorText(const CMVoidReply& reply)
     return str(error.name()) + " / " + str(error.message().toString());
 }
 
+// Exactly one record with this message, at `level`, written from the
+// handler's source file.
+inline void expectSingleRecord(const LogCapture& log, log4cplus::LogLevel level, const std::string& message)
+{
+    const std::vector<CapturedEvent> records = log.withMessage(message);
+    ASSERT_EQ(records.size(), 1u) << message << "\n" << log.dump();
+    EXPECT_EQ(records.front().level, level) << message;
+    EXPECT_EQ(records.front().file, handlerSource()) << message;
+}
+
+/*
+ * Sets the "PowerManager" logger to a level for as long as it lives and then
+ * restores the previous one: long runs keep the log quiet without leaving
+ * the level changed for the tests that follow.
+ */
+class LoggerLevel
+{
+public:
+    explicit LoggerLevel(log4cplus::LogLevel level)
+        : m_previous(vela::powerManagerLogger().getLogLevel())
+    {
+        vela::powerManagerLogger().setLogLevel(level);
+    }
+    ~LoggerLevel() { vela::powerManagerLogger().setLogLevel(m_previous); }
+    LoggerLevel(const LoggerLevel&) = delete;
+    LoggerLevel& operator=(const LoggerLevel&) = delete;
+
+private:
+    log4cplus::LogLevel m_previous;
+};
+
+// An error that fails a request (any non-empty name will do).
+inline CMError withdrawn()
+{
+    return CMError(TrString("withdrawn by the test"));
+}
+
 /*
  * A resource that a test can put into any state directly, to look at how
  * the handler treats a node that is already enabled or disabled without
@@ -272,6 +309,68 @@ protected:
             m_heldPaths.removeFirst();
             reply.setValue(QVariant(true));
         }
+    }
+
+    // --- Requests --------------------------------------------------------
+
+    // A caller's resource wish, tracked in the event log under `label`.
+    CMReply<QVariant> askResource(const std::string& label, PowerResource* resource, const QString& module,
+                                  VelaPowerModuleActions::Enum action)
+    {
+        CMReply<QVariant> reply = caller(label);
+        handler.requestResource(wish(resource, module, action), reply);
+        return reply;
+    }
+
+    // A caller's target wish, tracked in the event log under `label`.
+    CMReply<QVariant> askTarget(const std::string& label, PowerTarget* target)
+    {
+        CMReply<QVariant> reply = caller(label);
+        handler.requestTarget(targetRecord(target), reply);
+        return reply;
+    }
+
+    // A request of the test's own, queued without a caller and without
+    // kicking the queue.
+    PowerNodeRequestPtr queueOwn(PowerNode* node, const QString& module,
+                                 VelaPowerModuleActions::Enum action = VelaPowerModuleActions::use)
+    {
+        PowerNodeRequestPtr request = handler.makeRequest(node, module, action);
+        EXPECT_FALSE(request.isNull());
+        EXPECT_TRUE(handler.addRequest(request));
+        return request;
+    }
+
+    // A queued request turns invalid: its reply gets an error.
+    static void invalidate(const PowerNodeRequestPtr& request)
+    {
+        request->reply().setError(withdrawn());
+        EXPECT_FALSE(request->isValid());
+    }
+
+    // The next request made takes the identity of `request` again, so that
+    // a caller's wish is stored under it: when `request` is resolved, that
+    // caller is the one answered. (No entry point makes a caller's own
+    // request turn invalid while it waits; this is how a test gets there.)
+    static void reuseIdentityOf(const PowerNodeRequestPtr& request) { PowerNodeRequest::setIdCounter(request->id() - 1); }
+
+    // A target that cannot be reached: `module` holds a resource that the
+    // target switches off. The hold is answered before this returns.
+    struct UnreachableTarget {
+        ProbeResource* held;
+        PowerTarget* target;
+    };
+    UnreachableTarget addUnreachableTarget(const QString& module)
+    {
+        ProbeResource* held = addResource();
+        PowerTarget* target = makeTarget();
+        target->disables(held);
+        handler.registerTarget(target);
+        const CMReply<QVariant> hold = askResource("hold", held, module, VelaPowerModuleActions::hold);
+        EXPECT_TRUE(waitUntil([&] { return hold.isFinished(); }));
+        EXPECT_FALSE(hold.error().isError()) << errorText(hold);
+        EXPECT_EQ(held->state(), VelaPowerNodeStates::enabled);
+        return UnreachableTarget{held, target};
     }
 
     // --- Nodes -----------------------------------------------------------

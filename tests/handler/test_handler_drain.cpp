@@ -24,18 +24,8 @@ constexpr int kQueued = 1000000;
 class PowerHandlerDrain : public HandlerTest
 {
 protected:
-    void SetUp() override
-    {
-        m_previousLevel = vela::powerManagerLogger().getLogLevel();
-        vela::powerManagerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
-    }
-    void TearDown() override
-    {
-        HandlerTest::TearDown();
-        vela::powerManagerLogger().setLogLevel(m_previousLevel);
-    }
-
-    log4cplus::LogLevel m_previousLevel = log4cplus::NOT_SET_LOG_LEVEL;
+    // Quiet from here until the fixture is gone, its tear-down included.
+    LoggerLevel m_quiet{log4cplus::OFF_LOG_LEVEL};
     // Touched by continuations that may run until the fixture's tear-down.
     std::vector<uint8_t> answers = std::vector<uint8_t>(static_cast<size_t>(kQueued), 0);
     int next = 0;

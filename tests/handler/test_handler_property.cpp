@@ -208,10 +208,19 @@ public:
             closeGate();
         for (int n = 0; n < count; ++n) {
             Call& call = newCall();
-            if (chance(0.35))
+            call.kind = chance(0.35) ? Kind::Target : Kind::Resource;
+            // An empty record of either kind now and then.
+            if (chance(0.01)) {
+                refuse(call, "Incorrect request");
+                if (call.kind == Kind::Target)
+                    submit(call, VelaPowerManagerTarget());
+                else
+                    submit(call, VelaPowerManagerResourceRequest());
+            } else if (call.kind == Kind::Target) {
                 issueTarget(call);
-            else
+            } else {
                 issueResource(call);
+            }
             if (call.expect == Expect::Refused && !call.reply.isFinished())
                 m_failures.push_back("refusal not answered at once: " + call.description);
         }
@@ -407,59 +416,59 @@ private:
             m_gateHeld.takeFirst().setValue(QVariant(true));
     }
 
-    void issueTarget(Call& call)
+    static void refuse(Call& call, const char* refusal)
     {
-        call.kind = Kind::Target;
-        VelaPowerManagerTarget record;
-        if (chance(0.01)) {
-            call.expect = Expect::Refused;
-            call.refusal = "Incorrect request";
-        } else if (chance(0.02)) {
-            record = VelaPowerManagerTarget(targetValue(100 + uniform(0, 3)));
-            call.expect = Expect::Refused;
-            call.refusal = "Unknown target";
-        } else {
-            record = VelaPowerManagerTarget(m_targets[static_cast<size_t>(uniform(0, int(m_targets.size()) - 1))]->target());
-            if (m_requestModules.contains(VelaPowerManagerName())) {
-                call.expect = Expect::QueuedTarget;
-            } else {
-                call.expect = Expect::Refused;
-                call.refusal = "Cannot add request for requested target";
-            }
-        }
+        call.expect = Expect::Refused;
+        call.refusal = refusal;
+    }
+
+    // Sends the record through its entry point; the call is described by
+    // its kind, its number and the record.
+    void submit(Call& call, const VelaPowerManagerTarget& record)
+    {
         call.description = "target request #" + std::to_string(m_calls.size()) + " " + recordText(record);
         m_handler->requestTarget(record, call.reply);
+    }
+    void submit(Call& call, const VelaPowerManagerResourceRequest& record)
+    {
+        call.description = "resource request #" + std::to_string(m_calls.size()) + " " + recordText(record);
+        m_handler->requestResource(record, call.reply);
+    }
+
+    void issueTarget(Call& call)
+    {
+        VelaPowerManagerTarget record;
+        if (chance(0.02)) {
+            record = VelaPowerManagerTarget(targetValue(100 + uniform(0, 3)));
+            refuse(call, "Unknown target");
+        } else {
+            record = VelaPowerManagerTarget(m_targets[static_cast<size_t>(uniform(0, int(m_targets.size()) - 1))]->target());
+            if (m_requestModules.contains(VelaPowerManagerName()))
+                call.expect = Expect::QueuedTarget;
+            else
+                refuse(call, "Cannot add request for requested target");
+        }
+        submit(call, record);
     }
 
     void issueResource(Call& call)
     {
-        call.kind = Kind::Resource;
-        VelaPowerManagerResourceRequest record;
-        if (chance(0.01)) {
-            call.expect = Expect::Refused;
-            call.refusal = "Incorrect request";
-        } else {
-            const bool unknownResource = chance(0.01);
-            const bool unknownModule = chance(0.03);
-            const auto resource = unknownResource
-                                      ? resourceValue(200 + uniform(0, 3))
-                                      : m_resources[static_cast<size_t>(uniform(0, int(m_resources.size()) - 1))]->resource();
-            const QString module = unknownModule ? QStringLiteral("stranger")
-                                                 : m_requestModules.at(uniform(0, m_requestModules.size() - 1));
-            record = VelaPowerManagerResourceRequest(resource, module,
+        const bool unknownResource = chance(0.01);
+        const bool unknownModule = chance(0.03);
+        const auto resource = unknownResource
+                                  ? resourceValue(200 + uniform(0, 3))
+                                  : m_resources[static_cast<size_t>(uniform(0, int(m_resources.size()) - 1))]->resource();
+        const QString module = unknownModule ? QStringLiteral("stranger")
+                                             : m_requestModules.at(uniform(0, m_requestModules.size() - 1));
+        const VelaPowerManagerResourceRequest record(resource, module,
                                                      static_cast<VelaPowerModuleActions::Enum>(uniform(0, 2)));
-            if (unknownResource) {
-                call.expect = Expect::Refused;
-                call.refusal = "Unknown resource";
-            } else if (unknownModule) {
-                call.expect = Expect::Refused;
-                call.refusal = "Cannot add request for requested resource";
-            } else {
-                call.expect = Expect::QueuedResource;
-            }
-        }
-        call.description = "resource request #" + std::to_string(m_calls.size()) + " " + recordText(record);
-        m_handler->requestResource(record, call.reply);
+        if (unknownResource)
+            refuse(call, "Unknown resource");
+        else if (unknownModule)
+            refuse(call, "Cannot add request for requested resource");
+        else
+            call.expect = Expect::QueuedResource;
+        submit(call, record);
     }
 
     CMPath modulePath(const QString& module, const QString& kind)
@@ -542,7 +551,6 @@ class PowerHandlerProperty : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_previousLevel = vela::powerManagerLogger().getLogLevel();
         // VELA_PROPERTY_LOG=1 writes the whole "PowerManager" log to stderr,
         // to follow a failing seed.
         const char* log = std::getenv("VELA_PROPERTY_LOG");
@@ -550,20 +558,18 @@ protected:
             m_console = log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true));
             vela::powerManagerLogger().addAppender(m_console);
             vela::powerManagerLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-        } else {
-            vela::powerManagerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
         }
     }
     void TearDown() override
     {
-        vela::powerManagerLogger().setLogLevel(m_previousLevel);
         if (m_console)
             vela::powerManagerLogger().removeAppender(m_console);
         CMRootWorker::instance()->clearHandlers();
         drainEvents();
     }
 
-    log4cplus::LogLevel m_previousLevel = log4cplus::NOT_SET_LOG_LEVEL;
+    // Quiet unless asked otherwise; the previous level comes back with the fixture.
+    LoggerLevel m_level{log4cplus::OFF_LOG_LEVEL};
     log4cplus::SharedAppenderPtr m_console;
 };
 

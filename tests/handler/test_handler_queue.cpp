@@ -63,12 +63,6 @@ std::vector<int64_t> createdIds(const LogCapture& log)
     return ids;
 }
 
-// An error that fails a request (any non-empty name).
-CMError withdrawn()
-{
-    return CMError(TrString("withdrawn by the test"));
-}
-
 class PowerHandlerQueue : public HandlerTest
 {
 protected:
@@ -82,27 +76,12 @@ protected:
     CMReply<QVariant> requestUse(PowerResource* resource, const std::string& label,
                                  VelaPowerModuleActions::Enum action = VelaPowerModuleActions::use)
     {
-        CMReply<QVariant> reply = caller(label);
-        handler.requestResource(wish(resource, QStringLiteral("media"), action), reply);
-        return reply;
+        return askResource(label, resource, QStringLiteral("media"), action);
     }
 
-    CMReply<QVariant> requestTargetAs(PowerTarget* target, const std::string& label)
-    {
-        CMReply<QVariant> reply = caller(label);
-        handler.requestTarget(targetRecord(target), reply);
-        return reply;
-    }
-
-    // A request of our own, queued without a caller.
-    PowerNodeRequestPtr queueOwn(PowerNode* node, const QString& module = QStringLiteral("media"),
-                                 VelaPowerModuleActions::Enum action = VelaPowerModuleActions::use)
-    {
-        PowerNodeRequestPtr request = handler.makeRequest(node, module, action);
-        EXPECT_FALSE(request.isNull());
-        EXPECT_TRUE(handler.addRequest(request));
-        return request;
-    }
+    // A request of our own from "media", queued without a caller.
+    PowerNodeRequestPtr queueOwn(PowerNode* node) { return HandlerTest::queueOwn(node, QStringLiteral("media")); }
+    using HandlerTest::queueOwn;
 };
 
 using PowerHandlerQueueDeathTest = PowerHandlerQueue;
@@ -115,10 +94,7 @@ TEST_F(PowerHandlerQueue, MakeRequestWithANullNodeIsRefusedAndLogged)
 {
     LogCapture log;
     EXPECT_TRUE(handler.makeRequest(nullptr, QStringLiteral("media"), VelaPowerModuleActions::use).isNull());
-    const auto errors = log.withMessage("invalid power node requested");
-    ASSERT_EQ(errors.size(), 1u) << log.dump();
-    EXPECT_EQ(errors.front().level, log4cplus::ERROR_LOG_LEVEL);
-    EXPECT_EQ(errors.front().file, handlerSource());
+    expectSingleRecord(log, log4cplus::ERROR_LOG_LEVEL, "invalid power node requested");
     EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(kMakeRequest, "")), 1) << log.dump();
     EXPECT_TRUE(createdIds(log).empty());
 }
@@ -128,10 +104,7 @@ TEST_F(PowerHandlerQueue, MakeRequestForAnUnregisteredModuleIsRefusedAndLogged)
     ProbeResource* resource = addResource();
     LogCapture log;
     EXPECT_TRUE(handler.makeRequest(resource, QStringLiteral("ghost"), VelaPowerModuleActions::use).isNull());
-    const auto errors = log.withMessage("unknown power module requested: ghost");
-    ASSERT_EQ(errors.size(), 1u) << log.dump();
-    EXPECT_EQ(errors.front().level, log4cplus::ERROR_LOG_LEVEL);
-    EXPECT_EQ(errors.front().file, handlerSource());
+    expectSingleRecord(log, log4cplus::ERROR_LOG_LEVEL, "unknown power module requested: ghost");
     EXPECT_TRUE(createdIds(log).empty());
 }
 
@@ -160,7 +133,7 @@ TEST_F(PowerHandlerQueue, AddRequestRefusesNullAndInvalidRequestsAndNeverStartsO
     LogCapture log;
     EXPECT_FALSE(handler.addRequest(PowerNodeRequestPtr()));
     const PowerNodeRequestPtr invalid = handler.makeRequest(resource, QStringLiteral("media"), VelaPowerModuleActions::use);
-    invalid->reply().setError(withdrawn());
+    invalidate(invalid);
     EXPECT_FALSE(handler.addRequest(invalid));
     // A request made without a node is born failed.
     EXPECT_FALSE(handler.addRequest(PowerNodeRequest::create(nullptr, QStringLiteral("media"),
@@ -270,8 +243,7 @@ TEST_F(PowerHandlerQueue, RequestTurnedInvalidWhileQueuedIsDroppedWithoutProcess
     CMReply<QVariant> running = requestUse(slow, "running");
     const PowerNodeRequestPtr invalid = queueOwn(skipped);
     const PowerNodeRequestPtr behind = queueOwn(next);
-    invalid->reply().setError(withdrawn());
-    ASSERT_FALSE(invalid->isValid());
+    invalidate(invalid);
 
     LogCapture log;
     ASSERT_TRUE(answerHeld(onPath(slow)));
@@ -308,11 +280,9 @@ TEST_F(PowerHandlerQueue, CallerOfARequestTurnedInvalidIsAnsweredCannotRequestNo
     ProbeResource* skipped = addResource();
     CMReply<QVariant> running = requestUse(slow, "running");
     const PowerNodeRequestPtr invalid = queueOwn(skipped);
-    // The caller's wish is stored under the identity of the request that is
-    // about to turn invalid: the next request made takes that identity again.
-    PowerNodeRequest::setIdCounter(invalid->id() - 1);
+    reuseIdentityOf(invalid);
     CMReply<QVariant> answer = requestUse(skipped, "caller");
-    invalid->reply().setError(withdrawn());
+    invalidate(invalid);
 
     LogCapture log;
     ASSERT_TRUE(answerHeld(onPath(slow)));
@@ -334,9 +304,9 @@ TEST_F(PowerHandlerQueue, TargetRequestTurnedInvalidEmitsNoSignalAndIsAnsweredCa
     PowerTarget* target = addTarget();
     CMReply<QVariant> running = requestUse(slow, "running");
     const PowerNodeRequestPtr invalid = queueOwn(target, VelaPowerManagerName(), VelaPowerModuleActions::hold);
-    PowerNodeRequest::setIdCounter(invalid->id() - 1);
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
-    invalid->reply().setError(withdrawn());
+    reuseIdentityOf(invalid);
+    CMReply<QVariant> answer = askTarget("target", target);
+    invalidate(invalid);
 
     ASSERT_TRUE(answerHeld(onPath(slow)));
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished() && handler.pendingRequests() == 0; }));
@@ -353,7 +323,7 @@ TEST_F(PowerHandlerQueue, ThreeInvalidRequestsAndAValidOneAreAllHandledInOneProc
         invalid.push_back(queueOwn(addResource()));
     const PowerNodeRequestPtr valid = queueOwn(slow);
     for (const PowerNodeRequestPtr& request : invalid)
-        request->reply().setError(withdrawn());
+        invalidate(request);
     ASSERT_EQ(handler.pendingRequests(), 4);
 
     LogCapture log;
@@ -379,6 +349,56 @@ TEST_F(PowerHandlerQueue, ThreeInvalidRequestsAndAValidOneAreAllHandledInOneProc
     at = position(events, processNextLine(1), at);
     ASSERT_NE(at, -1) << log.dump();
     EXPECT_NE(position(events, processLine(valid->id()), at), -1) << log.dump();
+}
+
+TEST_F(PowerHandlerQueue, ThreeInvalidRequestsWithCallersAreAllAnsweredWithErrorsBeforeTheValidOneStarts)
+{
+    // Our own requests: the running head, three that turn invalid while
+    // they wait, and a valid one whose write is held. Three callers' wishes
+    // are stored under the identities of the three invalid ones.
+    ProbeResource* slow = addResource(Answer::Held);
+    ProbeResource* validNode = addResource(Answer::Held);
+    const PowerNodeRequestPtr running = queueOwn(slow);
+    handler.tryProcessNextRequest();
+    ASSERT_TRUE(running->isProcessing());
+    std::vector<PowerNodeRequestPtr> invalid;
+    std::vector<ProbeResource*> skipped;
+    for (int i = 0; i < 3; ++i) {
+        skipped.push_back(addResource());
+        invalid.push_back(queueOwn(skipped.back()));
+    }
+    const PowerNodeRequestPtr valid = queueOwn(validNode);
+    reuseIdentityOf(invalid.front());
+    std::vector<CMReply<QVariant>> callers;
+    {
+        LogCapture made;
+        for (int i = 0; i < 3; ++i)
+            callers.push_back(requestUse(skipped[static_cast<size_t>(i)], "invalid " + std::to_string(i)));
+        ASSERT_EQ(createdIds(made), (std::vector<int64_t>{invalid[0]->id(), invalid[1]->id(), invalid[2]->id()}));
+    }
+    for (const PowerNodeRequestPtr& request : invalid)
+        invalidate(request);
+    ASSERT_EQ(handler.pendingRequests(), 8);
+
+    ASSERT_TRUE(answerHeld(onPath(slow)));
+    ASSERT_TRUE(waitUntil([&] { return heldAt(onPath(validNode)) == 1; })) << eventDump();
+
+    EXPECT_TRUE(valid->isProcessing());
+    // The valid request and the three callers' own requests behind it.
+    EXPECT_EQ(handler.pendingRequests(), 4);
+    const std::string refused = " error " + str(CMError::DefaultName()) + " / Cannot request node";
+    for (int i = 0; i < 3; ++i) {
+        const CMReply<QVariant>& reply = callers[static_cast<size_t>(i)];
+        ASSERT_TRUE(reply.isFinished()) << i;
+        EXPECT_EQ(reply.error().message().toString(), QStringLiteral("Cannot request node")) << i;
+        const int answered = indexOf("answer invalid " + std::to_string(i) + refused);
+        ASSERT_NE(answered, -1) << eventDump();
+        EXPECT_LT(answered, indexOf(writeOn(validNode))) << eventDump();
+        EXPECT_FALSE(invalid[static_cast<size_t>(i)]->isProcessing());
+        EXPECT_EQ(countOf(writeOn(skipped[static_cast<size_t>(i)])), 0) << eventDump();
+    }
+    EXPECT_LT(indexOf("answer invalid 0" + refused), indexOf("answer invalid 1" + refused)) << eventDump();
+    EXPECT_LT(indexOf("answer invalid 1" + refused), indexOf("answer invalid 2" + refused)) << eventDump();
 }
 
 TEST_F(PowerHandlerQueue, ProcessNextRequestOnAnEmptyQueueOnlyLogsItsEntry)
@@ -426,7 +446,7 @@ TEST_F(PowerHandlerQueue, AfterATargetRequestEveryResourceStillInitialIsDisabled
     ProbeResource* unregistered = makeResource();
 
     LogCapture log;
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished(); }));
     EXPECT_EQ(eventDump().find("error"), std::string::npos) << eventDump();
 
@@ -437,16 +457,22 @@ TEST_F(PowerHandlerQueue, AfterATargetRequestEveryResourceStillInitialIsDisabled
     EXPECT_EQ(countOf(writeOff(enabled)), 0) << eventDump();
     EXPECT_EQ(enabled->state(), VelaPowerNodeStates::enabled);
     EXPECT_EQ(countOf(writeOff(disabled)), 0) << eventDump();
-    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL,
-                        "Leave " + dbglog_scopedFunction("CMReply<void> PowerNode::disable()", "PowerManager") +
-                            ": powerNode: " + nameOf(disabled) + " already disabled or disable was already requested..."),
-              0)
+    // A call of disable() on a node that is disabled already writes no
+    // data, only this line.
+    const std::string disabledAlready = "Leave " +
+                                        dbglog_scopedFunction("CMReply<void> PowerNode::disable()", "PowerManager") +
+                                        ": powerNode: " + nameOf(disabled) +
+                                        " already disabled or disable was already requested...";
+    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, disabledAlready), 0)
         << "disable() was called on a resource that was disabled already";
     EXPECT_EQ(unregistered->state(), VelaPowerNodeStates::initial);
     EXPECT_EQ(countOf(writeOff(unregistered)), 0);
+    // The line looked for above is the one such a call writes.
+    disabled->disable();
+    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, disabledAlready), 1) << log.dump();
 
     // A second target request finds nothing left in the initial state.
-    CMReply<QVariant> again = requestTargetAs(target, "again");
+    CMReply<QVariant> again = askTarget("again", target);
     ASSERT_TRUE(waitUntil([&] { return again.isFinished(); }));
     EXPECT_EQ(countOf(writeOff(initialA)), 1) << eventDump();
     EXPECT_EQ(countOf(writeOff(initialB)), 1) << eventDump();
@@ -468,22 +494,16 @@ TEST_F(PowerHandlerQueue, AfterAResourceRequestNothingIsDisabled)
 
 TEST_F(PowerHandlerQueue, CleanUpRunsAfterAFailedTargetRequestToo)
 {
-    // "media" holds a resource that the target would switch off, so the
-    // target cannot be reached.
-    ProbeResource* held = addResource();
-    PowerTarget* target = makeTarget();
-    target->disables(held);
-    handler.registerTarget(target);
-    CMReply<QVariant> hold = requestUse(held, "hold", VelaPowerModuleActions::hold);
-    ASSERT_TRUE(waitUntil([&] { return hold.isFinished(); }));
+    const UnreachableTarget blocked = addUnreachableTarget(QStringLiteral("media"));
+    ASSERT_FALSE(HasFailure());
     ProbeResource* initial = addResource();
 
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", blocked.target);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished(); }));
     EXPECT_EQ(answer.error().message().toString(), QStringLiteral("Failed to resolve dependencies"));
     EXPECT_EQ(countOf(writeOff(initial)), 1) << eventDump();
     EXPECT_EQ(initial->state(), VelaPowerNodeStates::disabled);
-    EXPECT_EQ(held->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(blocked.held->state(), VelaPowerNodeStates::enabled);
     EXPECT_LT(indexOf(writeOff(initial)), indexOf("answer target error " + errorText(answer))) << eventDump();
 }
 
@@ -492,7 +512,7 @@ TEST_F(PowerHandlerQueue, TargetCallerIsAnsweredOnlyAfterTheCleanUpDisablesFinis
     PowerTarget* target = addTarget();
     ProbeResource* slowOff = addResource(Answer::AtOnce, Answer::Held);
     ProbeResource* quickOff = addResource();
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return heldAt(offPath(slowOff)) == 1; }));
     drainEvents();
     EXPECT_FALSE(answer.isFinished());
@@ -515,7 +535,7 @@ TEST_F(PowerHandlerQueue, FailedCleanUpDisableDoesNotChangeTheAnswer)
 {
     PowerTarget* target = addTarget();
     ProbeResource* failing = addResource(Answer::AtOnce, Answer::WithError);
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished(); }));
     EXPECT_FALSE(answer.error().isError()) << errorText(answer);
     EXPECT_EQ(countOf(writeOff(failing)), 1);
@@ -531,19 +551,16 @@ TEST_F(PowerHandlerQueue, FailedCleanUpDisableDoesNotChangeTheAnswer)
 
 TEST_F(PowerHandlerQueue, ProcessErrorGoesToTheCallerUnchangedWithoutTargetChanged)
 {
-    ProbeResource* held = addResource();
-    PowerTarget* target = makeTarget();
-    target->disables(held);
-    handler.registerTarget(target);
-    CMReply<QVariant> hold = requestUse(held, "hold", VelaPowerModuleActions::hold);
-    ASSERT_TRUE(waitUntil([&] { return hold.isFinished(); }));
+    const UnreachableTarget blocked = addUnreachableTarget(QStringLiteral("media"));
+    ASSERT_FALSE(HasFailure());
+    PowerTarget* target = blocked.target;
 
     // Queued behind a running request, with another request behind it.
     ProbeResource* slow = addResource(Answer::Held);
     ProbeResource* after = addResource();
     CMReply<QVariant> running = requestUse(slow, "running");
     LogCapture log;
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", target);
     CMReply<QVariant> behind = requestUse(after, "behind");
     ASSERT_TRUE(answerHeld(onPath(slow)));
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished() && behind.isFinished(); }));
@@ -578,7 +595,7 @@ TEST_F(PowerHandlerQueue, ErrorWithoutNameButWithMessageCountsAsSuccess)
     PowerNodeRequest::setIdCounter(own->id() - 1);
 
     LogCapture log;
-    CMReply<QVariant> answer = requestTargetAs(target, "target");
+    CMReply<QVariant> answer = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished() && handler.pendingRequests() == 0; }));
     EXPECT_FALSE(answer.error().isError());
     EXPECT_TRUE(answer.error().isEmpty());

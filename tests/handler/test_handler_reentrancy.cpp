@@ -39,8 +39,7 @@ TEST_F(PowerHandlerReentrancy, RequestFromANextTargetChangedListenerWaitsForTheT
                 handler.requestResource(wish(wanted, QStringLiteral("media"), VelaPowerModuleActions::use),
                                         fromListener);
         });
-    CMReply<QVariant> reply = caller("target");
-    handler.requestTarget(targetRecord(target), reply);
+    CMReply<QVariant> reply = askTarget("target", target);
     const bool answered = waitUntil([&] { return reply.isFinished() && fromListener.isFinished(); });
     QObject::disconnect(listener);
     ASSERT_TRUE(answered) << eventDump();
@@ -60,10 +59,9 @@ TEST_F(PowerHandlerReentrancy, RequestFromTheAnswerToAnInvalidHeadWaitsItsTurn)
     ProbeResource* second = addResource();
     // An invalid request of our own heads the idle queue; the caller's wish
     // is stored under its identity.
-    const PowerNodeRequestPtr invalid = handler.makeRequest(skipped, QStringLiteral("media"), VelaPowerModuleActions::use);
-    ASSERT_TRUE(handler.addRequest(invalid));
-    invalid->reply().setError(CMError(TrString("withdrawn by the test")));
-    PowerNodeRequest::setIdCounter(invalid->id() - 1);
+    const PowerNodeRequestPtr invalid = queueOwn(skipped, QStringLiteral("media"));
+    invalidate(invalid);
+    reuseIdentityOf(invalid);
 
     CMReply<QVariant> dropped = caller("dropped");
     CMReply<QVariant> followUp = caller("follow-up");
@@ -83,25 +81,16 @@ TEST_F(PowerHandlerReentrancy, RequestFromTheAnswerToAnInvalidHeadWaitsItsTurn)
 
 TEST_F(PowerHandlerReentrancy, RequestArrivingWhileAFailedTargetRequestCleansUpWaitsForIt)
 {
-    // "media" holds a resource that the target would switch off: the target
-    // cannot be reached.
-    ProbeResource* held = addResource();
-    PowerTarget* target = makeTarget();
-    target->disables(held);
-    handler.registerTarget(target);
-    CMReply<QVariant> hold = caller("hold");
-    handler.requestResource(wish(held, QStringLiteral("media"), VelaPowerModuleActions::hold), hold);
-    ASSERT_TRUE(waitUntil([&] { return hold.isFinished(); }));
+    const UnreachableTarget blocked = addUnreachableTarget(QStringLiteral("media"));
+    ASSERT_FALSE(HasFailure());
     ProbeResource* slowOff = addResource(Answer::AtOnce, Answer::Held);
     ProbeResource* other = addResource();
 
-    CMReply<QVariant> failing = caller("target");
-    handler.requestTarget(targetRecord(target), failing);
+    CMReply<QVariant> failing = askTarget("target", blocked.target);
     ASSERT_EQ(heldAt(offPath(slowOff)), 1);
     ASSERT_FALSE(failing.isFinished());
 
-    CMReply<QVariant> arriving = caller("arriving");
-    handler.requestResource(wish(other, QStringLiteral("media"), VelaPowerModuleActions::use), arriving);
+    CMReply<QVariant> arriving = askResource("arriving", other, QStringLiteral("media"), VelaPowerModuleActions::use);
     drainEvents();
     EXPECT_FALSE(failing.isFinished()) << errorText(failing);
     EXPECT_FALSE(arriving.isFinished());

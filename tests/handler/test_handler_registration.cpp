@@ -34,12 +34,13 @@ std::string handlerAssertion(const std::string& text)
     return "ASSERT: \"" + escapeRegex(text) + "\" in file " + escapeRegex(handlerSource()) + ", line [0-9]+";
 }
 
-// A resource that claims to be of another kind.
-class MislabelledResource : public PowerResource
+// A node that claims to be of another kind.
+template <typename Node, typename Value>
+class Mislabelled : public Node
 {
 public:
-    MislabelledResource(VelaPowerManagerResources::Enum resource, PowerNodeType reported)
-        : PowerResource(resource)
+    Mislabelled(Value value, PowerNodeType reported)
+        : Node(value)
         , m_reported(reported)
     {
     }
@@ -49,19 +50,8 @@ private:
     PowerNodeType m_reported;
 };
 
-class MislabelledTarget : public PowerTarget
-{
-public:
-    MislabelledTarget(VelaPowerManagerTargets::Enum target, PowerNodeType reported)
-        : PowerTarget(target)
-        , m_reported(reported)
-    {
-    }
-    PowerNodeType type() const override { return m_reported; }
-
-private:
-    PowerNodeType m_reported;
-};
+using MislabelledResource = Mislabelled<PowerResource, VelaPowerManagerResources::Enum>;
+using MislabelledTarget = Mislabelled<PowerTarget, VelaPowerManagerTargets::Enum>;
 
 QVariantHash infoOf(const QVariantHash& snapshot, const char* kind, const PowerNode* node)
 {
@@ -143,8 +133,7 @@ TEST_F(PowerHandlerRegistration, ListNodesGivesEveryRegisteredNodeWithItsStateAn
     PowerTarget* target = addTarget();
     PowerTarget* other = addTarget();
 
-    CMReply<QVariant> answer = caller("use");
-    handler.requestResource(wish(used, QStringLiteral("camera"), VelaPowerModuleActions::use), answer);
+    CMReply<QVariant> answer = askResource("use", used, QStringLiteral("camera"), VelaPowerModuleActions::use);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished(); }));
 
     const QVariantHash snapshot = handler.listNodes();
@@ -180,8 +169,7 @@ TEST_F(PowerHandlerRegistration, ListNodesGivesEveryRegisteredNodeWithItsStateAn
     EXPECT_TRUE(targetInfo.value(QStringLiteral("actions")).toHash().isEmpty());
 
     // A snapshot: later changes do not reach it.
-    CMReply<QVariant> release = caller("release");
-    handler.requestResource(wish(used, QStringLiteral("camera"), VelaPowerModuleActions::release), release);
+    CMReply<QVariant> release = askResource("release", used, QStringLiteral("camera"), VelaPowerModuleActions::release);
     ASSERT_TRUE(waitUntil([&] { return release.isFinished(); }));
     EXPECT_TRUE(infoOf(snapshot, "resources", used).value(QStringLiteral("isEnabled")).toBool());
     EXPECT_FALSE(infoOf(handler.listNodes(), "resources", used).value(QStringLiteral("isEnabled")).toBool());
@@ -201,8 +189,7 @@ TEST_F(PowerHandlerRegistration, GetNodeInfoOfAnEnablingNodeReportsNotEnabled)
 {
     addModule(QStringLiteral("audio"));
     ProbeResource* resource = addResource(Answer::Held);
-    CMReply<QVariant> answer = caller("use");
-    handler.requestResource(wish(resource, QStringLiteral("audio"), VelaPowerModuleActions::use), answer);
+    CMReply<QVariant> answer = askResource("use", resource, QStringLiteral("audio"), VelaPowerModuleActions::use);
     ASSERT_EQ(resource->state(), VelaPowerNodeStates::enabling);
 
     const QVariantHash enabling = handler.getNodeInfo(resource);
@@ -250,13 +237,30 @@ TEST_F(PowerHandlerRegistration, RegisterModuleWithoutFieldsIsRefusedAndLogged)
     const VelaPowerManagerModuleRegister empty;
     ASSERT_TRUE(empty.isEmpty());
     EXPECT_FALSE(handler.registerModule(empty));
-    const auto errors = log.withMessage("Cannot register module: " + recordText(empty));
-    ASSERT_EQ(errors.size(), 1u) << log.dump();
-    EXPECT_EQ(errors.front().level, log4cplus::ERROR_LOG_LEVEL);
-    EXPECT_EQ(errors.front().file, handlerSource());
+    expectSingleRecord(log, log4cplus::ERROR_LOG_LEVEL, "Cannot register module: " + recordText(empty));
     // Nothing stored, not even under the empty name that the record reads as.
     ProbeResource* resource = addResource();
     EXPECT_TRUE(handler.makeRequest(resource, empty.moduleName(), VelaPowerModuleActions::use).isNull());
+}
+
+TEST_F(PowerHandlerRegistration, RefusedEmptyModuleLeavesTheRegisteredModulesAsTheyWere)
+{
+    addModule(QStringLiteral("keep"));
+    ProbeResource* resource = addResource();
+    EXPECT_FALSE(handler.registerModule(VelaPowerManagerModuleRegister()));
+    // The module registered before still acts, and still with its own
+    // revoke path: releasing a resource it used tells it there.
+    CMReply<QVariant> use = askResource("use", resource, QStringLiteral("keep"), VelaPowerModuleActions::use);
+    ASSERT_TRUE(waitUntil([&] { return use.isFinished(); }));
+    EXPECT_FALSE(use.error().isError()) << errorText(use);
+    CMReply<QVariant> release = askResource("release", resource, QStringLiteral("keep"), VelaPowerModuleActions::release);
+    ASSERT_TRUE(waitUntil([&] { return release.isFinished(); }));
+    EXPECT_FALSE(release.error().isError()) << errorText(release);
+    EXPECT_EQ(countOf("invoke " + str(revokePath(QStringLiteral("keep"))) + " keep type=0 revoke=[" +
+                      std::to_string(static_cast<int>(resource->resource())) + "]"),
+              1)
+        << eventDump();
+    EXPECT_TRUE(handler.makeRequest(resource, QString(), VelaPowerModuleActions::use).isNull());
 }
 
 TEST_F(PowerHandlerRegistration, ModuleWithAnEmptyNameButFieldsIsAccepted)
@@ -276,8 +280,7 @@ TEST_F(PowerHandlerRegistration, ModuleRegisteredAgainReplacesItsRecordForLaterR
         VelaPowerManagerModuleRegister(QStringLiteral("wifi"), CMPath("/first/revoke"), CMPath())));
     ProbeResource* resource = addResource();
 
-    CMReply<QVariant> use = caller("use");
-    handler.requestResource(wish(resource, QStringLiteral("wifi"), VelaPowerModuleActions::use), use);
+    CMReply<QVariant> use = askResource("use", resource, QStringLiteral("wifi"), VelaPowerModuleActions::use);
     ASSERT_TRUE(waitUntil([&] { return use.isFinished(); }));
 
     LogCapture log;
@@ -288,8 +291,7 @@ TEST_F(PowerHandlerRegistration, ModuleRegisteredAgainReplacesItsRecordForLaterR
         EXPECT_LT(event.level, log4cplus::WARN_LOG_LEVEL) << event.message;
 
     // Releasing revokes the resource: the message goes to the second path.
-    CMReply<QVariant> release = caller("release");
-    handler.requestResource(wish(resource, QStringLiteral("wifi"), VelaPowerModuleActions::release), release);
+    CMReply<QVariant> release = askResource("release", resource, QStringLiteral("wifi"), VelaPowerModuleActions::release);
     ASSERT_TRUE(waitUntil([&] { return release.isFinished(); }));
     const std::string expected =
         "invoke /second/revoke wifi type=0 revoke=[" + std::to_string(static_cast<int>(resource->resource())) + "]";
@@ -325,7 +327,12 @@ TEST_F(PowerHandlerRegistration, SingleTargetDisablesNothing)
 TEST_F(PowerHandlerRegistration, ThreeTargetsEachDisableTheOtherTwo)
 {
     PowerTarget* first = addTarget();
+    EXPECT_TRUE(first->requiredByNodes(false).isEmpty());
+    // The second target is paired with the first when it arrives.
     PowerTarget* second = addTarget();
+    EXPECT_EQ(first->requiredByNodes(false), (QSet<PowerNode*>{second}));
+    EXPECT_EQ(second->requiredByNodes(false), (QSet<PowerNode*>{first}));
+    // The third with both of them.
     PowerTarget* third = addTarget();
     EXPECT_EQ(first->requiredByNodes(false), (QSet<PowerNode*>{second, third}));
     EXPECT_EQ(second->requiredByNodes(false), (QSet<PowerNode*>{first, third}));
@@ -333,6 +340,11 @@ TEST_F(PowerHandlerRegistration, ThreeTargetsEachDisableTheOtherTwo)
     // Disabling only: nothing is enabled by the pairing.
     for (PowerTarget* target : {first, second, third})
         EXPECT_TRUE(target->requiredNodes(false).isEmpty()) << nameOf(target);
+    // Six disabling edges in all, one for each ordered pair.
+    int edges = 0;
+    for (PowerTarget* target : {first, second, third})
+        edges += target->requiredByNodes(false).size();
+    EXPECT_EQ(edges, 6);
 }
 
 TEST_F(PowerHandlerRegistration, TargetsPairedWithoutTouchingResourcesTheyAlreadyWire)
@@ -463,7 +475,15 @@ TEST_F(PowerHandlerRegistration, DestroyingTheHandlerLeavesNodesAliveAndUntouche
     owned->requestResource(wish(running, QStringLiteral("gpu"), VelaPowerModuleActions::use), first);
     owned->requestResource(wish(waiting, QStringLiteral("gpu"), VelaPowerModuleActions::hold), second);
     owned->requestTarget(targetRecord(target), third);
-    ASSERT_EQ(owned->pendingRequests(), 3);
+    // A request of the test's own, held by nothing but the queue.
+    QWeakPointer<PowerNodeRequest> queuedOnly;
+    {
+        const PowerNodeRequestPtr own = owned->makeRequest(waiting, QStringLiteral("gpu"), VelaPowerModuleActions::use);
+        ASSERT_TRUE(owned->addRequest(own));
+        queuedOnly = own;
+    }
+    ASSERT_EQ(owned->pendingRequests(), 4);
+    ASSERT_FALSE(queuedOnly.isNull());
     ASSERT_EQ(running->state(), VelaPowerNodeStates::enabling);
     ASSERT_EQ(base->state(), VelaPowerNodeStates::enabled);
 
@@ -478,6 +498,7 @@ TEST_F(PowerHandlerRegistration, DestroyingTheHandlerLeavesNodesAliveAndUntouche
 
     owned.reset();
 
+    EXPECT_TRUE(queuedOnly.isNull()) << "the queue's share of a request outlived the handler";
     for (size_t i = 0; i < nodes.size(); ++i)
         EXPECT_TRUE(NodeSnapshot(nodes[i]) == before[i]) << nameOf(nodes[i]);
     for (const CMReply<QVariant>* reply : {&first, &second, &third}) {

@@ -16,29 +16,56 @@ const std::string kRequestResource =
 class PowerHandlerRequests : public HandlerTest
 {
 protected:
-    // A refusal: answered before the call returns with the name "Error",
-    // the message and the default title, and logged at ERROR as the message,
-    // ": " and the record. Nothing is queued and no signal goes out.
-    template <typename Record>
-    void expectRefused(const CMReply<QVariant>& reply, const LogCapture& log, const std::string& message,
-                       const Record& record)
+    // Each record goes through the entry point that takes it.
+    void send(const VelaPowerManagerTarget& record, const CMReply<QVariant>& reply)
     {
+        handler.requestTarget(record, reply);
+    }
+    void send(const VelaPowerManagerResourceRequest& record, const CMReply<QVariant>& reply)
+    {
+        handler.requestResource(record, reply);
+    }
+    static const std::string& entrySignature(const VelaPowerManagerTarget&) { return kRequestTarget; }
+    static const std::string& entrySignature(const VelaPowerManagerResourceRequest&) { return kRequestResource; }
+
+    /*
+     * Sends `record` and checks the refusal: the entry line with the record,
+     * then an answer before the call returns with the name "Error", the
+     * message and the default title, logged at ERROR as the message, ": "
+     * and the record, from the entry point that refused. Nothing is queued
+     * and no signal goes out. Returns every ERROR message written meanwhile.
+     */
+    template <typename Record>
+    std::vector<std::string> expectRefusal(const Record& record, const std::string& message)
+    {
+        LogCapture log;
+        CMReply<QVariant> reply;
+        send(record, reply);
+        checkRefusal(reply, log, message, record);
+        return errorMessages(log);
+    }
+
+    template <typename Record>
+    void checkRefusal(const CMReply<QVariant>& reply, const LogCapture& log, const std::string& message,
+                      const Record& record)
+    {
+        EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(entrySignature(record), recordText(record))), 1)
+            << log.dump();
         ASSERT_TRUE(reply.isFinished()) << "a refusal is answered at once";
         const CMError error = reply.error();
         EXPECT_EQ(error.name(), QStringLiteral("Error"));
         EXPECT_EQ(error.message().toString(), QString::fromStdString(message));
         EXPECT_EQ(error.title().toString(), CMError::DefaultTitle());
         EXPECT_EQ(error.size(), 3);
-        const auto records = log.withMessage(message + ": " + recordText(record));
-        ASSERT_EQ(records.size(), 1u) << log.dump();
-        EXPECT_EQ(records.front().level, log4cplus::ERROR_LOG_LEVEL);
-        EXPECT_EQ(records.front().file, handlerSource());
+        expectSingleRecord(log, log4cplus::ERROR_LOG_LEVEL, message + ": " + recordText(record));
+        for (const CapturedEvent& event : log.withMessage(message + ": " + recordText(record)))
+            EXPECT_EQ(event.function, entrySignature(record));
         EXPECT_EQ(handler.pendingRequests(), 0);
         for (const std::string& event : m_events)
             EXPECT_EQ(event.find("argetChanged"), std::string::npos) << event;
     }
 
-    std::vector<std::string> errorMessages(const LogCapture& log) const
+    static std::vector<std::string> errorMessages(const LogCapture& log)
     {
         std::vector<std::string> messages;
         for (const CapturedEvent& event : log.events()) {
@@ -57,12 +84,7 @@ TEST_F(PowerHandlerRequests, EmptyTargetRecordIsAnsweredIncorrectRequest)
 {
     addPowerManagerModule();
     addTarget();
-    LogCapture log;
-    const VelaPowerManagerTarget empty;
-    CMReply<QVariant> reply;
-    handler.requestTarget(empty, reply);
-    expectRefused(reply, log, "Incorrect request", empty);
-    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(kRequestTarget, recordText(empty))), 1) << log.dump();
+    expectRefusal(VelaPowerManagerTarget(), "Incorrect request");
 }
 
 TEST_F(PowerHandlerRequests, UnregisteredTargetIsAnsweredUnknownTarget)
@@ -70,12 +92,7 @@ TEST_F(PowerHandlerRequests, UnregisteredTargetIsAnsweredUnknownTarget)
     addPowerManagerModule();
     addTarget();
     PowerTarget* unregistered = makeTarget();
-    LogCapture log;
-    const VelaPowerManagerTarget record = targetRecord(unregistered);
-    CMReply<QVariant> reply;
-    handler.requestTarget(record, reply);
-    expectRefused(reply, log, "Unknown target", record);
-    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(kRequestTarget, recordText(record))), 1) << log.dump();
+    expectRefusal(targetRecord(unregistered), "Unknown target");
     EXPECT_EQ(unregistered->state(), VelaPowerNodeStates::initial);
 }
 
@@ -83,31 +100,23 @@ TEST_F(PowerHandlerRequests, WithoutThePowerManagersOwnModuleEveryTargetRequestI
 {
     addModule(QStringLiteral("someone"));
     PowerTarget* target = addTarget();
-    LogCapture log;
-    const VelaPowerManagerTarget record = targetRecord(target);
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        CMReply<QVariant> reply;
-        handler.requestTarget(record, reply);
-        ASSERT_TRUE(reply.isFinished());
-        EXPECT_EQ(reply.error().name(), QStringLiteral("Error"));
-        EXPECT_EQ(reply.error().message().toString(), QStringLiteral("Cannot add request for requested target"));
-    }
+    PowerTarget* other = addTarget();
     const std::string unknown = "unknown power module requested: " + str(VelaPowerManagerName());
-    const std::string refusal = "Cannot add request for requested target: " + recordText(record);
-    EXPECT_EQ(errorMessages(log), (std::vector<std::string>{unknown, refusal, unknown, refusal})) << log.dump();
-    EXPECT_EQ(handler.pendingRequests(), 0);
+    for (PowerTarget* requested : {target, other, target}) {
+        const VelaPowerManagerTarget record = targetRecord(requested);
+        EXPECT_EQ(expectRefusal(record, "Cannot add request for requested target"),
+                  (std::vector<std::string>{unknown, "Cannot add request for requested target: " + recordText(record)}))
+            << nameOf(requested);
+    }
     EXPECT_TRUE(m_events.empty()) << eventDump();
     EXPECT_TRUE(target->moduleActions().isEmpty());
+    EXPECT_TRUE(other->moduleActions().isEmpty());
 }
 
 TEST_F(PowerHandlerRequests, CannotAddTargetRequestIsBuiltLikeEveryRefusal)
 {
-    PowerTarget* target = addTarget();
-    LogCapture log;
-    const VelaPowerManagerTarget record = targetRecord(target);
-    CMReply<QVariant> reply;
-    handler.requestTarget(record, reply);
-    expectRefused(reply, log, "Cannot add request for requested target", record);
+    // No module registered at all.
+    expectRefusal(targetRecord(addTarget()), "Cannot add request for requested target");
 }
 
 // --- Refusals of requestResource ---------------------------------------------------------
@@ -116,12 +125,7 @@ TEST_F(PowerHandlerRequests, EmptyResourceRecordIsAnsweredIncorrectRequest)
 {
     addModule(QStringLiteral("media"));
     addResource();
-    LogCapture log;
-    const VelaPowerManagerResourceRequest empty;
-    CMReply<QVariant> reply;
-    handler.requestResource(empty, reply);
-    expectRefused(reply, log, "Incorrect request", empty);
-    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(kRequestResource, recordText(empty))), 1) << log.dump();
+    expectRefusal(VelaPowerManagerResourceRequest(), "Incorrect request");
 }
 
 TEST_F(PowerHandlerRequests, UnregisteredResourceIsAnsweredUnknownResource)
@@ -129,12 +133,7 @@ TEST_F(PowerHandlerRequests, UnregisteredResourceIsAnsweredUnknownResource)
     addModule(QStringLiteral("media"));
     addResource();
     ProbeResource* unregistered = makeResource();
-    LogCapture log;
-    const VelaPowerManagerResourceRequest record = wish(unregistered, QStringLiteral("media"), VelaPowerModuleActions::use);
-    CMReply<QVariant> reply;
-    handler.requestResource(record, reply);
-    expectRefused(reply, log, "Unknown resource", record);
-    EXPECT_EQ(log.count(log4cplus::TRACE_LOG_LEVEL, enterLine(kRequestResource, recordText(record))), 1) << log.dump();
+    expectRefusal(wish(unregistered, QStringLiteral("media"), VelaPowerModuleActions::use), "Unknown resource");
     EXPECT_EQ(unregistered->state(), VelaPowerNodeStates::initial);
     EXPECT_EQ(countOf(writeOn(unregistered)), 0);
 }
@@ -143,15 +142,10 @@ TEST_F(PowerHandlerRequests, ResourceRequestFromAnUnregisteredModuleIsAnsweredCa
 {
     addModule(QStringLiteral("media"));
     ProbeResource* resource = addResource();
-    LogCapture log;
     const VelaPowerManagerResourceRequest record = wish(resource, QStringLiteral("stranger"), VelaPowerModuleActions::use);
-    CMReply<QVariant> reply;
-    handler.requestResource(record, reply);
-    expectRefused(reply, log, "Cannot add request for requested resource", record);
-    EXPECT_EQ(errorMessages(log),
+    EXPECT_EQ(expectRefusal(record, "Cannot add request for requested resource"),
               (std::vector<std::string>{"unknown power module requested: stranger",
-                                        "Cannot add request for requested resource: " + recordText(record)}))
-        << log.dump();
+                                        "Cannot add request for requested resource: " + recordText(record)}));
     EXPECT_EQ(resource->state(), VelaPowerNodeStates::initial);
     EXPECT_TRUE(resource->moduleActions().isEmpty());
 }
@@ -170,25 +164,40 @@ TEST_F(PowerHandlerRequests, RefusalRecordsNameTheEntryPointThatRefused)
     EXPECT_EQ(targetRecords[1].function, kRequestResource);
 }
 
-TEST_F(PowerHandlerRequests, RefusalWhileARequestRunsLeavesTheQueueRunning)
+TEST_F(PowerHandlerRequests, EveryRefusalWhileARequestRunsLeavesTheQueueRunning)
 {
+    // No module under the power manager's own name: target requests for
+    // registered targets are refused too.
     addModule(QStringLiteral("media"));
     ProbeResource* slow = addResource(Answer::Held);
-    CMReply<QVariant> running = caller("running");
-    handler.requestResource(wish(slow, QStringLiteral("media"), VelaPowerModuleActions::use), running);
+    PowerTarget* target = addTarget();
+    CMReply<QVariant> running = askResource("running", slow, QStringLiteral("media"), VelaPowerModuleActions::use);
     ASSERT_EQ(handler.pendingRequests(), 1);
 
-    CMReply<QVariant> refused;
-    handler.requestResource(wish(makeResource(), QStringLiteral("media"), VelaPowerModuleActions::use), refused);
-    ASSERT_TRUE(refused.isFinished());
-    EXPECT_EQ(refused.error().message().toString(), QStringLiteral("Unknown resource"));
-    EXPECT_EQ(handler.pendingRequests(), 1);
-    EXPECT_FALSE(running.isFinished());
+    const auto expectRefusedAtOnce = [&](auto record, const QString& message) {
+        CMReply<QVariant> refused;
+        send(record, refused);
+        ASSERT_TRUE(refused.isFinished()) << str(message);
+        EXPECT_EQ(refused.error().name(), QStringLiteral("Error"));
+        EXPECT_EQ(refused.error().message().toString(), message);
+        EXPECT_EQ(handler.pendingRequests(), 1) << str(message);
+        EXPECT_FALSE(running.isFinished()) << str(message);
+    };
+    expectRefusedAtOnce(VelaPowerManagerTarget(), QStringLiteral("Incorrect request"));
+    expectRefusedAtOnce(targetRecord(makeTarget()), QStringLiteral("Unknown target"));
+    expectRefusedAtOnce(targetRecord(target), QStringLiteral("Cannot add request for requested target"));
+    expectRefusedAtOnce(VelaPowerManagerResourceRequest(), QStringLiteral("Incorrect request"));
+    expectRefusedAtOnce(wish(makeResource(), QStringLiteral("media"), VelaPowerModuleActions::use),
+                        QStringLiteral("Unknown resource"));
+    expectRefusedAtOnce(wish(slow, QStringLiteral("stranger"), VelaPowerModuleActions::release),
+                        QStringLiteral("Cannot add request for requested resource"));
+    EXPECT_EQ(slow->state(), VelaPowerNodeStates::enabling);
 
     ASSERT_TRUE(answerHeld(onPath(slow)));
     ASSERT_TRUE(waitUntil([&] { return running.isFinished(); }));
     EXPECT_FALSE(running.error().isError());
     EXPECT_EQ(handler.pendingRequests(), 0);
+    EXPECT_EQ(slow->state(), VelaPowerNodeStates::enabled);
 }
 
 // --- Queued wishes -------------------------------------------------------------------------
@@ -216,8 +225,7 @@ TEST_F(PowerHandlerRequests, ResourceRequestActsForTheRecordsModuleWithTheRecord
     addModule(QStringLiteral("media"));
     addModule(QStringLiteral("phone"));
     ProbeResource* resource = addResource();
-    CMReply<QVariant> hold = caller("hold");
-    handler.requestResource(wish(resource, QStringLiteral("phone"), VelaPowerModuleActions::hold), hold);
+    CMReply<QVariant> hold = askResource("hold", resource, QStringLiteral("phone"), VelaPowerModuleActions::hold);
     ASSERT_TRUE(waitUntil([&] { return hold.isFinished(); }));
     EXPECT_EQ(resource->moduleActions(),
               (QHash<QString, VelaPowerModuleActions::Enum>{{QStringLiteral("phone"), VelaPowerModuleActions::hold}}));
@@ -229,8 +237,7 @@ TEST_F(PowerHandlerRequests, TargetRequestActsForThePowerManagerWithHold)
 {
     addPowerManagerModule();
     PowerTarget* target = addTarget();
-    CMReply<QVariant> reply = caller("target");
-    handler.requestTarget(targetRecord(target), reply);
+    CMReply<QVariant> reply = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return reply.isFinished(); }));
     EXPECT_EQ(target->moduleActions(), (QHash<QString, VelaPowerModuleActions::Enum>{
                                            {VelaPowerManagerName(), VelaPowerModuleActions::hold}}));
@@ -239,13 +246,26 @@ TEST_F(PowerHandlerRequests, TargetRequestActsForThePowerManagerWithHold)
 
 TEST_F(PowerHandlerRequests, RequestThatFinishesInsideTheCallStillReachesItsCaller)
 {
+    addPowerManagerModule();
     addModule(QStringLiteral("media"));
     ProbeResource* resource = addResource();
-    CMReply<QVariant> reply = caller("use");
-    handler.requestResource(wish(resource, QStringLiteral("media"), VelaPowerModuleActions::use), reply);
-    ASSERT_TRUE(waitUntil([&] { return reply.isFinished(); }));
-    EXPECT_FALSE(reply.error().isError());
+    PowerTarget* target = addTarget();
+    // Every answer of the platform comes from inside the call, so both
+    // requests run to their end before the entry point returns: the reply
+    // must have been stored before the queue was kicked.
+    CMReply<QVariant> reply = askResource("use", resource, QStringLiteral("media"), VelaPowerModuleActions::use);
+    ASSERT_TRUE(reply.isFinished()) << eventDump();
+    EXPECT_FALSE(reply.error().isError()) << errorText(reply);
     EXPECT_EQ(handler.pendingRequests(), 0);
+    EXPECT_EQ(resource->state(), VelaPowerNodeStates::enabled);
+
+    CMReply<QVariant> toTarget = askTarget("target", target);
+    ASSERT_TRUE(toTarget.isFinished()) << eventDump();
+    EXPECT_FALSE(toTarget.error().isError()) << errorText(toTarget);
+    EXPECT_EQ(handler.pendingRequests(), 0);
+    EXPECT_EQ(m_events, (std::vector<std::string>{writeOn(resource), "answer use ok", "nextTargetChanged " + nameOf(target),
+                                                  "targetChanged " + nameOf(target), "answer target ok"}))
+        << eventDump();
 }
 
 TEST_F(PowerHandlerRequests, TargetRequestOnAnIdleHandlerAnnouncesTheTargetBeforeTheCallReturns)
@@ -254,8 +274,7 @@ TEST_F(PowerHandlerRequests, TargetRequestOnAnIdleHandlerAnnouncesTheTargetBefor
     PowerTarget* target = addTarget();
     ProbeResource* slow = addResource(Answer::Held);
     target->enables(slow);
-    CMReply<QVariant> reply = caller("target");
-    handler.requestTarget(targetRecord(target), reply);
+    CMReply<QVariant> reply = askTarget("target", target);
     EXPECT_EQ(m_events, (std::vector<std::string>{"nextTargetChanged " + nameOf(target), writeOn(slow)}));
     EXPECT_FALSE(reply.isFinished());
 }
@@ -294,11 +313,9 @@ TEST_F(PowerHandlerRequests, TwoTargetRequestsInARowRunInTurnAndEachSuccessAnnou
     first->setReachableTargets({second});
     second->setReachableTargets({first});
 
-    CMReply<QVariant> firstReply = caller("first");
-    handler.requestTarget(targetRecord(first), firstReply);
+    CMReply<QVariant> firstReply = askTarget("first", first);
     EXPECT_EQ(countOf("nextTargetChanged " + nameOf(first)), 1) << "the first request did not start in the call";
-    CMReply<QVariant> secondReply = caller("second");
-    handler.requestTarget(targetRecord(second), secondReply);
+    CMReply<QVariant> secondReply = askTarget("second", second);
     EXPECT_EQ(countOf("nextTargetChanged " + nameOf(second)), 0) << "the second request did not wait";
     EXPECT_EQ(handler.pendingRequests(), 2);
 
@@ -321,10 +338,8 @@ TEST_F(PowerHandlerRequests, FailedTargetRequestAnnouncesOnlyTheNextTarget)
     // From the first target only the first itself can be reached.
     first->setReachableTargets({});
 
-    CMReply<QVariant> firstReply = caller("first");
-    handler.requestTarget(targetRecord(first), firstReply);
-    CMReply<QVariant> secondReply = caller("second");
-    handler.requestTarget(targetRecord(second), secondReply);
+    CMReply<QVariant> firstReply = askTarget("first", first);
+    CMReply<QVariant> secondReply = askTarget("second", second);
     ASSERT_TRUE(waitUntil([&] { return firstReply.isFinished() && secondReply.isFinished(); }));
     EXPECT_FALSE(firstReply.error().isError());
     EXPECT_EQ(secondReply.error().message().toString(), QStringLiteral("Failed to resolve dependencies"));

@@ -157,17 +157,14 @@ TEST_F(PowerHandlerWalkthrough, TargetRequestFromCallToAnswer)
     handler.registerTarget(target);
     watchStates({b0, m1, x1, d, c});
 
-    CMReply<QVariant> useD = caller("speaker uses d");
-    handler.requestResource(wish(d, QStringLiteral("speaker"), VelaPowerModuleActions::use), useD);
-    CMReply<QVariant> useE = caller("radio uses e");
-    handler.requestResource(wish(e, QStringLiteral("radio"), VelaPowerModuleActions::use), useE);
+    CMReply<QVariant> useD = askResource("speaker uses d", d, QStringLiteral("speaker"), VelaPowerModuleActions::use);
+    CMReply<QVariant> useE = askResource("radio uses e", e, QStringLiteral("radio"), VelaPowerModuleActions::use);
     ASSERT_TRUE(waitUntil([&] { return useD.isFinished() && useE.isFinished(); }));
     ASSERT_EQ(d->state(), VelaPowerNodeStates::enabled);
     ASSERT_EQ(c->state(), VelaPowerNodeStates::initial);
     m_events.clear();
 
-    CMReply<QVariant> answer = caller("target");
-    handler.requestTarget(targetRecord(target), answer);
+    CMReply<QVariant> answer = askTarget("target", target);
     ASSERT_TRUE(waitUntil([&] { return answer.isFinished(); }));
 
     const int announced = indexOf("nextTargetChanged " + nameOf(target));
@@ -238,14 +235,12 @@ TEST_F(PowerHandlerWalkthrough, TargetRequestSwitchingFromAnotherTargetReleasesW
     handler.registerTarget(first);
     handler.registerTarget(second);
 
-    CMReply<QVariant> toFirst = caller("first");
-    handler.requestTarget(targetRecord(first), toFirst);
+    CMReply<QVariant> toFirst = askTarget("first", first);
     ASSERT_TRUE(waitUntil([&] { return toFirst.isFinished(); }));
     ASSERT_EQ(onlySecond->state(), VelaPowerNodeStates::disabled) << "cleaned up after the first target";
     m_events.clear();
 
-    CMReply<QVariant> toSecond = caller("second");
-    handler.requestTarget(targetRecord(second), toSecond);
+    CMReply<QVariant> toSecond = askTarget("second", second);
     ASSERT_TRUE(waitUntil([&] { return toSecond.isFinished(); }));
     // The two writes run side by side; their relative order is the graph's.
     ASSERT_EQ(m_events.size(), 5u) << eventDump();

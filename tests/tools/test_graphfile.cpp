@@ -1,6 +1,14 @@
+// The host program's JSON loader: what a file may hold, the defaults of what
+// it leaves out, and the refusals, each naming the place in the file.
+
 #include "graphfile.h"
 
+#include <QFile>
+#include <QTemporaryDir>
+
 #include <gtest/gtest.h>
+
+#include <ostream>
 
 namespace {
 
@@ -16,16 +24,20 @@ QString refusal(const char* json)
 {
     GraphFile graph;
     QString error;
-    EXPECT_FALSE(GraphFile::parse(QByteArray(json), &graph, &error));
+    EXPECT_FALSE(GraphFile::parse(QByteArray(json), &graph, &error)) << json;
+    EXPECT_FALSE(error.isEmpty()) << json;
     return error;
 }
 
 } // namespace
 
+// --- Accepted files ------------------------------------------------------------
+
 TEST(GraphFile, BuiltInNamesKeepTheirPlatformValues)
 {
     const GraphFile graph = parsed(R"({"resources": [{"name": "audio"}], "targets": [{"name": "standby"}]})");
     ASSERT_EQ(graph.resources.size(), 1);
+    ASSERT_EQ(graph.targets.size(), 1);
     EXPECT_EQ(graph.resources.at(0).value, VelaPowerManagerResources::audio);
     EXPECT_EQ(graph.targets.at(0).value, VelaPowerManagerTargets::standby);
 }
@@ -33,10 +45,46 @@ TEST(GraphFile, BuiltInNamesKeepTheirPlatformValues)
 TEST(GraphFile, NewNamesGetFreeValuesAndBecomeTheEnumerationsText)
 {
     const GraphFile graph = parsed(R"({"resources": [{"name": "heater"}, {"name": "fan", "value": 4242}]})");
+    ASSERT_EQ(graph.resources.size(), 2);
     EXPECT_EQ(VelaPowerManagerResources::toString(graph.resources.at(0).value), QStringLiteral("heater"));
     EXPECT_GE(static_cast<int>(graph.resources.at(0).value), 1000);
     EXPECT_EQ(static_cast<int>(graph.resources.at(1).value), 4242);
     EXPECT_EQ(VelaPowerManagerResources::toString(graph.resources.at(1).value), QStringLiteral("fan"));
+}
+
+TEST(GraphFile, NewNamesInOneFileGetDistinctValuesForResourcesAndTargets)
+{
+    const GraphFile graph = parsed(R"({"resources": [{"name": "kettle"}, {"name": "toaster"}],
+                                       "targets": [{"name": "breakfast"}, {"name": "nap"}]})");
+    ASSERT_EQ(graph.resources.size(), 2);
+    ASSERT_EQ(graph.targets.size(), 2);
+    EXPECT_NE(graph.resources.at(0).value, graph.resources.at(1).value);
+    EXPECT_NE(graph.targets.at(0).value, graph.targets.at(1).value);
+    EXPECT_EQ(VelaPowerManagerResources::toString(graph.resources.at(1).value), QStringLiteral("toaster"));
+    EXPECT_EQ(VelaPowerManagerTargets::toString(graph.targets.at(0).value), QStringLiteral("breakfast"));
+    EXPECT_EQ(VelaPowerManagerTargets::toString(graph.targets.at(1).value), QStringLiteral("nap"));
+}
+
+TEST(GraphFile, EmptyObjectIsAnEmptyGraph)
+{
+    const GraphFile graph = parsed("{}");
+    EXPECT_TRUE(graph.modules.isEmpty());
+    EXPECT_TRUE(graph.resources.isEmpty());
+    EXPECT_TRUE(graph.targets.isEmpty());
+    EXPECT_TRUE(graph.platform.isEmpty());
+    EXPECT_TRUE(graph.requests.isEmpty());
+}
+
+TEST(GraphFile, ParsingReplacesWhatTheGraphHeldBefore)
+{
+    GraphFile graph;
+    QString error;
+    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "one"}], "resources": [{"name": "audio"}]})", &graph, &error))
+        << error.toStdString();
+    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "two"}]})", &graph, &error)) << error.toStdString();
+    ASSERT_EQ(graph.modules.size(), 1);
+    EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("two"));
+    EXPECT_TRUE(graph.resources.isEmpty());
 }
 
 TEST(GraphFile, ReadsWritesModulesTimeoutsAndRequests)
@@ -47,24 +95,127 @@ TEST(GraphFile, ReadsWritesModulesTimeoutsAndRequests)
                        "enable": {"path": "/hw/a", "key": "on", "value": true}}],
         "platform": {"/hw/a": {"delayMs": 5}, "/m/r": {"error": "busy"}, "/x": "never"},
         "requests": [{"resource": "audio", "module": "media", "action": "release", "atMs": 7}]})");
+    ASSERT_EQ(graph.resources.size(), 1);
     const GraphFile::Resource& audio = graph.resources.at(0);
     EXPECT_EQ(audio.timeoutMs, 0);
     EXPECT_TRUE(audio.enable.present);
     EXPECT_FALSE(audio.disable.present);
     EXPECT_EQ(audio.enable.path, QStringLiteral("/hw/a"));
+    EXPECT_EQ(audio.enable.key, QStringLiteral("on"));
     EXPECT_EQ(audio.enable.value, QVariant(true));
     ASSERT_EQ(audio.modules.size(), 1);
+    EXPECT_EQ(audio.modules.at(0).first, QStringLiteral("media"));
     EXPECT_EQ(audio.modules.at(0).second, VelaPowerModuleActions::use);
+    ASSERT_EQ(graph.modules.size(), 1);
+    EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("media"));
     EXPECT_EQ(graph.modules.at(0).revokePath, QStringLiteral("/m/r"));
     EXPECT_TRUE(graph.modules.at(0).postRevokePath.isEmpty());
+    EXPECT_EQ(graph.platform.size(), 3);
     EXPECT_EQ(graph.platform.value("/hw/a").kind, GraphFile::Answer::Delayed);
     EXPECT_EQ(graph.platform.value("/hw/a").delayMs, 5);
     EXPECT_EQ(graph.platform.value("/m/r").kind, GraphFile::Answer::Error);
+    EXPECT_EQ(graph.platform.value("/m/r").error, QStringLiteral("busy"));
     EXPECT_EQ(graph.platform.value("/x").kind, GraphFile::Answer::Never);
     ASSERT_EQ(graph.requests.size(), 1);
+    EXPECT_EQ(graph.requests.at(0).kind, GraphFile::Request::Resource);
+    EXPECT_EQ(graph.requests.at(0).name, QStringLiteral("audio"));
+    EXPECT_EQ(graph.requests.at(0).module, QStringLiteral("media"));
     EXPECT_EQ(graph.requests.at(0).action, VelaPowerModuleActions::release);
     EXPECT_EQ(graph.requests.at(0).atMs, 7);
 }
+
+TEST(GraphFile, LeftOutFieldsTakeTheirDefaults)
+{
+    const GraphFile graph = parsed(R"({
+        "modules": [{"name": "media"}],
+        "resources": [{"name": "audio"}],
+        "targets": [{"name": "standby"}],
+        "requests": [{"target": "standby"}]})");
+    ASSERT_EQ(graph.modules.size(), 1);
+    EXPECT_TRUE(graph.modules.at(0).revokePath.isEmpty());
+    EXPECT_TRUE(graph.modules.at(0).postRevokePath.isEmpty());
+    ASSERT_EQ(graph.resources.size(), 1);
+    const GraphFile::Resource& audio = graph.resources.at(0);
+    EXPECT_EQ(audio.timeoutMs, 5000);
+    EXPECT_FALSE(audio.enable.present);
+    EXPECT_FALSE(audio.disable.present);
+    EXPECT_TRUE(audio.required.isEmpty());
+    EXPECT_TRUE(audio.modules.isEmpty());
+    ASSERT_EQ(graph.targets.size(), 1);
+    const GraphFile::Target& standby = graph.targets.at(0);
+    EXPECT_TRUE(standby.enables.isEmpty());
+    EXPECT_TRUE(standby.disables.isEmpty());
+    EXPECT_TRUE(standby.reachable.isEmpty());
+    EXPECT_FALSE(standby.reachableGiven);
+    ASSERT_EQ(graph.requests.size(), 1);
+    const GraphFile::Request& request = graph.requests.at(0);
+    EXPECT_EQ(request.kind, GraphFile::Request::Target);
+    EXPECT_EQ(request.name, QStringLiteral("standby"));
+    EXPECT_TRUE(request.module.isEmpty());
+    EXPECT_EQ(request.atMs, 0);
+}
+
+TEST(GraphFile, EdgesReachableTargetsAndStartingActionsAreReadInOrder)
+{
+    const GraphFile graph = parsed(R"({
+        "resources": [{"name": "audio"}, {"name": "display"},
+                      {"name": "speaker", "requires": ["audio", "display"],
+                       "modules": {"media": "hold", "phone": "release"},
+                       "disable": {"path": "/hw/s", "key": "on", "value": 0}}],
+        "targets": [{"name": "standby", "enables": ["audio"], "disables": ["display", "speaker"],
+                     "reachable": []},
+                    {"name": "active", "reachable": ["standby", "active"]}]})");
+    ASSERT_EQ(graph.resources.size(), 3);
+    const GraphFile::Resource& speaker = graph.resources.at(2);
+    EXPECT_EQ(speaker.required, (QStringList{"audio", "display"}));
+    ASSERT_EQ(speaker.modules.size(), 2);
+    EXPECT_EQ(speaker.modules.at(0), qMakePair(QStringLiteral("media"), VelaPowerModuleActions::hold));
+    EXPECT_EQ(speaker.modules.at(1), qMakePair(QStringLiteral("phone"), VelaPowerModuleActions::release));
+    EXPECT_TRUE(speaker.disable.present);
+    EXPECT_EQ(speaker.disable.path, QStringLiteral("/hw/s"));
+    EXPECT_EQ(speaker.disable.value.toInt(), 0);
+    ASSERT_EQ(graph.targets.size(), 2);
+    EXPECT_EQ(graph.targets.at(0).enables, (QStringList{"audio"}));
+    EXPECT_EQ(graph.targets.at(0).disables, (QStringList{"display", "speaker"}));
+    // An empty list given is not the same as no list.
+    EXPECT_TRUE(graph.targets.at(0).reachableGiven);
+    EXPECT_TRUE(graph.targets.at(0).reachable.isEmpty());
+    EXPECT_TRUE(graph.targets.at(1).reachableGiven);
+    EXPECT_EQ(graph.targets.at(1).reachable, (QStringList{"standby", "active"}));
+}
+
+TEST(GraphFile, EveryFormOfPlatformAnswerIsRead)
+{
+    const GraphFile graph = parsed(R"({"platform": {
+        "/now": "immediate", "/never": "never", "/absent": "absent",
+        "/late": {"delayMs": 0}, "/slowError": {"error": "busy", "delayMs": 3}}})");
+    ASSERT_EQ(graph.platform.size(), 5);
+    EXPECT_EQ(graph.platform.value("/now").kind, GraphFile::Answer::Immediate);
+    EXPECT_EQ(graph.platform.value("/never").kind, GraphFile::Answer::Never);
+    EXPECT_EQ(graph.platform.value("/absent").kind, GraphFile::Answer::Absent);
+    EXPECT_EQ(graph.platform.value("/late").kind, GraphFile::Answer::Delayed);
+    EXPECT_EQ(graph.platform.value("/late").delayMs, 0);
+    EXPECT_EQ(graph.platform.value("/slowError").kind, GraphFile::Answer::Error);
+    EXPECT_EQ(graph.platform.value("/slowError").error, QStringLiteral("busy"));
+    EXPECT_EQ(graph.platform.value("/slowError").delayMs, 3);
+}
+
+TEST(GraphFile, EveryActionNameIsReadForRequests)
+{
+    const GraphFile graph = parsed(R"({"resources": [{"name": "audio"}], "requests": [
+        {"resource": "audio", "module": "m", "action": "hold"},
+        {"resource": "audio", "module": "m", "action": "use"},
+        {"resource": "audio", "module": "m", "action": "release"}]})");
+    ASSERT_EQ(graph.requests.size(), 3);
+    EXPECT_EQ(graph.requests.at(0).action, VelaPowerModuleActions::hold);
+    EXPECT_EQ(graph.requests.at(1).action, VelaPowerModuleActions::use);
+    EXPECT_EQ(graph.requests.at(2).action, VelaPowerModuleActions::release);
+}
+
+// --- Refusals --------------------------------------------------------------------
+//
+// The names of the enumerations are shared by the whole program: a name given
+// with an explicit value is used by one test only.
 
 TEST(GraphFile, RefusalsNameThePlaceInTheFile)
 {
@@ -87,4 +238,167 @@ TEST(GraphFile, TwoValuesCannotShareOneName)
 {
     EXPECT_EQ(refusal(R"({"resources": [{"name": "wifi", "value": 77}]})"),
               QStringLiteral("resources[0].name: the name \"wifi\" already stands for another value"));
+}
+
+namespace {
+
+struct RefusedFile {
+    const char* what;
+    const char* json;
+    const char* message;
+};
+
+void PrintTo(const RefusedFile& file, std::ostream* out)
+{
+    *out << file.what;
+}
+
+class GraphFileRefusal : public ::testing::TestWithParam<RefusedFile>
+{
+};
+
+const RefusedFile kRefusedFiles[] = {
+    {"NotAnObject", "[]", "the file must hold one JSON object"},
+    {"UnknownTopLevelKey", R"({"nodes": []})",
+     "nodes: unknown key (expected one of: modules, resources, targets, platform, requests)"},
+    {"UnknownKeyInATarget", R"({"targets": [{"name": "t", "enabled": []}]})",
+     "targets[0].enabled: unknown key (expected one of: name, value, enables, disables, reachable)"},
+    {"UnknownKeyInAWrite", R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": 1, "x": 0}}]})",
+     "resources[0].enable.x: unknown key (expected one of: path, key, value)"},
+    {"ListThatIsNoArray", R"({"modules": {}})", "modules: expected an array"},
+    {"EntryThatIsNoObject", R"({"resources": [1]})", "resources[0]: expected an object"},
+    {"ModuleWithoutName", R"({"modules": [{"revokePath": "/r"}]})", "modules[0]: missing \"name\""},
+    {"ModuleWithAnEmptyName", R"({"modules": [{"name": ""}]})", "modules[0].name: expected a non-empty string"},
+    {"ModuleWithANumberForName", R"({"modules": [{"name": 3}]})", "modules[0].name: expected a non-empty string"},
+    {"RevokePathThatIsNoString", R"({"modules": [{"name": "m", "revokePath": 1}]})",
+     "modules[0].revokePath: expected a non-empty string"},
+    {"ModuleListedTwice", R"({"modules": [{"name": "m"}, {"name": "m"}]})",
+     "modules[1].name: module \"m\" is listed twice"},
+    {"TargetListedTwice", R"({"targets": [{"name": "t"}, {"name": "t"}]})",
+     "targets[1].name: target \"t\" is listed twice"},
+    {"ValueUsedTwice", R"({"resources": [{"name": "twiceA", "value": 4100}, {"name": "twiceB", "value": 4100}]})",
+     "resources[1].value: value 4100 is used twice"},
+    {"NegativeValue", R"({"targets": [{"name": "t", "value": -2}]})", "targets[0].value: expected an integer >= 0"},
+    {"FractionalTimeout", R"({"resources": [{"name": "a", "timeoutMs": 1.5}]})",
+     "resources[0].timeoutMs: expected an integer >= 0"},
+    {"TimeoutAsText", R"({"resources": [{"name": "a", "timeoutMs": "5"}]})",
+     "resources[0].timeoutMs: expected an integer >= 0"},
+    {"TimeoutBeyondTheIntegerRange", R"({"resources": [{"name": "a", "timeoutMs": 1e10}]})",
+     "resources[0].timeoutMs: expected an integer >= 0"},
+    {"WriteThatIsNoObject", R"({"resources": [{"name": "a", "disable": "/p"}]})",
+     "resources[0].disable: expected an object"},
+    {"WriteWithoutPath", R"({"resources": [{"name": "a", "enable": {"key": "k", "value": 1}}]})",
+     "resources[0].enable: missing \"path\""},
+    {"WriteWithoutKey", R"({"resources": [{"name": "a", "enable": {"path": "/p", "value": 1}}]})",
+     "resources[0].enable: missing \"key\""},
+    {"RequirementsThatAreNoArray", R"({"resources": [{"name": "a", "requires": "b"}]})",
+     "resources[0].requires: expected an array"},
+    {"RequirementThatIsNoName", R"({"resources": [{"name": "a", "requires": [1]}]})",
+     "resources[0].requires[0]: expected a name"},
+    {"UnknownRequirement", R"({"resources": [{"name": "a"}, {"name": "b", "requires": ["a", "c"]}]})",
+     "resources[1].requires[1]: unknown resource \"c\""},
+    {"StartingActionsThatAreNoObject", R"({"resources": [{"name": "a", "modules": ["m"]}]})",
+     "resources[0].modules: expected an object"},
+    {"UnknownStartingAction", R"({"resources": [{"name": "a", "modules": {"m": "grab"}}]})",
+     "resources[0].modules.m: expected one of \"hold\", \"use\", \"release\""},
+    {"TargetEnablingAnUnknownResource", R"({"targets": [{"name": "t", "enables": ["x"]}]})",
+     "targets[0].enables[0]: unknown resource \"x\""},
+    {"TargetDisablingAnUnknownResource", R"({"resources": [{"name": "a"}], "targets": [{"name": "t", "disables": ["a", "x"]}]})",
+     "targets[0].disables[1]: unknown resource \"x\""},
+    {"PlatformThatIsNoObject", R"({"platform": []})", "platform: expected an object"},
+    {"UnknownAnswerWord", R"({"platform": {"/p": "sometimes"}})",
+     "platform./p: expected \"immediate\", \"never\", \"absent\", {\"delayMs\": n} or {\"error\": \"text\"}"},
+    {"AnswerWithoutDelayOrError", R"({"platform": {"/p": {}}})", "platform./p: missing \"delayMs\" or \"error\""},
+    {"AnswerWithANegativeDelay", R"({"platform": {"/p": {"delayMs": -1}}})",
+     "platform./p.delayMs: expected an integer >= 0"},
+    {"AnswerWithAnEmptyError", R"({"platform": {"/p": {"error": ""}}})",
+     "platform./p.error: expected a non-empty string"},
+    {"AnswerWithAnUnknownKey", R"({"platform": {"/p": {"delay": 1}}})",
+     "platform./p.delay: unknown key (expected one of: delayMs, error)"},
+    {"RequestNamingNeither", R"({"requests": [{"atMs": 1}]})",
+     "requests[0]: give exactly one of \"target\" and \"resource\""},
+    {"ResourceRequestWithoutModule", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "action": "use"}]})",
+     "requests[0]: missing \"module\""},
+    {"ResourceRequestWithoutAction", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m"}]})",
+     "requests[0].action: expected one of \"hold\", \"use\", \"release\""},
+    {"RequestAtANegativeTime", R"({"targets": [{"name": "t"}], "requests": [{"target": "t", "atMs": -3}]})",
+     "requests[0].atMs: expected an integer >= 0"},
+};
+
+} // namespace
+
+TEST_P(GraphFileRefusal, NamesThePlaceAndWhatIsWrongThere)
+{
+    EXPECT_EQ(refusal(GetParam().json).toStdString(), GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(Refused, GraphFileRefusal, ::testing::ValuesIn(kRefusedFiles),
+                         [](const ::testing::TestParamInfo<RefusedFile>& info) { return info.param.what; });
+
+TEST(GraphFile, RequestsForNodesTheFileDoesNotDefineAreRefused)
+{
+    // The place names the request and the field that holds the name.
+    const QString target = refusal(R"({"targets": [{"name": "t"}], "requests": [{"target": "u"}]})");
+    EXPECT_TRUE(target.startsWith("requests[0].target")) << target.toStdString();
+    EXPECT_TRUE(target.endsWith(": unknown target \"u\"")) << target.toStdString();
+    const QString resource =
+        refusal(R"({"resources": [{"name": "a"}], "requests": [{"target": "t"}]})");
+    EXPECT_TRUE(resource.startsWith("requests[0].target")) << resource.toStdString();
+    const QString unknownResource = refusal(
+        R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m", "action": "use"},
+                                                       {"resource": "b", "module": "m", "action": "use"}]})");
+    EXPECT_TRUE(unknownResource.startsWith("requests[1].resource")) << unknownResource.toStdString();
+    EXPECT_TRUE(unknownResource.endsWith(": unknown resource \"b\"")) << unknownResource.toStdString();
+}
+
+TEST(GraphFile, ResourceRequestsMayNameModulesTheFileDoesNotList)
+{
+    // Left to the handler, which refuses them: a scenario can show that refusal.
+    const GraphFile graph = parsed(R"({"modules": [{"name": "media"}], "resources": [{"name": "audio"}],
+        "requests": [{"resource": "audio", "module": "camera-app", "action": "use"}]})");
+    ASSERT_EQ(graph.requests.size(), 1);
+    EXPECT_EQ(graph.requests.at(0).module, QStringLiteral("camera-app"));
+}
+
+// --- Files --------------------------------------------------------------------------
+
+TEST(GraphFile, LoadReadsAFile)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString name = dir.filePath("graph.json");
+    QFile file(name);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(R"({"modules": [{"name": "media"}], "resources": [{"name": "audio"}]})");
+    file.close();
+
+    GraphFile graph;
+    QString error;
+    ASSERT_TRUE(GraphFile::load(name, &graph, &error)) << error.toStdString();
+    ASSERT_EQ(graph.modules.size(), 1);
+    EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("media"));
+    ASSERT_EQ(graph.resources.size(), 1);
+    EXPECT_EQ(graph.resources.at(0).value, VelaPowerManagerResources::audio);
+}
+
+TEST(GraphFile, LoadRefusalsStartWithTheFileName)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString broken = dir.filePath("broken.json");
+    QFile file(broken);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(R"({"resources": [{"name": "a", "timeoutMs": -1}]})");
+    file.close();
+
+    GraphFile graph;
+    QString error;
+    EXPECT_FALSE(GraphFile::load(broken, &graph, &error));
+    EXPECT_EQ(error, broken + ": resources[0].timeoutMs: expected an integer >= 0");
+
+    const QString missing = dir.filePath("missing.json");
+    error.clear();
+    EXPECT_FALSE(GraphFile::load(missing, &graph, &error));
+    EXPECT_TRUE(error.startsWith(missing + ": ")) << error.toStdString();
+    EXPECT_GT(error.size(), missing.size() + 2) << "no reason given";
 }
