@@ -6,6 +6,10 @@
 #include <QJsonObject>
 #include <QSet>
 
+#include <cmath>
+#include <functional>
+#include <limits>
+
 namespace {
 
 // A parse failure: where in the file, and what is wrong there.
@@ -22,13 +26,19 @@ public:
     bool parse(const QJsonObject& root, Failure* failure)
     {
         m_failure = failure;
-        return checkKeys(root, {"modules", "resources", "targets", "platform", "requests"}, QString())
+        const bool valid = checkKeys(root, {"modules", "resources", "targets", "platform", "requests"}, QString())
             && parseModules(root.value("modules"))
             && parseResources(root.value("resources"))
             && parseTargets(root.value("targets"))
             && parsePlatform(root.value("platform"))
             && parseRequests(root.value("requests"))
             && checkReferences();
+        // Names are process-wide: only a file that is valid as a whole gives any.
+        if (valid) {
+            for (const auto& naming : qAsConst(m_namings))
+                naming();
+        }
+        return valid;
     }
 
 private:
@@ -88,7 +98,8 @@ private:
         if (value.isUndefined())
             return true;
         const double number = value.toDouble(-1.0);
-        if (!value.isDouble() || number != static_cast<double>(static_cast<int>(number)) || number < minimum)
+        if (!value.isDouble() || number < minimum || number > std::numeric_limits<int>::max()
+            || number != std::floor(number))
             return fail(where + "." + key, QStringLiteral("expected an integer >= %1").arg(minimum));
         *out = static_cast<int>(number);
         return true;
@@ -197,9 +208,11 @@ private:
         }
         if (used->contains(number))
             return fail(where + ".value", QStringLiteral("value %1 is used twice").arg(number));
-        if (Enumeration::toString(static_cast<Enum>(number)) != name
-            && !Enumeration::registerName(static_cast<Enum>(number), name))
+        Enum named;
+        if (Enumeration::fromString(name, &named) && named != number)
             return fail(where + ".name", "the name \"" + name + "\" already stands for another value");
+        if (Enumeration::toString(static_cast<Enum>(number)) != name)
+            m_namings.append([number, name]() { Enumeration::registerName(static_cast<Enum>(number), name); });
         used->insert(number);
         *out = static_cast<Enum>(number);
         return true;
@@ -336,7 +349,8 @@ private:
     }
 
     // Edges, reachable targets and requests may only name what the file
-    // defines; resource requests only name registered modules.
+    // defines. A resource request may name a module the file does not list:
+    // the handler then refuses it, which is part of what a scenario shows.
     bool checkReferences()
     {
         for (int i = 0; i < m_graph->resources.size(); ++i) {
@@ -354,17 +368,17 @@ private:
         }
         for (int i = 0; i < m_graph->requests.size(); ++i) {
             const GraphFile::Request& request = m_graph->requests.at(i);
-            const QString where = QStringLiteral("requests[%1]").arg(i);
             const bool isTarget = request.kind == GraphFile::Request::Target;
-            if (!checkNames({request.name}, isTarget ? m_targetNames : m_resourceNames,
-                            where + (isTarget ? ".target" : ".resource"), isTarget ? "target" : "resource"))
-                return false;
+            if (!(isTarget ? m_targetNames : m_resourceNames).contains(request.name))
+                return fail(QStringLiteral("requests[%1].%2").arg(i).arg(isTarget ? "target" : "resource"),
+                            QStringLiteral("unknown %1 \"%2\"").arg(isTarget ? "target" : "resource", request.name));
         }
         return true;
     }
 
     GraphFile* m_graph;
     Failure* m_failure = nullptr;
+    QList<std::function<void()>> m_namings;
     QSet<QString> m_moduleNames;
     QSet<QString> m_resourceNames;
     QSet<QString> m_targetNames;

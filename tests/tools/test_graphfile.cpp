@@ -339,16 +339,34 @@ TEST(GraphFile, RequestsForNodesTheFileDoesNotDefineAreRefused)
 {
     // The place names the request and the field that holds the name.
     const QString target = refusal(R"({"targets": [{"name": "t"}], "requests": [{"target": "u"}]})");
-    EXPECT_TRUE(target.startsWith("requests[0].target")) << target.toStdString();
-    EXPECT_TRUE(target.endsWith(": unknown target \"u\"")) << target.toStdString();
+    EXPECT_EQ(target, QStringLiteral("requests[0].target: unknown target \"u\""));
     const QString resource =
         refusal(R"({"resources": [{"name": "a"}], "requests": [{"target": "t"}]})");
     EXPECT_TRUE(resource.startsWith("requests[0].target")) << resource.toStdString();
     const QString unknownResource = refusal(
         R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m", "action": "use"},
                                                        {"resource": "b", "module": "m", "action": "use"}]})");
-    EXPECT_TRUE(unknownResource.startsWith("requests[1].resource")) << unknownResource.toStdString();
-    EXPECT_TRUE(unknownResource.endsWith(": unknown resource \"b\"")) << unknownResource.toStdString();
+    EXPECT_EQ(unknownResource, QStringLiteral("requests[1].resource: unknown resource \"b\""));
+}
+
+TEST(GraphFile, RefusedFileGivesNoNames)
+{
+    refusal(R"({"resources": [{"name": "kettle"}], "targets": [{"name": "brewing", "value": 77}],
+               "requests": [{"target": "nowhere"}]})");
+    VelaPowerManagerResources::Enum resource;
+    VelaPowerManagerTargets::Enum target;
+    EXPECT_FALSE(VelaPowerManagerResources::fromString(QStringLiteral("kettle"), &resource));
+    EXPECT_FALSE(VelaPowerManagerTargets::fromString(QStringLiteral("brewing"), &target));
+    EXPECT_EQ(VelaPowerManagerTargets::toString(static_cast<VelaPowerManagerTargets::Enum>(77)),
+              QStringLiteral("target77"));
+}
+
+TEST(GraphFile, ValuesBeyondTheIntegerRangeAreRefused)
+{
+    EXPECT_EQ(refusal(R"({"resources": [{"name": "a", "timeoutMs": 3000000000}]})"),
+              QStringLiteral("resources[0].timeoutMs: expected an integer >= 0"));
+    EXPECT_EQ(refusal(R"({"resources": [{"name": "a", "timeoutMs": 2.5}]})"),
+              QStringLiteral("resources[0].timeoutMs: expected an integer >= 0"));
 }
 
 TEST(GraphFile, ResourceRequestsMayNameModulesTheFileDoesNotList)
