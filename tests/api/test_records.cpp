@@ -15,10 +15,12 @@
 #include <QHash>
 #include <QMetaType>
 #include <QSet>
+#include <QStringList>
 #include <QVariant>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace {
@@ -29,6 +31,24 @@ std::string streamed(const T& value)
     std::ostringstream out;
     out << value;
     return out.str();
+}
+
+// Every built-in value of a target or resource enumeration from `first` to
+// `last` has its own non-empty name, which parses back to the value.
+template <typename Holder>
+void expectBuiltInNamesRoundTrip(typename Holder::Enum first, typename Holder::Enum last, int expectedNames)
+{
+    QSet<QString> names;
+    for (int value = first; value <= last; ++value) {
+        const auto named = static_cast<typename Holder::Enum>(value);
+        const QString name = Holder::toString(named);
+        EXPECT_FALSE(name.isEmpty()) << value;
+        names.insert(name);
+        auto parsed = static_cast<typename Holder::Enum>(-1);
+        ASSERT_TRUE(Holder::fromString(name, &parsed)) << name.toStdString();
+        EXPECT_EQ(parsed, named);
+    }
+    EXPECT_EQ(names.size(), expectedNames);
 }
 
 } // namespace
@@ -98,32 +118,15 @@ TEST(Enumerations, MessageTypeTexts)
 
 TEST(Enumerations, BuiltInTargetNamesRoundTrip)
 {
-    QSet<QString> names;
-    for (int value = VelaPowerManagerTargets::off; value <= VelaPowerManagerTargets::performance; ++value) {
-        const auto target = static_cast<VelaPowerManagerTargets::Enum>(value);
-        const QString name = VelaPowerManagerTargets::toString(target);
-        EXPECT_FALSE(name.isEmpty());
-        names.insert(name);
-        VelaPowerManagerTargets::Enum parsed = static_cast<VelaPowerManagerTargets::Enum>(-1);
-        ASSERT_TRUE(VelaPowerManagerTargets::fromString(name, &parsed)) << name.toStdString();
-        EXPECT_EQ(parsed, target);
-    }
-    EXPECT_EQ(names.size(), 5);
+    expectBuiltInNamesRoundTrip<VelaPowerManagerTargets>(VelaPowerManagerTargets::off,
+                                                         VelaPowerManagerTargets::performance, 5);
     EXPECT_EQ(VelaPowerManagerTargets::toString(VelaPowerManagerTargets::standby), QStringLiteral("standby"));
 }
 
 TEST(Enumerations, BuiltInResourceNamesRoundTrip)
 {
-    QSet<QString> names;
-    for (int value = VelaPowerManagerResources::display; value <= VelaPowerManagerResources::sensors; ++value) {
-        const auto resource = static_cast<VelaPowerManagerResources::Enum>(value);
-        const QString name = VelaPowerManagerResources::toString(resource);
-        names.insert(name);
-        VelaPowerManagerResources::Enum parsed = static_cast<VelaPowerManagerResources::Enum>(-1);
-        ASSERT_TRUE(VelaPowerManagerResources::fromString(name, &parsed)) << name.toStdString();
-        EXPECT_EQ(parsed, resource);
-    }
-    EXPECT_EQ(names.size(), 12);
+    expectBuiltInNamesRoundTrip<VelaPowerManagerResources>(VelaPowerManagerResources::display,
+                                                           VelaPowerManagerResources::sensors, 12);
     EXPECT_EQ(VelaPowerManagerResources::toString(VelaPowerManagerResources::wifi), QStringLiteral("wifi"));
 }
 
@@ -215,7 +218,6 @@ TEST(Enumerations, PowerManagerModuleName)
 {
     EXPECT_FALSE(VelaPowerManagerName().isEmpty());
     EXPECT_EQ(VelaPowerManagerName(), QStringLiteral("PowerManager"));
-    EXPECT_EQ(VelaPowerManagerName(), VelaPowerManagerName());
 }
 
 // --- Records ------------------------------------------------------------------
@@ -354,9 +356,17 @@ TEST(Records, RevokeMessageStreamsAsSortedMap)
     EXPECT_EQ(text.back(), '}');
     EXPECT_NE(text.find("media"), std::string::npos) << text;
     EXPECT_NE(text.find("[2, 5]"), std::string::npos) << text;
-    // The same record prints the same line every time.
-    const VelaPowerManagerRevokeMessage copy = message;
-    EXPECT_EQ(streamed(copy), text);
+    // Its fields print in the order of their sorted keys, whatever the keys are.
+    QStringList keys = message.keys();
+    std::sort(keys.begin(), keys.end());
+    ASSERT_EQ(keys.size(), 3);
+    std::size_t previous = 0;
+    for (const QString& key : qAsConst(keys)) {
+        const std::size_t position = text.find(key.toStdString() + ": ");
+        ASSERT_NE(position, std::string::npos) << key.toStdString() << " in " << text;
+        EXPECT_GT(position, previous) << key.toStdString() << " in " << text;
+        previous = position;
+    }
 }
 
 // --- VelaHash and VelaList ------------------------------------------------------

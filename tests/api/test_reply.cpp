@@ -17,12 +17,19 @@
 #include <climits>
 #include <memory>
 #include <optional>
+#include <type_traits>
+#include <utility>
 
 namespace {
 
 CMError failure(const QString& name, const QString& message)
 {
     return CMError(name, TrString(message));
+}
+
+CMReplyData<QVariant>* dataOf(const CMReply<QVariant>& reply)
+{
+    return static_cast<CMReplyData<QVariant>*>(reply.data());
 }
 
 // Reply data that reports its own destruction.
@@ -34,6 +41,26 @@ public:
 
 private:
     bool* m_destroyed;
+};
+
+// Reply data that counts the calls reaching its overrides of the value getter
+// and of the QVariant setter.
+class InterceptingData : public CMReplyData<QVariant>
+{
+public:
+    QVariant value() override
+    {
+        ++valueCalls;
+        return CMReplyData<QVariant>::value();
+    }
+    void setVariant(const QVariant& value) override
+    {
+        ++setVariantCalls;
+        CMReplyData<QVariant>::setVariant(value);
+    }
+
+    int valueCalls = 0;
+    int setVariantCalls = 0;
 };
 
 } // namespace
@@ -204,13 +231,25 @@ TEST(Reply, VoidSetErrorFinishesWithTheError)
     EXPECT_EQ(seen, error);
 }
 
-TEST(Reply, ValueGetterReturnsACopyOfTheFinishedValue)
+TEST(Reply, ValueGettersReturnACopyThatOutlivesTheReply)
 {
-    CMReply<QVariant> reply;
-    reply.setValue(QVariantList{1, QStringLiteral("two")});
-    QVariant copy = reply.value();
-    copy = QStringLiteral("changed");
-    EXPECT_EQ(reply.value(), QVariant(QVariantList{1, QStringLiteral("two")}));
+    // Neither getter hands out a reference into the reply data.
+    static_assert(std::is_same<decltype(std::declval<CMReplyData<QVariant>&>().value()), QVariant>::value,
+                  "the value getter of the data returns a copy");
+    static_assert(std::is_same<decltype(std::declval<const CMReply<QVariant>&>().value()), QVariant>::value,
+                  "the value getter of the handle returns a copy");
+
+    bool destroyed = false;
+    std::optional<CMReply<QVariant>> reply{CMReply<QVariant>(new TrackedData(&destroyed))};
+    reply->setValue(QVariantList{1, QStringLiteral("two")});
+    const auto& fromData = dataOf(*reply)->value();
+    const auto& fromHandle = reply->value();
+    reply.reset();
+
+    // The copies stay valid once the reply data is gone.
+    ASSERT_TRUE(destroyed);
+    EXPECT_EQ(fromData, QVariant(QVariantList{1, QStringLiteral("two")}));
+    EXPECT_EQ(fromHandle, QVariant(QVariantList{1, QStringLiteral("two")}));
 }
 
 TEST(Reply, TypedViewOfUntypedHandleReadsTheValue)
@@ -291,6 +330,28 @@ TEST(Reply, WatchersRunAfterTheReplyLockIsReleased)
     reply.onFinished(checkLock, Qt::DirectConnection);
     reply.setValue(1);
     EXPECT_EQ(watchersSeeingFreeLock, 2);
+}
+
+TEST(Reply, WatchersOfAnErrorOrVoidFinishRunAfterTheReplyLockIsReleased)
+{
+    // The other two ways to finish: an error, and success without a value.
+    CMReply<QVariant> failed;
+    CMReply<void> done;
+    int watchersSeeingFreeLock = 0;
+    const auto checkLock = [&](const CMVoidReply& finished) {
+        if (finished.data()->m_mutex.tryLock()) {
+            finished.data()->m_mutex.unlock();
+            ++watchersSeeingFreeLock;
+        }
+    };
+    for (const CMVoidReply& reply : {CMVoidReply(failed), CMVoidReply(done)}) {
+        reply.addWatcher(nullptr, checkLock);
+        reply.addWatcher(nullptr, checkLock, Qt::DirectConnection);
+    }
+    failed.setError(failure(QStringLiteral("org.test.Locked"), QStringLiteral("finished with an error")));
+    EXPECT_EQ(watchersSeeingFreeLock, 2);
+    done.setValue();
+    EXPECT_EQ(watchersSeeingFreeLock, 4);
 }
 
 TEST(Reply, WatcherReadsItsOwnReplyWithoutDeadlock)
@@ -467,21 +528,18 @@ TEST(Reply, SetVariantUnwrapsNestedVariant)
 
     int runs = 0;
     reply.onFinished([&](const CMReply<QVariant>&) { ++runs; });
-    CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
-    data->setVariant(outer);
+    dataOf(reply)->setVariant(outer);
 
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(reply.value().userType(), static_cast<int>(QMetaType::QString));
     EXPECT_EQ(reply.value().toString(), QStringLiteral("inner text"));
 }
 
-TEST(Reply, SetVariantIsVirtualAndStoresPlainVariantAsIs)
+TEST(Reply, SetVariantStoresPlainVariantAsIs)
 {
     CMReply<QVariant> reply;
-    // Reached through the base of the typed data, as a generic finisher would.
-    CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
     const QVariant plain = QVariantHash{{QStringLiteral("key"), 4}};
-    data->setVariant(plain);
+    dataOf(reply)->setVariant(plain);
     EXPECT_TRUE(reply.isFinished());
     EXPECT_EQ(reply.value(), plain);
 }
@@ -489,11 +547,10 @@ TEST(Reply, SetVariantIsVirtualAndStoresPlainVariantAsIs)
 TEST(Reply, SetVariantFinishesOnlyOnce)
 {
     CMReply<QVariant> reply;
-    CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
     int runs = 0;
     reply.onFinished([&](const CMReply<QVariant>&) { ++runs; });
-    data->setVariant(QVariant(1));
-    data->setVariant(QVariant(2));
+    dataOf(reply)->setVariant(QVariant(1));
+    dataOf(reply)->setVariant(QVariant(2));
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(reply.value().toInt(), 1);
 }
@@ -506,12 +563,19 @@ TEST(Reply, SetVariantOfOtherTypedDataConvertsTheVariant)
     EXPECT_EQ(reply.value(), 41);
 }
 
-TEST(Reply, VirtualValueGetterOfData)
+TEST(Reply, ValueGetterAndVariantSetterOfTheDataAreVirtual)
 {
-    CMReply<QVariant> reply;
-    reply.setValue(8);
-    CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
-    EXPECT_EQ(data->value().toInt(), 8);
+    auto* data = new InterceptingData;
+    const CMReply<QVariant> reply(data);
+    CMReplyData<QVariant>* base = data;
+
+    base->setVariant(QVariant(8));
+    EXPECT_EQ(data->setVariantCalls, 1);
+    EXPECT_EQ(base->value().toInt(), 8);
+    EXPECT_EQ(data->valueCalls, 1);
+    // The handle's getter goes through the same virtual getter.
+    EXPECT_EQ(reply.value().toInt(), 8);
+    EXPECT_EQ(data->valueCalls, 2);
 }
 
 // --- whenAllFinished ------------------------------------------------------------

@@ -14,11 +14,17 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -78,6 +84,110 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_condition;
     bool m_open = false;
+};
+
+// Runs `work` with the indices 0 to count - 1 on that many threads, released
+// together so that they race, and joins them. Each thread runs its own copy
+// of `work`.
+void raceOnThreads(int count, const std::function<void(int)>& work)
+{
+    StartGate gate;
+    std::vector<std::thread> racers;
+    for (int i = 0; i < count; ++i) {
+        racers.emplace_back([&gate, work, i] {
+            gate.wait();
+            work(i);
+        });
+    }
+    gate.open();
+    for (std::thread& racer : racers)
+        racer.join();
+}
+
+// Whether the thread with this id is asleep in the kernel (blocked on a wait
+// condition, for instance). Reads /proc; when that cannot be read the answer
+// is yes, which only lets the caller go ahead.
+bool threadIsAsleep(pid_t tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line))
+        return true;
+    // "tid (name) S ...": the state follows the last parenthesis.
+    const std::size_t close = line.rfind(')');
+    if (close == std::string::npos || close + 2 >= line.size())
+        return true;
+    const char state = line[close + 2];
+    return state == 'S' || state == 'D';
+}
+
+enum class FinisherThread { Std, Qt };
+
+/*
+ * Calls `block` on this thread while another thread calls `finish`. The other
+ * thread holds back until this one is asleep inside `block` or `block` has
+ * returned, so a call that returns without waiting returns before the finish
+ * and is caught by the caller's assertions about what it returned. Returns
+ * whether `finish` had begun when `block` returned.
+ */
+bool blockWhileAnotherThreadFinishes(FinisherThread kind, const std::function<void()>& block,
+                                     const std::function<void()>& finish)
+{
+    const pid_t owner = static_cast<pid_t>(syscall(SYS_gettid));
+    std::atomic<bool> ownerAboutToBlock{false};
+    std::atomic<bool> blockReturned{false};
+    std::atomic<bool> finishBegun{false};
+    auto finisher = [&] {
+        while (!ownerAboutToBlock.load())
+            std::this_thread::yield();
+        while (!blockReturned.load() && !threadIsAsleep(owner))
+            std::this_thread::yield();
+        finishBegun = true;
+        finish();
+    };
+
+    std::unique_ptr<std::thread> stdThread;
+    std::unique_ptr<WorkerThread> qtThread;
+    if (kind == FinisherThread::Std)
+        stdThread = std::make_unique<std::thread>(finisher);
+    else
+        qtThread = std::make_unique<WorkerThread>(finisher);
+
+    ownerAboutToBlock = true;
+    block();
+    const bool begunWhenReturned = finishBegun.load();
+    blockReturned = true;
+
+    if (stdThread)
+        stdThread->join();
+    else
+        qtThread->join();
+    return begunWhenReturned;
+}
+
+// A continuation bound to a context object that the test destroys, and one
+// without context that must still run. The dropped one holds a token, so that
+// its release can be checked.
+class DroppedAndKeptWatchers
+{
+public:
+    explicit DroppedAndKeptWatchers(const CMReply<QVariant>& reply)
+        : m_context(new QObject)
+    {
+        reply.onFinished(m_context, [this, token = m_token](const CMReply<QVariant>&) { droppedRan = true; });
+        reply.onFinished([this](const CMReply<QVariant>&) { keptRan = true; });
+    }
+
+    void destroyContext() { delete m_context; }
+    // Whether anything still holds the dropped continuation.
+    bool droppedWatcherReleased() const { return m_token.use_count() == 1; }
+
+    bool droppedRan = false;
+    bool keptRan = false;
+
+private:
+    std::shared_ptr<int> m_token = std::make_shared<int>(0);
+    QObject* m_context;
 };
 
 } // namespace
@@ -189,17 +299,7 @@ TEST(ReplyThreads, EightThreadsRacingToFinishOneReplyOneValueWins)
             Qt::DirectConnection);
         reply.onFinished([&](const CMReply<QVariant>&) { ++secondOwnerRuns; });
 
-        StartGate gate;
-        std::vector<std::thread> racers;
-        for (int i = 0; i < kThreads; ++i) {
-            racers.emplace_back([&gate, reply, i] {
-                gate.wait();
-                reply.setValue(i);
-            });
-        }
-        gate.open();
-        for (std::thread& racer : racers)
-            racer.join();
+        raceOnThreads(kThreads, [reply](int i) { reply.setValue(i); });
 
         ASSERT_TRUE(waitUntil([&] { return ownerRuns.load() > 0 && secondOwnerRuns.load() > 0; }));
         drainEvents();
@@ -227,20 +327,12 @@ TEST(ReplyThreads, ValuesAndErrorsRacingLeaveOneConsistentOutcome)
         std::atomic<int> runs{0};
         reply.onFinished([&](const CMReply<QVariant>&) { ++runs; }, Qt::DirectConnection);
 
-        StartGate gate;
-        std::vector<std::thread> racers;
-        for (int i = 0; i < kThreads; ++i) {
-            racers.emplace_back([&gate, reply, i] {
-                gate.wait();
-                if (i % 2 == 0)
-                    reply.setValue(i);
-                else
-                    reply.setError(CMError(QStringLiteral("org.test.Racer%1").arg(i), TrString("lost")));
-            });
-        }
-        gate.open();
-        for (std::thread& racer : racers)
-            racer.join();
+        raceOnThreads(kThreads, [reply](int i) {
+            if (i % 2 == 0)
+                reply.setValue(i);
+            else
+                reply.setError(CMError(QStringLiteral("org.test.Racer%1").arg(i), TrString("lost")));
+        });
 
         ASSERT_TRUE(reply.isFinished());
         EXPECT_EQ(runs.load(), 1);
@@ -258,104 +350,74 @@ TEST(ReplyThreads, ValuesAndErrorsRacingLeaveOneConsistentOutcome)
 TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAStdThread)
 {
     CMReply<QVariant> reply;
-    std::atomic<bool> ownerAboutToBlock{false};
-    std::atomic<bool> finishStarted{false};
-    std::thread finisher([&] {
-        while (!ownerAboutToBlock.load())
-            std::this_thread::yield();
-        finishStarted = true;
-        reply.setValue(QStringLiteral("late value"));
-    });
-
-    ownerAboutToBlock = true;
-    const QVariant value = reply.value();
+    QVariant value;
+    const bool finishBegun = blockWhileAnotherThreadFinishes(
+        FinisherThread::Std, [&] { value = reply.value(); },
+        [reply] { reply.setValue(QStringLiteral("late value")); });
 
     // The getter cannot have returned before the other thread finished.
-    EXPECT_TRUE(finishStarted.load());
+    EXPECT_TRUE(finishBegun);
     EXPECT_EQ(value.toString(), QStringLiteral("late value"));
-    finisher.join();
 }
 
 TEST(ReplyThreads, BlockingValueGetterWaitsForAFinishFromAQThread)
 {
     CMReply<QVariant> reply;
-    std::atomic<bool> ownerAboutToBlock{false};
-    std::atomic<bool> finishStarted{false};
     bool ownerContinuationRan = false;
     reply.onFinished([&](const CMReply<QVariant>&) { ownerContinuationRan = true; });
-    WorkerThread thread([&] {
-        while (!ownerAboutToBlock.load())
-            QThread::yieldCurrentThread();
-        finishStarted = true;
-        reply.setValue(QVariantList{1, 2, 3});
-    });
-
-    ownerAboutToBlock = true;
     CMReplyData<QVariant>* data = static_cast<CMReplyData<QVariant>*>(reply.data());
-    const QVariant value = data->value();
+    QVariant value;
+    const bool finishBegun = blockWhileAnotherThreadFinishes(
+        FinisherThread::Qt, [&] { value = data->value(); }, [reply] { reply.setValue(QVariantList{1, 2, 3}); });
 
-    EXPECT_TRUE(finishStarted.load());
+    EXPECT_TRUE(finishBegun);
     EXPECT_EQ(value, QVariant(QVariantList{1, 2, 3}));
     // The owner's continuation still comes through the owner's event loop.
     EXPECT_TRUE(waitUntil([&] { return ownerContinuationRan; }));
-    thread.join();
 }
 
 TEST(ReplyThreads, WaitForFinishedWithoutLimitReturnsOnceAnotherThreadFinishes)
 {
     CMReply<void> reply;
-    std::atomic<bool> ownerAboutToBlock{false};
-    std::thread finisher([&] {
-        while (!ownerAboutToBlock.load())
-            std::this_thread::yield();
-        reply.setError(CMError(TrString("failed elsewhere")));
-    });
-    ownerAboutToBlock = true;
-    EXPECT_TRUE(reply.waitForFinished());
+    bool waited = false;
+    const bool finishBegun = blockWhileAnotherThreadFinishes(
+        FinisherThread::Std, [&] { waited = reply.waitForFinished(); },
+        [reply] { reply.setError(CMError(TrString("failed elsewhere"))); });
+    EXPECT_TRUE(finishBegun);
+    EXPECT_TRUE(waited);
     EXPECT_TRUE(reply.isFinished());
     EXPECT_EQ(reply.error().message().toString(), QStringLiteral("failed elsewhere"));
-    finisher.join();
 }
 
 TEST(ReplyThreads, WatcherWhoseContextIsDestroyedBeforeFinishIsDropped)
 {
     CMReply<QVariant> reply;
-    auto token = std::make_shared<int>(0);
-    bool droppedRan = false;
-    bool keptRan = false;
-    QObject* context = new QObject;
-    reply.onFinished(context, [&droppedRan, token](const CMReply<QVariant>&) { droppedRan = true; });
-    reply.onFinished([&](const CMReply<QVariant>&) { keptRan = true; });
-    delete context;
+    DroppedAndKeptWatchers watchers(reply);
+    watchers.destroyContext();
 
     reply.setValue(1);
     drainEvents();
 
-    EXPECT_FALSE(droppedRan);
-    EXPECT_TRUE(keptRan);
-    EXPECT_EQ(token.use_count(), 1) << "the dropped watcher was not released";
+    EXPECT_FALSE(watchers.droppedRan);
+    EXPECT_TRUE(watchers.keptRan);
+    EXPECT_TRUE(watchers.droppedWatcherReleased()) << "the dropped watcher was not released";
 }
 
 TEST(ReplyThreads, WatcherWhoseContextIsDestroyedBeforeQueuedDeliveryIsDropped)
 {
     CMReply<QVariant> reply;
-    auto token = std::make_shared<int>(0);
-    bool droppedRan = false;
-    bool keptRan = false;
-    QObject* context = new QObject;
-    reply.onFinished(context, [&droppedRan, token](const CMReply<QVariant>&) { droppedRan = true; });
-    reply.onFinished([&](const CMReply<QVariant>&) { keptRan = true; });
+    DroppedAndKeptWatchers watchers(reply);
 
     // Finished elsewhere: both deliveries are posted to this thread.
     std::thread finisher([reply] { reply.setValue(2); });
     finisher.join();
     ASSERT_TRUE(reply.isFinished());
-    delete context;
+    watchers.destroyContext();
 
-    ASSERT_TRUE(waitUntil([&] { return keptRan; }));
+    ASSERT_TRUE(waitUntil([&] { return watchers.keptRan; }));
     drainEvents();
-    EXPECT_FALSE(droppedRan);
-    EXPECT_EQ(token.use_count(), 1) << "the dropped watcher was not released";
+    EXPECT_FALSE(watchers.droppedRan);
+    EXPECT_TRUE(watchers.droppedWatcherReleased()) << "the dropped watcher was not released";
 }
 
 TEST(ReplyThreads, QueuedWatcherWithDestroyedContextIsDropped)
@@ -434,20 +496,13 @@ TEST(ReplyThreads, WhenAllFinishedJoinsRepliesFinishedOnSeveralThreads)
     QThread* joinedOn = nullptr;
     all.onFinished([&](const CMReply<QList<CMVoidReply>>&) { joinedOn = QThread::currentThread(); });
 
-    StartGate gate;
-    std::vector<std::thread> finishers;
-    for (int i = 0; i < kReplies; ++i) {
-        finishers.emplace_back([&gate, reply = CMReply<QVariant>(replies.at(i)), i] {
-            gate.wait();
-            if (i == 5)
-                reply.setError(CMError(QStringLiteral("org.test.Five"), TrString("five failed")));
-            else
-                reply.setValue(i);
-        });
-    }
-    gate.open();
-    for (std::thread& finisher : finishers)
-        finisher.join();
+    raceOnThreads(kReplies, [replies](int i) {
+        const CMReply<QVariant> reply(replies.at(i));
+        if (i == 5)
+            reply.setError(CMError(QStringLiteral("org.test.Five"), TrString("five failed")));
+        else
+            reply.setValue(i);
+    });
 
     ASSERT_TRUE(waitUntil([&] { return joinedOn != nullptr; }));
     EXPECT_EQ(joinedOn, mainThread());

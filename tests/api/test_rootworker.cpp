@@ -12,17 +12,97 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
+#include <ostream>
+#include <string>
 
 namespace {
+
+CMRootWorker* root()
+{
+    return CMRootWorker::instance();
+}
+
+// A set-data call or an invocation at `path`, each with a fresh reply.
+CMReply<QVariant> setDataAt(const CMPath& path, const QVariant& value = 1)
+{
+    return CMRoot()->setData(path, QStringLiteral("k"), value, CMReply<QVariant>());
+}
+
+CMReply<QVariant> invokeAt(const CMPath& path, const VelaHash& arguments = VelaHash())
+{
+    return CMRoot()->invoke(path, arguments, CMReply<QVariant>());
+}
+
+// Handlers that answer every call at once with `answer`.
+CMRootWorker::SetDataHandler setDataAnswering(const QVariant& answer)
+{
+    return [answer](const CMPath&, const QString&, const QVariant&, CMReply<QVariant> reply) {
+        reply.setValue(answer);
+    };
+}
+
+CMRootWorker::InvokeHandler invokeAnswering(const QVariant& answer)
+{
+    return [answer](const CMPath&, const VelaHash&, CMReply<QVariant> reply) { reply.setValue(answer); };
+}
 
 class RootWorker : public ::testing::Test
 {
 protected:
     void TearDown() override { root()->clearHandlers(); }
-
-    static CMRootWorker* root() { return static_cast<CMRootWorker*>(CMRoot()); }
 };
+
+// The two kinds of call that the root worker routes, for the behaviour they
+// share.
+struct CallKind {
+    const char* name;
+    // Registers a handler at the path that counts its calls and answers 1.
+    std::function<void(const CMPath&, int* calls)> registerCounting;
+    std::function<void(const CMPath&)> unregister;
+    // Makes the call at the path with the given reply; returns what the worker returned.
+    std::function<CMReply<QVariant>(const CMPath&, const CMReply<QVariant>&)> call;
+};
+
+const CallKind kSetData{
+    "setData",
+    [](const CMPath& path, int* calls) {
+        root()->registerSetDataHandler(path, [calls](const CMPath&, const QString&, const QVariant&,
+                                                     CMReply<QVariant> reply) {
+            ++*calls;
+            reply.setValue(1);
+        });
+    },
+    [](const CMPath& path) { root()->unregisterSetDataHandler(path); },
+    [](const CMPath& path, const CMReply<QVariant>& reply) {
+        return CMRoot()->setData(path, QStringLiteral("key"), 1, reply);
+    }};
+
+const CallKind kInvoke{
+    "invoke",
+    [](const CMPath& path, int* calls) {
+        root()->registerInvokeHandler(path, [calls](const CMPath&, const VelaHash&, CMReply<QVariant> reply) {
+            ++*calls;
+            reply.setValue(1);
+        });
+    },
+    [](const CMPath& path) { root()->unregisterInvokeHandler(path); },
+    [](const CMPath& path, const CMReply<QVariant>& reply) { return CMRoot()->invoke(path, VelaHash(), reply); }};
+
+class RootWorkerCall : public RootWorker, public ::testing::WithParamInterface<CallKind>
+{
+};
+
+void PrintTo(const CallKind& kind, std::ostream* out)
+{
+    *out << kind.name;
+}
+
+std::string callKindName(const ::testing::TestParamInfo<CallKind>& info)
+{
+    return info.param.name;
+}
 
 } // namespace
 
@@ -34,11 +114,10 @@ TEST_F(RootWorker, CMRootIsTheProcessWideRootWorker)
     EXPECT_NE(dynamic_cast<CMRootWorker*>(CMRoot()), nullptr);
 }
 
-TEST_F(RootWorker, SetDataToUnknownPathIsAnsweredAtOnceWithNoHandlerError)
+TEST_P(RootWorkerCall, CallToUnknownPathIsAnsweredAtOnceWithNoHandlerError)
 {
     const CMReply<QVariant> given;
-    const CMReply<QVariant> returned =
-        CMRoot()->setData(CMPath("/nobody/home"), QStringLiteral("key"), 1, given);
+    const CMReply<QVariant> returned = GetParam().call(CMPath("/nobody/home"), given);
     EXPECT_EQ(returned, given);
     ASSERT_TRUE(returned.isFinished());
     const CMError error = returned.error();
@@ -48,24 +127,13 @@ TEST_F(RootWorker, SetDataToUnknownPathIsAnsweredAtOnceWithNoHandlerError)
         << error.message().toString().toStdString();
 }
 
-TEST_F(RootWorker, InvokeOfUnknownPathIsAnsweredAtOnceWithNoHandlerError)
-{
-    const CMReply<QVariant> returned =
-        CMRoot()->invoke(CMPath("/nobody/invoked"), VelaHash(), CMReply<QVariant>());
-    ASSERT_TRUE(returned.isFinished());
-    EXPECT_EQ(returned.error().name(), CMRootWorker::NoHandlerError());
-    EXPECT_TRUE(returned.error().message().toString().contains(QStringLiteral("/nobody/invoked")));
-}
-
 TEST_F(RootWorker, ContinuationOnUnknownPathReplyRunsOnce)
 {
     int runs = 0;
-    CMRoot()
-        ->setData(CMPath("/nobody/else"), QStringLiteral("k"), QVariant(), CMReply<QVariant>())
-        .onFinished([&](const CMReply<QVariant>& reply) {
-            ++runs;
-            EXPECT_TRUE(reply.error().isError());
-        });
+    setDataAt(CMPath("/nobody/else")).onFinished([&](const CMReply<QVariant>& reply) {
+        ++runs;
+        EXPECT_TRUE(reply.error().isError());
+    });
     drainEvents();
     EXPECT_EQ(runs, 1);
 }
@@ -105,7 +173,7 @@ TEST_F(RootWorker, InvokeHandlerAnsweringAtOnceReceivesTheArguments)
                                       reply.setValue(arguments.size());
                                   });
     const VelaHash arguments(QHash<QString, QVariant>{{QStringLiteral("moduleName"), QStringLiteral("media")}});
-    const CMReply<QVariant> reply = CMRoot()->invoke(CMPath("/media/revoke"), arguments, CMReply<QVariant>());
+    const CMReply<QVariant> reply = invokeAt(CMPath("/media/revoke"), arguments);
     ASSERT_TRUE(reply.isFinished());
     EXPECT_EQ(reply.value().toInt(), 1);
     EXPECT_EQ(seen, arguments);
@@ -120,7 +188,7 @@ TEST_F(RootWorker, HandlerAnsweringLaterFromTheEventLoop)
 
     QThread* continuationThread = nullptr;
     QVariant answer;
-    const CMReply<QVariant> reply = CMRoot()->setData(CMPath("/slow"), QStringLiteral("k"), 21, CMReply<QVariant>());
+    const CMReply<QVariant> reply = setDataAt(CMPath("/slow"), 21);
     reply.onFinished([&](const CMReply<QVariant>& finished) {
         continuationThread = QThread::currentThread();
         answer = finished.value();
@@ -139,7 +207,7 @@ TEST_F(RootWorker, HandlerKeepingTheReplyForTheCallerToAnswer)
         kept = reply;
     });
 
-    const CMReply<QVariant> reply = CMRoot()->invoke(CMPath("/kept"), VelaHash(), CMReply<QVariant>());
+    const CMReply<QVariant> reply = invokeAt(CMPath("/kept"));
     ASSERT_TRUE(kept.has_value());
     EXPECT_EQ(*kept, reply);
     EXPECT_FALSE(reply.isFinished());
@@ -158,7 +226,7 @@ TEST_F(RootWorker, HandlerAnsweringWithAnError)
                                                            CMReply<QVariant> reply) {
         reply.setError(CMError(QStringLiteral("org.test.Refused"), TrString("not now")));
     });
-    const CMReply<QVariant> reply = CMRoot()->setData(CMPath("/refusing"), QStringLiteral("k"), 1, CMReply<QVariant>());
+    const CMReply<QVariant> reply = setDataAt(CMPath("/refusing"));
     ASSERT_TRUE(reply.isFinished());
     EXPECT_EQ(reply.error().name(), QStringLiteral("org.test.Refused"));
     EXPECT_EQ(reply.error().message().toString(), QStringLiteral("not now"));
@@ -170,7 +238,7 @@ TEST_F(RootWorker, HandlerNeverAnswering)
     root()->registerSetDataHandler(CMPath("/silent"),
                                    [&](const CMPath&, const QString&, const QVariant&, CMReply<QVariant>) { ++calls; });
     bool continuationRan = false;
-    const CMReply<QVariant> reply = CMRoot()->setData(CMPath("/silent"), QStringLiteral("k"), 1, CMReply<QVariant>());
+    const CMReply<QVariant> reply = setDataAt(CMPath("/silent"));
     reply.onFinished([&](const CMReply<QVariant>&) { continuationRan = true; });
     drainEvents();
     EXPECT_EQ(calls, 1);
@@ -178,52 +246,31 @@ TEST_F(RootWorker, HandlerNeverAnswering)
     EXPECT_FALSE(continuationRan);
 }
 
-TEST_F(RootWorker, UnregisteredSetDataHandlerIsNoLongerCalled)
+TEST_P(RootWorkerCall, UnregisteredHandlerIsNoLongerCalled)
 {
     int calls = 0;
-    root()->registerSetDataHandler(CMPath("/temp"), [&](const CMPath&, const QString&, const QVariant&,
-                                                        CMReply<QVariant> reply) {
-        ++calls;
-        reply.setValue(1);
-    });
-    EXPECT_FALSE(CMRoot()->setData(CMPath("/temp"), QStringLiteral("k"), 1, CMReply<QVariant>()).error().isError());
-    root()->unregisterSetDataHandler(CMPath("/temp"));
-    const CMReply<QVariant> reply = CMRoot()->setData(CMPath("/temp"), QStringLiteral("k"), 1, CMReply<QVariant>());
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(reply.error().name(), CMRootWorker::NoHandlerError());
-}
-
-TEST_F(RootWorker, UnregisteredInvokeHandlerIsNoLongerCalled)
-{
-    int calls = 0;
-    root()->registerInvokeHandler(CMPath("/temp"), [&](const CMPath&, const VelaHash&, CMReply<QVariant> reply) {
-        ++calls;
-        reply.setValue(1);
-    });
-    EXPECT_FALSE(CMRoot()->invoke(CMPath("/temp"), VelaHash(), CMReply<QVariant>()).error().isError());
-    root()->unregisterInvokeHandler(CMPath("/temp"));
-    const CMReply<QVariant> reply = CMRoot()->invoke(CMPath("/temp"), VelaHash(), CMReply<QVariant>());
+    GetParam().registerCounting(CMPath("/temp"), &calls);
+    EXPECT_FALSE(GetParam().call(CMPath("/temp"), CMReply<QVariant>()).error().isError());
+    GetParam().unregister(CMPath("/temp"));
+    const CMReply<QVariant> reply = GetParam().call(CMPath("/temp"), CMReply<QVariant>());
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(reply.error().name(), CMRootWorker::NoHandlerError());
 }
 
 TEST_F(RootWorker, SetDataAndInvokeHandlersAreSeparate)
 {
-    root()->registerSetDataHandler(CMPath("/both"), [](const CMPath&, const QString&, const QVariant&,
-                                                       CMReply<QVariant> reply) { reply.setValue(1); });
-    const CMReply<QVariant> invoked = CMRoot()->invoke(CMPath("/both"), VelaHash(), CMReply<QVariant>());
+    root()->registerSetDataHandler(CMPath("/both"), setDataAnswering(1));
+    const CMReply<QVariant> invoked = invokeAt(CMPath("/both"));
     EXPECT_EQ(invoked.error().name(), CMRootWorker::NoHandlerError());
-    const CMReply<QVariant> written = CMRoot()->setData(CMPath("/both"), QStringLiteral("k"), 1, CMReply<QVariant>());
+    const CMReply<QVariant> written = setDataAt(CMPath("/both"));
     EXPECT_FALSE(written.error().isError());
 }
 
 TEST_F(RootWorker, RegisteringAgainReplacesTheHandler)
 {
-    root()->registerSetDataHandler(CMPath("/twice"), [](const CMPath&, const QString&, const QVariant&,
-                                                        CMReply<QVariant> reply) { reply.setValue(1); });
-    root()->registerSetDataHandler(CMPath("/twice"), [](const CMPath&, const QString&, const QVariant&,
-                                                        CMReply<QVariant> reply) { reply.setValue(2); });
-    const CMReply<QVariant> reply = CMRoot()->setData(CMPath("/twice"), QStringLiteral("k"), 0, CMReply<QVariant>());
+    root()->registerSetDataHandler(CMPath("/twice"), setDataAnswering(1));
+    root()->registerSetDataHandler(CMPath("/twice"), setDataAnswering(2));
+    const CMReply<QVariant> reply = setDataAt(CMPath("/twice"), 0);
     EXPECT_EQ(reply.value().toInt(), 2);
 }
 
@@ -232,29 +279,24 @@ TEST_F(RootWorker, HandlerMayRegisterAndUnregisterHandlers)
     root()->registerInvokeHandler(CMPath("/once"), [](const CMPath& path, const VelaHash&, CMReply<QVariant> reply) {
         CMRootWorker* worker = CMRootWorker::instance();
         worker->unregisterInvokeHandler(path);
-        worker->registerInvokeHandler(CMPath("/next"), [](const CMPath&, const VelaHash&, CMReply<QVariant> next) {
-            next.setValue(QStringLiteral("next"));
-        });
+        worker->registerInvokeHandler(CMPath("/next"), invokeAnswering(QStringLiteral("next")));
         reply.setValue(QStringLiteral("once"));
     });
-    EXPECT_EQ(CMRoot()->invoke(CMPath("/once"), VelaHash(), CMReply<QVariant>()).value().toString(),
-              QStringLiteral("once"));
-    EXPECT_EQ(CMRoot()->invoke(CMPath("/once"), VelaHash(), CMReply<QVariant>()).error().name(),
-              CMRootWorker::NoHandlerError());
-    EXPECT_EQ(CMRoot()->invoke(CMPath("/next"), VelaHash(), CMReply<QVariant>()).value().toString(),
-              QStringLiteral("next"));
+    EXPECT_EQ(invokeAt(CMPath("/once")).value().toString(), QStringLiteral("once"));
+    EXPECT_EQ(invokeAt(CMPath("/once")).error().name(), CMRootWorker::NoHandlerError());
+    EXPECT_EQ(invokeAt(CMPath("/next")).value().toString(), QStringLiteral("next"));
 }
 
 TEST_F(RootWorker, ClearHandlersForgetsEveryHandler)
 {
-    root()->registerSetDataHandler(CMPath("/a"), [](const CMPath&, const QString&, const QVariant&,
-                                                    CMReply<QVariant> reply) { reply.setValue(1); });
-    root()->registerInvokeHandler(CMPath("/b"), [](const CMPath&, const VelaHash&, CMReply<QVariant> reply) {
-        reply.setValue(1);
-    });
+    root()->registerSetDataHandler(CMPath("/a"), setDataAnswering(1));
+    root()->registerInvokeHandler(CMPath("/b"), invokeAnswering(1));
+    // Both answer before the clear, so that the refusals below come from it.
+    ASSERT_FALSE(setDataAt(CMPath("/a")).error().isError());
+    ASSERT_FALSE(invokeAt(CMPath("/b")).error().isError());
     root()->clearHandlers();
-    EXPECT_EQ(CMRoot()->setData(CMPath("/a"), QStringLiteral("k"), 1, CMReply<QVariant>()).error().name(),
-              CMRootWorker::NoHandlerError());
-    EXPECT_EQ(CMRoot()->invoke(CMPath("/b"), VelaHash(), CMReply<QVariant>()).error().name(),
-              CMRootWorker::NoHandlerError());
+    EXPECT_EQ(setDataAt(CMPath("/a")).error().name(), CMRootWorker::NoHandlerError());
+    EXPECT_EQ(invokeAt(CMPath("/b")).error().name(), CMRootWorker::NoHandlerError());
 }
+
+INSTANTIATE_TEST_SUITE_P(SetDataAndInvoke, RootWorkerCall, ::testing::Values(kSetData, kInvoke), callKindName);
