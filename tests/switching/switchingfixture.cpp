@@ -7,4 +7,30 @@ namespace switching {
 int SwitchingTest::s_nextResource = 1000;
 int SwitchingTest::s_nextTarget = 1000;
 
+const Direction kEnabling{"Enable",
+                          &PowerNode::enable,
+                          &PowerNode::disable,
+                          VelaPowerNodeStates::enabling,
+                          VelaPowerNodeStates::enabled,
+                          VelaPowerNodeStates::disabled,
+                          &TestResource::enableReply,
+                          &SwitchingTest::enablePath,
+                          "enable",
+                          kEnableSignature,
+                          " already enabled or enable was already requested...",
+                          kEnableActionContinuation};
+
+const Direction kDisabling{"Disable",
+                           &PowerNode::disable,
+                           &PowerNode::enable,
+                           VelaPowerNodeStates::disabling,
+                           VelaPowerNodeStates::disabled,
+                           VelaPowerNodeStates::enabled,
+                           &TestResource::disableReply,
+                           &SwitchingTest::disablePath,
+                           "disable",
+                           kDisableSignature,
+                           " already disabled or disable was already requested...",
+                           kDisableActionContinuation};
+
 } // namespace switching

@@ -11,6 +11,7 @@
 #include "cmreply.h"
 #include "cmrequest.h"
 #include "cmrootworker.h"
+#include "dbglog.h"
 #include "eventloop.h"
 #include "velapowerenums.h"
 
@@ -23,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,63 @@ inline std::string str(const QString& text)
     return text.toStdString();
 }
 
+// The function texts that the log records of the switching carry.
+constexpr const char* kEnableSignature = "CMReply<void> PowerNode::enable()";
+constexpr const char* kDisableSignature = "CMReply<void> PowerNode::disable()";
+constexpr const char* kSetModuleActionSignature =
+    "CMReply<void> PowerNode::setModuleAction(const QString&, const VelaPowerModuleActions::Enum&)";
+constexpr const char* kLockContinuation = "PowerNode::enable()::<lambda(const CMReply<QList<CMVoidReply> >&)> mutable";
+constexpr const char* kEnableActionContinuation =
+    "PowerNode::enable()::<lambda(const CMReply<QList<CMVoidReply> >&)> mutable::<lambda(const CMReply<void>&)> mutable";
+constexpr const char* kDisableActionContinuation = "PowerNode::disable()::<lambda(const CMReply<void>&)> mutable";
+constexpr const char* kUnlockContinuation =
+    "PowerNode::disable()::<lambda(const CMReply<void>&)> mutable::<lambda(const CMReply<QList<CMVoidReply> >&)> mutable";
+constexpr const char* kActionContinuation =
+    "PowerResource::executeAction(const QString&, const CMSetDataRequest&)::<lambda(const CMReply<QVariant>&)> mutable";
+
+// The "Leave" trace line of `signature` with the given tail.
+inline std::string leaveLine(const char* signature, const std::string& tail)
+{
+    return "Leave " + dbglog_scopedFunction(signature, "PowerManager") + ": " + tail;
+}
+
+// Drives the event loop until `reply` has finished; false when it never does.
+inline bool finishes(const CMVoidReply& reply)
+{
+    return waitUntil([&reply] { return reply.isFinished(); });
+}
+
+// Whether `reply` has finished, with success, at the moment of the call.
+inline ::testing::AssertionResult succeeded(const CMVoidReply& reply)
+{
+    if (!reply.isFinished())
+        return ::testing::AssertionFailure() << "not finished";
+    const CMError error = reply.error();
+    if (error.isError())
+        return ::testing::AssertionFailure() << "error " << str(error.name()) << ": "
+                                             << str(error.message().toString());
+    return ::testing::AssertionSuccess();
+}
+
+// The single event with this message, checked for level, source file,
+// function and a positive line number.
+inline ::testing::AssertionResult loggedOnce(const LogCapture& log, const std::string& message,
+                                             log4cplus::LogLevel level, const std::string& function)
+{
+    const auto lines = log.withMessage(message);
+    if (lines.size() != 1)
+        return ::testing::AssertionFailure() << lines.size() << " events \"" << message << "\" in\n" << log.dump();
+    if (lines[0].level != level)
+        return ::testing::AssertionFailure() << "level " << lines[0].level << " of \"" << message << "\"";
+    if (lines[0].file != nodeSource())
+        return ::testing::AssertionFailure() << "file " << lines[0].file << " of \"" << message << "\"";
+    if (lines[0].function != function)
+        return ::testing::AssertionFailure() << "function " << lines[0].function << " of \"" << message << "\"";
+    if (lines[0].line <= 0)
+        return ::testing::AssertionFailure() << "line " << lines[0].line << " of \"" << message << "\"";
+    return ::testing::AssertionSuccess();
+}
+
 /*
  * A resource that also shows the replies of its latest transitions, so that
  * a test can tell a fresh reply from the one the node keeps.
@@ -69,6 +128,11 @@ public:
 
 class SwitchingTest : public ::testing::Test
 {
+public:
+    // Where the fixture's resources write when switched on and off.
+    static QString enablePath(const PowerNode* node) { return QStringLiteral("/switching/%1/on").arg(node->name()); }
+    static QString disablePath(const PowerNode* node) { return QStringLiteral("/switching/%1/off").arg(node->name()); }
+
 protected:
     static constexpr int kDefaultTimeout = -1;
 
@@ -116,9 +180,6 @@ protected:
         m_nodes.emplace_back(node);
         return node;
     }
-
-    static QString enablePath(const PowerNode* node) { return QStringLiteral("/switching/%1/on").arg(node->name()); }
-    static QString disablePath(const PowerNode* node) { return QStringLiteral("/switching/%1/off").arg(node->name()); }
 
     // A request writing `value` under the key "powered" at `path`, with a
     // handler that answers as given.
@@ -209,6 +270,71 @@ private:
     std::vector<std::unique_ptr<PowerNode>> m_nodes;
     static int s_nextResource;
     static int s_nextTarget;
+};
+
+/*
+ * One direction of a node's transitions, so that a behaviour that the
+ * machine has in both directions is checked by one test run for each.
+ */
+struct Direction {
+    const char* name;                                // "Enable" or "Disable"
+    CMReply<void> (PowerNode::*request)();           // enable() or disable()
+    CMReply<void> (PowerNode::*oppositeRequest)();   // the other one
+    VelaPowerNodeStates::Enum running;               // enabling or disabling
+    VelaPowerNodeStates::Enum reached;               // enabled or disabled
+    VelaPowerNodeStates::Enum oppositeEnd;           // disabled or enabled
+    CMReply<void> (TestResource::*keptReply)() const; // the reply the node keeps for it
+    QString (*path)(const PowerNode*);               // where its write goes
+    const char* actionName;                          // "enable" or "disable"
+    const char* signature;                           // of enable() or disable()
+    const char* alreadyTail;                         // tail of the "already ..." trace line
+    const char* actionContinuation;                  // function of the records after the action
+};
+
+extern const Direction kEnabling;
+extern const Direction kDisabling;
+
+inline void PrintTo(const Direction& direction, std::ostream* out)
+{
+    *out << direction.name;
+}
+
+inline std::string directionName(const ::testing::TestParamInfo<Direction>& info)
+{
+    return info.param.name;
+}
+
+class EachDirection : public SwitchingTest, public ::testing::WithParamInterface<Direction>
+{
+protected:
+    const Direction& direction() const { return GetParam(); }
+
+    // A resource whose writes in this direction are answered `own`, and in
+    // the other direction `opposite`.
+    TestResource* makeDirected(Answer own, Answer opposite, int timeout = kDefaultTimeout)
+    {
+        return direction().request == &PowerNode::enable ? makeResource(own, opposite, timeout)
+                                                         : makeResource(opposite, own, timeout);
+    }
+
+    CMReply<void> request(PowerNode* node) const { return (node->*direction().request)(); }
+    CMReply<void> keptReply(const TestResource* node) const { return (node->*direction().keptReply)(); }
+    QString ownPath(const PowerNode* node) const { return direction().path(node); }
+
+    // Runs the other direction to its end (its writes must be answered).
+    ::testing::AssertionResult bringToOppositeEnd(PowerNode* node) const
+    {
+        if (!finishes((node->*direction().oppositeRequest)()))
+            return ::testing::AssertionFailure() << "the opposite transition never finished";
+        if (node->state() != direction().oppositeEnd)
+            return ::testing::AssertionFailure() << "state " << node->state();
+        return ::testing::AssertionSuccess();
+    }
+
+    std::string alreadyLine(const PowerNode* node) const
+    {
+        return leaveLine(direction().signature, "powerNode: " + str(node->name()) + direction().alreadyTail);
+    }
 };
 
 // Whether `error` is the time-out error of a resource action.
