@@ -58,14 +58,19 @@ __attribute__((noinline)) void logBuilt(log4cplus::Logger& logger, log4cplus::Lo
 } // namespace detail
 } // namespace vela
 
-#define VELA_LOG_AT(level, message)                                                                     \
+// Records whose source line is part of the log contract name that line
+// explicitly (a named constant beside the statement), so that the number
+// stays put when the file around it is edited.
+#define VELA_LOG_AT_LINE(level, line, message)                                                          \
     do {                                                                                                \
         log4cplus::Logger& vela_logger_ = ::vela::powerManagerLogger();                                 \
         if (vela_logger_.isEnabledFor(level))                                                           \
             ::vela::detail::logBuilt(                                                                   \
                 vela_logger_, level, [&](std::ostream& vela_stream_) { vela_stream_ << message; },      \
-                __FILE__, __LINE__, __PRETTY_FUNCTION__);                                               \
+                __FILE__, (line), __PRETTY_FUNCTION__);                                                 \
     } while (false)
+
+#define VELA_LOG_AT(level, message) VELA_LOG_AT_LINE(level, __LINE__, message)
 
 #define VELA_TRACE(message) VELA_LOG_AT(log4cplus::TRACE_LOG_LEVEL, message)
 #define VELA_DEBUG(message) VELA_LOG_AT(log4cplus::DEBUG_LOG_LEVEL, message)
@@ -73,10 +78,20 @@ __attribute__((noinline)) void logBuilt(log4cplus::Logger& logger, log4cplus::Lo
 #define VELA_ERROR(message) VELA_LOG_AT(log4cplus::ERROR_LOG_LEVEL, message)
 #define VELA_FATAL(message) VELA_LOG_AT(log4cplus::FATAL_LOG_LEVEL, message)
 
+#define VELA_TRACE_AT(line, message) VELA_LOG_AT_LINE(log4cplus::TRACE_LOG_LEVEL, line, message)
+#define VELA_DEBUG_AT(line, message) VELA_LOG_AT_LINE(log4cplus::DEBUG_LOG_LEVEL, line, message)
+#define VELA_INFO_AT(line, message) VELA_LOG_AT_LINE(log4cplus::INFO_LOG_LEVEL, line, message)
+#define VELA_ERROR_AT(line, message) VELA_LOG_AT_LINE(log4cplus::ERROR_LOG_LEVEL, line, message)
+#define VELA_FATAL_AT(line, message) VELA_LOG_AT_LINE(log4cplus::FATAL_LOG_LEVEL, line, message)
+
 // Entry and leave lines: "Enter "/"Leave " + scoped text + ": " + tail.
 #define VELA_TRACE_ENTER(signature, tail) \
     VELA_TRACE("Enter " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
 #define VELA_TRACE_LEAVE(signature, tail) \
     VELA_TRACE("Leave " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
+#define VELA_TRACE_ENTER_AT(line, signature, tail) \
+    VELA_TRACE_AT(line, "Enter " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
+#define VELA_TRACE_LEAVE_AT(line, signature, tail) \
+    VELA_TRACE_AT(line, "Leave " << dbglog_scopedFunction(signature, "PowerManager") << ": " << tail)
 
 #endif

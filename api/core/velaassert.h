@@ -31,4 +31,9 @@ namespace vela {
 #define VELA_ASSERT_TEXT(cond, text) \
     ((cond) ? static_cast<void>(0) : ::vela::assertFailed((text), __FILE__, __LINE__))
 
+// For assertions whose source line is part of the documented contract: the
+// line is a named constant beside the statement and does not follow edits.
+#define VELA_ASSERT_TEXT_AT(cond, text, line) \
+    ((cond) ? static_cast<void>(0) : ::vela::assertFailed((text), __FILE__, (line)))
+
 #endif
