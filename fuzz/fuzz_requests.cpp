@@ -60,9 +60,11 @@ private:
     {
         switch (m_input.pick(3)) {
         case 1:
+            FuzzInput::trace("events processed once");
             QCoreApplication::processEvents(QEventLoop::AllEvents);
             break;
         case 2:
+            FuzzInput::trace("settled");
             settle();
             break;
         default:
@@ -124,7 +126,9 @@ private:
 // null appender), so that the records' texts are exercised too.
 void chooseLogLevel(FuzzInput& input)
 {
-    vela::powerManagerLogger().setLogLevel(input.oneIn(8) ? log4cplus::TRACE_LOG_LEVEL : log4cplus::OFF_LOG_LEVEL);
+    const bool everyRecord = input.oneIn(8);
+    FuzzInput::trace(everyRecord ? "log: every record" : "log: off");
+    vela::powerManagerLogger().setLogLevel(everyRecord ? log4cplus::TRACE_LOG_LEVEL : log4cplus::OFF_LOG_LEVEL);
 }
 
 } // namespace

@@ -42,20 +42,25 @@ void FuzzedGraph::makeModules()
             m_platform.serveRevokes(CMPath(revoke));
         if (!postRevoke.isEmpty())
             m_platform.serveRevokes(CMPath(postRevoke));
+        FuzzInput::trace("module " + module.toStdString() + ": revoke path " + (revoke.isEmpty() ? "none" : "served") +
+                         ", post-revoke path " + (postRevoke.isEmpty() ? "none" : "served"));
         m_modules.append(module);
         m_revokePaths.append(revoke);
         m_postRevokePaths.append(postRevoke);
     }
     // Without its own module the power manager refuses every target request.
     m_powerManagerRegistered = !m_input.oneIn(16);
+    if (!m_powerManagerRegistered)
+        FuzzInput::trace("the power manager's own module is not registered");
 }
 
 void FuzzedGraph::makeResources()
 {
     const int count = m_input.between(1, maxResources);
     for (int index = 0; index < count; ++index) {
-        auto* resource = new PowerResource(static_cast<VelaPowerManagerResources::Enum>(index),
-                                           m_input.between(shortestTimeoutMs, longestTimeoutMs));
+        const int timeoutMs = m_input.between(shortestTimeoutMs, longestTimeoutMs);
+        FuzzInput::trace("resource " + std::to_string(index) + ": time-out " + std::to_string(timeoutMs) + " ms");
+        auto* resource = new PowerResource(static_cast<VelaPowerManagerResources::Enum>(index), timeoutMs);
         m_owned.emplace_back(resource);
         m_resources.push_back(resource);
         // A resource without a write switches at once; a path that nobody
@@ -87,8 +92,12 @@ void FuzzedGraph::makeTargets()
 void FuzzedGraph::giveStartingClaims(PowerNode* node)
 {
     for (const QString& module : qAsConst(m_modules)) {
-        if (m_input.oneIn(3))
-            node->addModule(module, static_cast<VelaPowerModuleActions::Enum>(m_input.pick(3)));
+        if (!m_input.oneIn(3))
+            continue;
+        const auto action = static_cast<VelaPowerModuleActions::Enum>(m_input.pick(3));
+        FuzzInput::trace(node->name().toStdString() + " starts with " + module.toStdString() + " " +
+                         VelaPowerModuleActions::toString(action).toStdString());
+        node->addModule(module, action);
     }
 }
 
@@ -102,6 +111,7 @@ void FuzzedGraph::wireResources()
         const int from = m_input.pick(size);
         // Any other resource: never the node itself.
         const int to = (from + 1 + m_input.pick(size - 1)) % size;
+        FuzzInput::trace("resource " + std::to_string(from) + " requires resource " + std::to_string(to));
         m_resources[from]->requiresResource(m_resources[to]);
     }
 }
@@ -112,9 +122,11 @@ void FuzzedGraph::wireTargets()
         for (PowerResource* resource : m_resources) {
             switch (m_input.pick(3)) {
             case 1:
+                FuzzInput::trace(target->name().toStdString() + " enables " + resource->name().toStdString());
                 target->enables(resource);
                 break;
             case 2:
+                FuzzInput::trace(target->name().toStdString() + " disables " + resource->name().toStdString());
                 target->disables(resource);
                 break;
             default:
@@ -127,6 +139,8 @@ void FuzzedGraph::wireTargets()
                 if (m_input.oneIn(2))
                     reachable.append(other);
             }
+            FuzzInput::trace(target->name().toStdString() + " is followed by " + std::to_string(reachable.size()) +
+                             " targets only");
             target->setReachableTargets(reachable);
         }
     }

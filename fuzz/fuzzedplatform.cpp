@@ -29,16 +29,15 @@ FuzzedPlatform::~FuzzedPlatform()
 void FuzzedPlatform::serveWrites(const CMPath& path)
 {
     CMRootWorker::instance()->registerSetDataHandler(
-        path, [this](const CMPath&, const QString&, const QVariant&, CMReply<QVariant> reply) {
-            respond(reply, nextAnswer(), m_keptWrites);
+        path, [this](const CMPath& at, const QString&, const QVariant&, CMReply<QVariant> reply) {
+            respond(at, reply, m_keptWrites);
         });
 }
 
 void FuzzedPlatform::serveRevokes(const CMPath& path)
 {
-    CMRootWorker::instance()->registerInvokeHandler(path, [this](const CMPath&, const VelaHash&, CMReply<QVariant> reply) {
-        respond(reply, nextAnswer(), m_keptRevokes);
-    });
+    CMRootWorker::instance()->registerInvokeHandler(
+        path, [this](const CMPath& at, const VelaHash&, CMReply<QVariant> reply) { respond(at, reply, m_keptRevokes); });
 }
 
 FuzzedPlatform::Answer FuzzedPlatform::nextAnswer()
@@ -46,8 +45,12 @@ FuzzedPlatform::Answer FuzzedPlatform::nextAnswer()
     return static_cast<Answer>(m_input.pick(5));
 }
 
-void FuzzedPlatform::respond(const CMReply<QVariant>& reply, Answer answer, QList<CMReply<QVariant>>& kept)
+void FuzzedPlatform::respond(const CMPath& path, const CMReply<QVariant>& reply, QList<CMReply<QVariant>>& kept)
 {
+    static const char* const names[] = {"at once", "later", "with an error", "twice", "never"};
+    const Answer answer = nextAnswer();
+    FuzzInput::trace("platform: " + path.toString().toStdString() + " answered " +
+                     names[static_cast<int>(answer)]);
     ++m_calls;
     switch (answer) {
     case Answer::AtOnce:
@@ -90,7 +93,9 @@ bool FuzzedPlatform::answerKeptRevoke()
     if (m_keptRevokes.isEmpty())
         return false;
     const CMReply<QVariant> revoke = m_keptRevokes.takeFirst();
-    if (m_input.oneIn(3))
+    const bool refused = m_input.oneIn(3);
+    FuzzInput::trace(std::string("platform: a kept revoke message answered ") + (refused ? "with an error" : "at last"));
+    if (refused)
         revoke.setError(refusal());
     else
         revoke.setValue(QVariant(true));

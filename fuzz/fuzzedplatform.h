@@ -46,7 +46,7 @@ public:
 private:
     enum class Answer { AtOnce, Later, WithError, Twice, Never };
 
-    void respond(const CMReply<QVariant>& reply, Answer answer, QList<CMReply<QVariant>>& kept);
+    void respond(const CMPath& path, const CMReply<QVariant>& reply, QList<CMReply<QVariant>>& kept);
     Answer nextAnswer();
 
     FuzzInput& m_input;

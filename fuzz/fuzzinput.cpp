@@ -1,5 +1,8 @@
 #include "fuzzinput.h"
 
+#include <cstdio>
+#include <cstdlib>
+
 FuzzInput::FuzzInput(const uint8_t* data, size_t size)
     : m_data(data)
     , m_size(size)
@@ -28,4 +31,11 @@ bool FuzzInput::oneIn(int outOf)
 bool FuzzInput::exhausted() const
 {
     return m_position >= m_size;
+}
+
+void FuzzInput::trace(const std::string& line)
+{
+    static const bool tracing = std::getenv("VELA_FUZZ_TRACE") != nullptr;
+    if (tracing)
+        std::fprintf(stderr, "%s\n", line.c_str());
 }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 /*
  * The fuzzer's bytes read as a stream of small decisions, front to back.
@@ -21,9 +22,14 @@ public:
     int pick(int count);
     // A number in [low, high].
     int between(int low, int high);
-    // True with a chance of one in `outOf` (and never once the input is used up).
+    // True with a chance of one in `outOf` (never once the input is used up,
+    // unless `outOf` is 1).
     bool oneIn(int outOf);
     bool exhausted() const;
+
+    // What a run does, line by line on stderr, when VELA_FUZZ_TRACE is set:
+    // how to see what a crashing input describes.
+    static void trace(const std::string& line);
 
 private:
     const uint8_t* m_data;

@@ -4,6 +4,7 @@
 
 #include "PowerHandler.h"
 
+#include "cmerror.h"
 #include "velapowerenums.h"
 #include "velapowermanagerresourcerequest.h"
 #include "velapowermanagertarget.h"
@@ -48,12 +49,12 @@ void RequestStream::issueTarget(Caller& caller)
     const int count = static_cast<int>(m_graph.targets().size());
     const int choice = m_input.pick(count + 2);
     if (choice == count + 1) {
-        caller.wish = "target (empty record)";
+        describe(caller, "target (empty record)");
         m_handler.requestTarget(VelaPowerManagerTarget(), caller.reply);
         return;
     }
     const int value = choice < count ? static_cast<int>(m_graph.targets()[choice]->target()) : unknownNode;
-    caller.wish = "target " + std::to_string(value);
+    describe(caller, "target " + std::to_string(value));
     m_handler.requestTarget(VelaPowerManagerTarget(static_cast<VelaPowerManagerTargets::Enum>(value)), caller.reply);
 }
 
@@ -62,7 +63,7 @@ void RequestStream::issueResource(Caller& caller)
     const int count = static_cast<int>(m_graph.resources().size());
     const int choice = m_input.pick(count + 2);
     if (choice == count + 1) {
-        caller.wish = "resource (empty record)";
+        describe(caller, "resource (empty record)");
         m_handler.requestResource(VelaPowerManagerResourceRequest(), caller.reply);
         return;
     }
@@ -74,15 +75,24 @@ void RequestStream::issueResource(Caller& caller)
         ? modules.at(moduleChoice)
         : (moduleChoice == modules.size() ? VelaPowerManagerName() : QStringLiteral("stranger"));
     const auto action = static_cast<VelaPowerModuleActions::Enum>(m_input.pick(3));
-    caller.wish = "resource " + std::to_string(value) + " " + module.toStdString() + " " +
-        VelaPowerModuleActions::toString(action).toStdString();
+    describe(caller, "resource " + std::to_string(value) + " " + module.toStdString() + " " +
+                         VelaPowerModuleActions::toString(action).toStdString());
     m_handler.requestResource(
         VelaPowerManagerResourceRequest(static_cast<VelaPowerManagerResources::Enum>(value), module, action),
         caller.reply);
 }
 
+void RequestStream::describe(Caller& caller, const std::string& wish)
+{
+    caller.wish = wish;
+    FuzzInput::trace("wish #" + std::to_string(m_callers.size()) + ": " + wish);
+}
+
 void RequestStream::onAnswered(size_t index)
 {
+    const CMError error = m_callers[index].reply.error();
+    FuzzInput::trace("answer #" + std::to_string(index + 1) + ": " +
+                     (error.isError() ? "error " + error.message().toString().toStdString() : std::string("ok")));
     ++m_callers[index].answers;
     ++m_answers;
     maybeIssueNested();

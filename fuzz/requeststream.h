@@ -46,6 +46,7 @@ public:
 private:
     void issueTarget(Caller& caller);
     void issueResource(Caller& caller);
+    void describe(Caller& caller, const std::string& wish);
     void onAnswered(size_t index);
     void maybeIssueNested();
 
