@@ -65,8 +65,9 @@ protected:
     // counted against this one.
     void SetUp() override
     {
-        if (LeakCheck::available())
+        if (LeakCheck::available()) {
             ASSERT_FALSE(LeakCheck::leaksNow()) << "leaks from before this test";
+        }
     }
 
     static QString module() { return QStringLiteral("keeper"); }
