@@ -13,8 +13,9 @@ namespace {
 constexpr int maxResources = 6;
 constexpr int maxTargets = 4;
 constexpr int maxModules = 3;
-// Short time-outs: a write that is never answered ends the run's wait soon.
-constexpr int shortestTimeoutMs = 2;
+// Time-outs cost no wall time (the run's clock is simulated): short ones
+// race with answers from the event loop, the default one does not.
+constexpr int shortestTimeoutMs = 0;
 constexpr int longestTimeoutMs = 12;
 
 } // namespace
@@ -58,9 +59,13 @@ void FuzzedGraph::makeResources()
 {
     const int count = m_input.between(1, maxResources);
     for (int index = 0; index < count; ++index) {
-        const int timeoutMs = m_input.between(shortestTimeoutMs, longestTimeoutMs);
-        FuzzInput::trace("resource " + std::to_string(index) + ": time-out " + std::to_string(timeoutMs) + " ms");
-        auto* resource = new PowerResource(static_cast<VelaPowerManagerResources::Enum>(index), timeoutMs);
+        const auto value = static_cast<VelaPowerManagerResources::Enum>(index);
+        const bool defaultTimeout = m_input.oneIn(4);
+        auto* resource = defaultTimeout
+            ? new PowerResource(value)
+            : new PowerResource(value, m_input.between(shortestTimeoutMs, longestTimeoutMs));
+        FuzzInput::trace("resource " + std::to_string(index) + ": time-out " +
+                         std::to_string(resource->actionTimeout()) + " ms");
         m_owned.emplace_back(resource);
         m_resources.push_back(resource);
         // A resource without a write switches at once; a path that nobody
