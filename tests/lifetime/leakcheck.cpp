@@ -13,7 +13,6 @@
 
 #ifdef VELA_HAS_LEAK_CHECKER
 #include <sanitizer/lsan_interface.h>
-#endif
 
 namespace {
 
@@ -24,6 +23,7 @@ bool leakDetectionTurnedOff()
 }
 
 } // namespace
+#endif
 
 bool LeakCheck::available()
 {

@@ -9,8 +9,7 @@
  * leak of the whole run without saying which test made it. Here a test asks
  * at the moment it expects nothing to be left: the checker scans the heap
  * for blocks that nothing reachable points to any more, prints each leak's
- * allocation stack, and the test fails. Leaks found this way are not
- * reported again at exit.
+ * allocation stack, and the test fails.
  */
 class LeakCheck
 {

@@ -27,6 +27,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <vector>
 
 namespace lifetimetest {
@@ -40,6 +41,12 @@ enum class Unanswered {
 inline const char* nameOf(Unanswered unanswered)
 {
     return unanswered == Unanswered::Kept ? "Kept" : "Dropped";
+}
+
+// How test names show the parameter.
+inline void PrintTo(Unanswered unanswered, std::ostream* stream)
+{
+    *stream << nameOf(unanswered);
 }
 
 class LifetimeTest : public ::testing::TestWithParam<Unanswered>

@@ -8,6 +8,7 @@
 #include "PowerNodeRequest.h"
 
 #include <QPointer>
+#include <QString>
 
 #include <gtest/gtest.h>
 
@@ -33,6 +34,38 @@ protected:
 
     // The resource's enable write is never answered.
     PowerResource* resourceStuckOnAWrite() { return addResource(701, false); }
+
+    // The module asks to use the resource, as a caller of the handler does.
+    CMReply<QVariant> askToUse(PowerResource* resource)
+    {
+        CMReply<QVariant> caller;
+        m_handler->requestResource(
+            VelaPowerManagerResourceRequest(resource->resource(), module(), VelaPowerModuleActions::use), caller);
+        settle();
+        return caller;
+    }
+
+    // A request queued and started through the queue's own operations, so
+    // that the test can watch the request object itself; only the handler
+    // and its continuations keep it.
+    QPointer<PowerNodeRequest> startRequest(PowerNode* node, const QString& module,
+                                            VelaPowerModuleActions::Enum action)
+    {
+        const PowerNodeRequestPtr request = m_handler->makeRequest(node, module, action);
+        EXPECT_TRUE(m_handler->addRequest(request));
+        m_handler->tryProcessNextRequest();
+        settle();
+        return QPointer<PowerNodeRequest>(request.data());
+    }
+
+    // The platform lets go last. A caller still waiting when the handler
+    // went was released unanswered.
+    void expectNothingLeftOnceThePlatformLetsGo(const CMReply<QVariant>& caller)
+    {
+        releaseKeptCalls();
+        EXPECT_FALSE(caller.isFinished()) << "a caller still waiting is released unanswered";
+        expectNothingLeaked();
+    }
 };
 
 } // namespace
@@ -48,20 +81,13 @@ TEST_P(NothingLeftBehind, TargetRequestWaitingForARevokeAnswer)
 
     destroyHandler();
     destroyNodes();
-    releaseKeptCalls();
-
-    EXPECT_FALSE(caller.isFinished()) << "a caller still waiting is released unanswered";
-    expectNothingLeaked();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
 }
 
 TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheNodesGoBeforeTheTimeOut)
 {
     PowerResource* resource = resourceStuckOnAWrite();
-    CMReply<QVariant> caller;
-    m_handler->requestResource(VelaPowerManagerResourceRequest(resource->resource(), module(),
-                                                               VelaPowerModuleActions::use),
-                               caller);
-    settle();
+    const CMReply<QVariant> caller = askToUse(resource);
     ASSERT_EQ(m_writes, 1);
     ASSERT_EQ(resource->state(), VelaPowerNodeStates::enabling);
 
@@ -69,20 +95,13 @@ TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheNodesGoBef
     destroyNodes();
     // The time-out of the write was due after the node had gone.
     passTheTimeOut();
-    releaseKeptCalls();
-
-    EXPECT_FALSE(caller.isFinished());
-    expectNothingLeaked();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
 }
 
 TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheTimeOutComesAfterTheHandlerWent)
 {
     PowerResource* resource = resourceStuckOnAWrite();
-    CMReply<QVariant> caller;
-    m_handler->requestResource(VelaPowerManagerResourceRequest(resource->resource(), module(),
-                                                               VelaPowerModuleActions::use),
-                               caller);
-    settle();
+    const CMReply<QVariant> caller = askToUse(resource);
     ASSERT_EQ(m_writes, 1);
 
     destroyHandler();
@@ -91,10 +110,7 @@ TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheTimeOutCom
     // work was left undone with the handler.
     EXPECT_EQ(resource->state(), VelaPowerNodeStates::enabled);
     destroyNodes();
-    releaseKeptCalls();
-
-    EXPECT_FALSE(caller.isFinished());
-    expectNothingLeaked();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
 }
 
 // In every build: the request object that was stuck is deleted with the
@@ -103,13 +119,10 @@ TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheTimeOutCom
 TEST_P(NothingLeftBehind, RequestStuckOnARevokeMessageIsDeleted)
 {
     PowerTarget* target = targetStuckOnARevokeMessage();
-    PowerNodeRequestPtr request = m_handler->makeRequest(target, VelaPowerManagerName(), VelaPowerModuleActions::hold);
-    ASSERT_TRUE(m_handler->addRequest(request));
-    m_handler->tryProcessNextRequest();
-    settle();
+    const QPointer<PowerNodeRequest> watched =
+        startRequest(target, VelaPowerManagerName(), VelaPowerModuleActions::hold);
     ASSERT_EQ(m_revokes, 1);
-    const QPointer<PowerNodeRequest> watched(request.data());
-    request.reset();
+    ASSERT_FALSE(watched.isNull());
 
     destroyHandler();
     destroyNodes();
@@ -121,13 +134,9 @@ TEST_P(NothingLeftBehind, RequestStuckOnARevokeMessageIsDeleted)
 TEST_P(NothingLeftBehind, RequestStuckOnAWriteIsDeleted)
 {
     PowerResource* resource = resourceStuckOnAWrite();
-    PowerNodeRequestPtr request = m_handler->makeRequest(resource, module(), VelaPowerModuleActions::use);
-    ASSERT_TRUE(m_handler->addRequest(request));
-    m_handler->tryProcessNextRequest();
-    settle();
+    const QPointer<PowerNodeRequest> watched = startRequest(resource, module(), VelaPowerModuleActions::use);
     ASSERT_EQ(m_writes, 1);
-    const QPointer<PowerNodeRequest> watched(request.data());
-    request.reset();
+    ASSERT_FALSE(watched.isNull());
 
     destroyHandler();
     passTheTimeOut();
