@@ -1,0 +1,73 @@
+#ifndef VELA_TOOLS_JSONNODE_H
+#define VELA_TOOLS_JSONNODE_H
+
+#include <QByteArray>
+#include <QString>
+#include <QVariant>
+
+#include <vector>
+
+// A place in a text file, both counted from 1. The column counts characters,
+// not bytes, so that it matches what an editor shows.
+struct TextPlace {
+    int line = 0;
+    int column = 0;
+};
+
+struct JsonMember;
+
+/*
+ * A JSON value read with the place where it starts, so that every message
+ * about a graph file can point into it:
+ *
+ *   JsonNode root;
+ *   JsonNode::Failure failure;
+ *   if (!JsonNode::parse(bytes, &root, &failure))
+ *       qWarning() << failure.place.line << failure.place.column << failure.message;
+ *
+ * Unlike QJsonDocument it refuses an object that has the same key twice
+ * (a silently dropped key is how a graph file says something its author
+ * never meant), keeps the members of an object in file order, and refuses
+ * nesting deeper than maximumDepth.
+ */
+class JsonNode
+{
+public:
+    enum Kind { Null, Bool, Number, String, Array, Object };
+
+    struct Failure {
+        TextPlace place;
+        QString message;
+    };
+
+    static constexpr int maximumDepth = 64;
+
+    static bool parse(const QByteArray& json, JsonNode* root, Failure* failure);
+
+    Kind kind = Null;
+    TextPlace place;
+    bool boolean = false;
+    double number = 0.0;
+    // Whether the number was written without fraction or exponent and fits
+    // 64 bits; `integer` then holds it exactly.
+    bool integral = false;
+    qint64 integer = 0;
+    QString text;
+    std::vector<JsonNode> items;
+    std::vector<JsonMember> members;
+
+    // The member named `key`, or null.
+    const JsonNode* member(const QString& key) const;
+    const JsonMember* memberEntry(const QString& key) const;
+    QVariant toVariant() const;
+    // "an object", "a string", ...: for messages about the wrong kind.
+    static QString kindName(Kind kind);
+};
+
+struct JsonMember {
+    QString key;
+    TextPlace place;
+    JsonNode value;
+};
+
+#endif
