@@ -78,7 +78,7 @@ private:
 
     bool text(const JsonNode& node, const QString& where, int maximumLength, QString* out)
     {
-        if (node.kind != JsonNode::String)
+        if (node.kind != JsonNode::String || node.text.isEmpty())
             return fail(node.place, where, QStringLiteral("expected a non-empty string"));
         const QString problem = SafeText::problem(node.text, maximumLength);
         if (!problem.isEmpty())

@@ -24,7 +24,7 @@ struct FileReport {
 struct Totals {
     int errors = 0;
     int warnings = 0;
-    bool invalidFile = false;
+    int invalidFiles = 0;
 };
 
 FileReport verifyFile(const QString& fileName)
@@ -40,7 +40,7 @@ FileReport verifyFile(const QString& fileName)
 
 void count(const FileReport& report, Totals* totals)
 {
-    totals->invalidFile = totals->invalidFile || !report.loaded;
+    totals->invalidFiles += report.loaded ? 0 : 1;
     for (const Finding& finding : report.findings)
         ++(finding.severity == Finding::Error ? totals->errors : totals->warnings);
 }
@@ -63,7 +63,11 @@ void printText(const QList<FileReport>& reports, const Totals& totals)
         }
     }
     std::cout << totals.errors << (totals.errors == 1 ? " error, " : " errors, ") << totals.warnings
-              << (totals.warnings == 1 ? " warning" : " warnings") << std::endl;
+              << (totals.warnings == 1 ? " warning" : " warnings");
+    if (totals.invalidFiles > 0)
+        std::cout << ", " << totals.invalidFiles << (totals.invalidFiles == 1 ? " file" : " files")
+                  << " not a valid graph";
+    std::cout << std::endl;
 }
 
 QJsonObject findingJson(const Finding& finding)
@@ -90,7 +94,10 @@ void printJson(const QList<FileReport>& reports, const Totals& totals)
                                                {"message", report.failure.message()}});
         files.append(file);
     }
-    const QJsonObject root{{"files", files}, {"errors", totals.errors}, {"warnings", totals.warnings}};
+    const QJsonObject root{{"files", files},
+                           {"errors", totals.errors},
+                           {"warnings", totals.warnings},
+                           {"invalidFiles", totals.invalidFiles}};
     std::cout << QJsonDocument(root).toJson(QJsonDocument::Indented).toStdString();
 }
 
@@ -129,7 +136,7 @@ int verbVerify(const QStringList& arguments)
     else
         printText(reports, totals);
 
-    if (totals.invalidFile)
+    if (totals.invalidFiles > 0)
         return ExitCodes::InvalidInput;
     const bool failed = totals.errors > 0 || (line.parser().isSet(strictOption) && totals.warnings > 0);
     return failed ? ExitCodes::Problems : ExitCodes::Success;
