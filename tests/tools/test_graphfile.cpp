@@ -441,3 +441,167 @@ TEST(GraphFile, LoadRefusalsStartWithTheFileName)
     EXPECT_TRUE(error.startsWith(missing + ": ")) << error.toStdString();
     EXPECT_GT(error.size(), missing.size() + 2) << "no reason given";
 }
+
+// --- Strictness: places, duplicate keys, names, ranges -------------------------
+
+TEST(GraphFileStrict, EveryRefusalCarriesFileLineAndColumn)
+{
+    const GraphFile::Failure failure = refused("{ \"resources\": [\n"
+                                               "    { \"name\": \"display\" },\n"
+                                               "    { \"name\": \"backlight\", \"requires\": [\"lamp\"] } ] }\n");
+    EXPECT_EQ(failure.place.line, 3);
+    EXPECT_EQ(failure.place.column, 41);
+    EXPECT_EQ(failure.message(), QStringLiteral("graph.json:3:41: resources[1].requires[0]: unknown resource \"lamp\""));
+}
+
+TEST(GraphFileStrict, InvalidJsonGivesLineAndColumnNotAnOffset)
+{
+    const GraphFile::Failure failure = refused("{ \"resources\": [\n  { \"name\": \"a\" },\n  ]\n}");
+    EXPECT_EQ(failure.place.line, 3);
+    EXPECT_EQ(failure.place.column, 3);
+    EXPECT_TRUE(failure.what.startsWith("invalid JSON: ")) << failure.what.toStdString();
+}
+
+TEST(GraphFileStrict, ColumnsCountCharactersNotBytes)
+{
+    EXPECT_EQ(refused(R"({"resources": [{"name": "é", "timeoutMs": -1}]})").place.column, 43);
+}
+
+TEST(GraphFileStrict, DuplicateKeyAtTheTopIsRefused)
+{
+    const GraphFile::Failure failure = refused("{ \"modules\": [ { \"name\": \"ui\" } ],\n"
+                                               "  \"modules\": [] }");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:2:3: duplicate key \"modules\" (first given at line 1, column 3)"));
+}
+
+TEST(GraphFileStrict, DuplicateKeyInsideAnEntryIsRefused)
+{
+    const GraphFile::Failure failure =
+        refused("{ \"modules\": [\n"
+                "    { \"name\": \"ui\", \"revokePath\": \"/x\", \"revokePath\": \"/y\" } ] }");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:2:41: duplicate key \"revokePath\" (first given at line 2, column 21)"));
+}
+
+TEST(GraphFileStrict, DuplicatePlatformPathIsRefused)
+{
+    EXPECT_EQ(refused(R"({"platform": {"/hw/a": "never", "/hw/a": "immediate"}})").message(),
+              QStringLiteral("graph.json:1:33: duplicate key \"/hw/a\" (first given at line 1, column 15)"));
+}
+
+TEST(GraphFileStrict, DuplicateKeyInALargeObjectIsFound)
+{
+    QByteArray json = "{\"platform\": {";
+    for (int i = 0; i < 100; ++i)
+        json += "\"/p" + QByteArray::number(i) + "\": \"never\", ";
+    json += "\"/p7\": \"never\"}}";
+    EXPECT_TRUE(refused(json).what.startsWith("duplicate key \"/p7\"")) << refused(json).what.toStdString();
+}
+
+TEST(GraphFileStrict, NewlineInANameIsRefusedAndShownEscaped)
+{
+    const GraphFile::Failure failure = refused(R"({"resources": [{"name": "a\nb"}]})");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:1:25: resources[0].name: \"a\\nb\": character \\n at position 2 is not "
+                             "printable"));
+}
+
+TEST(GraphFileStrict, ControlCharactersAreRefusedWhereverANameIsWritten)
+{
+    const char* const files[] = {
+        R"({"modules": [{"name": "be\u0007ll"}]})",
+        R"({"resources": [{"name": "a", "modules": {"x\ny": "use"}}]})",
+        R"({"resources": [{"name": "a"}], "targets": [{"name": "t", "enables": ["a\t"]}]})",
+        R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m\r", "action": "use"}]})",
+        R"({"platform": {"/hw/\u001b[2J": "never"}})",
+        R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "on\n", "value": 1}}]})",
+    };
+    for (const char* json : files) {
+        const GraphFile::Failure failure = refused(json);
+        EXPECT_TRUE(failure.what.contains("is not printable")) << failure.message().toStdString();
+        EXPECT_FALSE(failure.message().contains(QLatin1Char('\n'))) << json;
+        EXPECT_FALSE(failure.message().contains(QChar(0x1b))) << json;
+    }
+}
+
+TEST(GraphFileStrict, LongNamesAreRefusedAndCutInTheMessage)
+{
+    const QByteArray name(5 * 1024 * 1024, 'x');
+    const GraphFile::Failure failure = refused("{\"resources\": [{\"name\": \"" + name + "\"}]}");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:1:25: resources[0].name: \"%1...\": longer than 64 characters")
+                  .arg(QString(40, QLatin1Char('x'))));
+    parsed("{\"resources\": [{\"name\": \"" + QByteArray(64, 'y') + "\"}]}");
+}
+
+TEST(GraphFileStrict, UnknownNamesAreCutInTheMessage)
+{
+    const QByteArray name(60, 'z');
+    EXPECT_EQ(refusal("{\"targets\": [{\"name\": \"t\", \"reachable\": [\"" + name + "\"]}]}"),
+              QStringLiteral("targets[0].reachable[0]: unknown target \"%1...\"").arg(QString(40, QLatin1Char('z'))));
+}
+
+TEST(GraphFileStrict, NumbersOutOfRangeSayTheAllowedRange)
+{
+    const char* const files[] = {
+        R"({"resources": [{"name": "a", "value": 2147483648}]})",
+        R"({"resources": [{"name": "a", "timeoutMs": 1e300}]})",
+        R"({"targets": [{"name": "t"}], "requests": [{"target": "t", "atMs": 99999999999999999999}]})",
+        R"({"platform": {"/p": {"delayMs": -0.5}}})",
+    };
+    for (const char* json : files)
+        EXPECT_TRUE(refused(json).what.endsWith("expected an integer from 0 to 2147483647")) << json;
+}
+
+TEST(GraphFileStrict, DeepNestingIsRefused)
+{
+    const QByteArray nested = QByteArray(100, '[') + QByteArray(100, ']');
+    const GraphFile::Failure failure = refused(
+        R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": )" + nested + "}}]}");
+    EXPECT_EQ(failure.what, QStringLiteral("nesting deeper than 64 levels"));
+}
+
+TEST(GraphFileStrict, DataAfterANulByteIsRefused)
+{
+    const GraphFile::Failure failure = refused(QByteArray("{}\0{}", 5));
+    EXPECT_EQ(failure.place.column, 3);
+    EXPECT_EQ(failure.what, QStringLiteral("invalid JSON: unexpected data after the document"));
+}
+
+TEST(GraphFileStrict, InvalidUtf8IsRefused)
+{
+    EXPECT_TRUE(refused("{\"modules\": [{\"name\": \"\xff\"}]}").what.startsWith("invalid JSON: "));
+}
+
+TEST(GraphFileStrict, NamesKeepTheirPlaces)
+{
+    const GraphFile graph = parsed("{ \"resources\": [ { \"name\": \"a\" },\n"
+                                   "  { \"name\": \"b\", \"requires\": [\"a\"], \"modules\": { \"m\": \"use\" } } ],\n"
+                                   "  \"requests\": [ { \"resource\": \"b\", \"module\": \"m\", \"action\": \"use\" } ] }");
+    ASSERT_EQ(graph.resources.size(), 2);
+    EXPECT_EQ(graph.resources.at(0).place.line, 1);
+    EXPECT_EQ(graph.resources.at(0).place.column, 28);
+    const GraphFile::Resource& b = graph.resources.at(1);
+    EXPECT_EQ(b.place.line, 2);
+    EXPECT_EQ(b.place.column, 13);
+    ASSERT_EQ(b.required.size(), 1);
+    EXPECT_EQ(b.required.at(0).place.column, 31);
+    ASSERT_EQ(b.modules.size(), 1);
+    EXPECT_EQ(b.modules.at(0).place.column, 50);
+    ASSERT_EQ(graph.requests.size(), 1);
+    EXPECT_EQ(graph.requests.at(0).place.line, 3);
+    EXPECT_EQ(graph.requests.at(0).place.column, 31);
+    EXPECT_EQ(graph.requests.at(0).modulePlace.column, 46);
+}
+
+TEST(GraphFileStrict, ATargetMayNameItselfInItsLists)
+{
+    // Not an unknown resource: the library drops such an edge and verify
+    // says so.
+    const GraphFile graph = parsed(R"({"targets": [{"name": "t", "enables": ["t"], "disables": ["t"]}]})");
+    ASSERT_EQ(graph.targets.size(), 1);
+    EXPECT_EQ(names(graph.targets.at(0).enables), QStringList{"t"});
+    EXPECT_EQ(refusal(R"({"targets": [{"name": "t", "enables": ["u"]}, {"name": "u"}]})"),
+              QStringLiteral("targets[0].enables[0]: unknown resource \"u\""));
+}
