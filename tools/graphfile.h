@@ -7,6 +7,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QVector>
 #include <QString>
 #include <QVariant>
 
@@ -30,7 +31,7 @@ struct GraphFile {
         QString name;
         TextPlace place;
     };
-    using ReferenceList = QList<Reference>;
+    using ReferenceList = QVector<Reference>;
 
     struct Write {
         bool present = false;
@@ -103,13 +104,20 @@ struct GraphFile {
     QHash<QString, Answer> platform;
     QList<Request> requests;
 
+    // Whether a valid file's new names become the enumerations' texts (for
+    // running the graph: log lines and snapshots then show them), or are
+    // only checked against them (for checking a file, which must not leave
+    // names behind that a second file would clash with).
+    enum class Naming { Register, CheckOnly };
+
     // Parses and checks a file's bytes; `fileName` only names it in the
     // failure. A file is either taken whole or refused whole: a refused file
     // leaves no names registered with the enumerations.
-    static bool parse(const QByteArray& json, const QString& fileName, GraphFile* graph, Failure* failure);
+    static bool parse(const QByteArray& json, const QString& fileName, GraphFile* graph, Failure* failure,
+                      Naming naming = Naming::Register);
     // Reads the file and parses it; a file that cannot be read is a failure
     // without a place.
-    static bool load(const QString& fileName, GraphFile* graph, Failure* failure);
+    static bool load(const QString& fileName, GraphFile* graph, Failure* failure, Naming naming = Naming::Register);
 
     // Lookups by name; null when the file defines none.
     const Resource* resource(const QString& name) const;

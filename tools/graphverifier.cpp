@@ -56,15 +56,17 @@ void GraphVerifier::index()
     m_requires.resize(static_cast<size_t>(resources));
     m_requiredBy.resize(static_cast<size_t>(resources));
     m_stamps.assign(static_cast<size_t>(resources), 0);
+    // lastFrom[r]: the latest resource whose list named r, to see repeated
+    // entries without a set per list.
+    std::vector<int> lastFrom(static_cast<size_t>(resources), -1);
     for (int i = 0; i < resources; ++i) {
-        QSet<int> seen;
         for (const GraphFile::Reference& required : m_file.resources.at(i).required) {
             const int to = m_resourceIndex.value(required.name);
             // Self-edges and repeated entries are findings of their own; the
             // walks see each edge once.
-            if (to == i || seen.contains(to))
+            if (to == i || lastFrom[static_cast<size_t>(to)] == i)
                 continue;
-            seen.insert(to);
+            lastFrom[static_cast<size_t>(to)] = i;
             m_requires[static_cast<size_t>(i)].push_back(Edge{to, required.place});
             m_requiredBy[static_cast<size_t>(to)].push_back(Edge{i, required.place});
         }
@@ -142,13 +144,22 @@ void GraphVerifier::checkSelfEdgesAndDuplicates()
 
 void GraphVerifier::checkDuplicates(const GraphFile::ReferenceList& list, const QString& owner, const char* listName)
 {
+    // Most lists are short: compared pairwise they need no set at all.
+    constexpr int shortList = 16;
     QSet<QString> seen;
-    for (const GraphFile::Reference& entry : list) {
-        if (seen.contains(entry.name)) {
+    for (int i = 0; i < list.size(); ++i) {
+        const GraphFile::Reference& entry = list.at(i);
+        bool repeated = false;
+        if (list.size() <= shortList) {
+            for (int j = 0; j < i && !repeated; ++j)
+                repeated = list.at(j).name == entry.name;
+        } else {
+            repeated = seen.contains(entry.name);
+            seen.insert(entry.name);
+        }
+        if (repeated)
             add(Finding::Warning, "duplicate-entry", {owner, entry.name}, entry.place,
                 QStringLiteral("%1 is listed twice in the %2 list of %3").arg(entry.name, QLatin1String(listName), owner));
-        }
-        seen.insert(entry.name);
     }
 }
 

@@ -6,6 +6,8 @@
 #include <rapidjson/reader.h>
 
 #include <cstdint>
+#include <cstring>
+#include <utility>
 
 namespace {
 
@@ -81,6 +83,33 @@ private:
     TextPlace m_place{1, 1};
 };
 
+/*
+ * The keys of a file, each made into a QString once: a graph file repeats a
+ * handful of keys ("name", "requires", "path", ...) for every entry, and a
+ * shared copy costs no allocation. Keys beyond the first few dozen distinct
+ * ones (paths in a platform map, say) are simply converted each time.
+ */
+class KeyTexts
+{
+public:
+    QString text(const char* data, size_t length)
+    {
+        for (const auto& known : m_known) {
+            if (known.first.size() == static_cast<int>(length)
+                && std::memcmp(known.first.constData(), data, length) == 0)
+                return known.second;
+        }
+        const QString converted = QString::fromUtf8(data, static_cast<int>(length));
+        if (m_known.size() < capacity)
+            m_known.emplace_back(QByteArray(data, static_cast<int>(length)), converted);
+        return converted;
+    }
+
+private:
+    static constexpr size_t capacity = 48;
+    std::vector<std::pair<QByteArray, QString>> m_known;
+};
+
 bool isNumberOrWordByte(char byte)
 {
     return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z')
@@ -146,7 +175,7 @@ public:
     bool Key(const char* text, rapidjson::SizeType length, bool)
     {
         Open& object = m_open.back();
-        object.key = QString::fromUtf8(text, static_cast<int>(length));
+        object.key = m_keys.text(text, length);
         object.keyPlace = m_places.placeOf(stringStart());
         const TextPlace* first = object.find(object.key);
         if (first) {
@@ -234,6 +263,13 @@ private:
         Open entry;
         entry.node.kind = kind;
         entry.node.place = place;
+        // Room for a typical entry of a graph file at once, rather than
+        // growing one member at a time: allocation is most of the cost of
+        // reading a large file.
+        if (kind == JsonNode::Object)
+            entry.node.members.reserve(8);
+        else
+            entry.node.items.reserve(4);
         m_open.push_back(std::move(entry));
         return true;
     }
@@ -270,6 +306,7 @@ private:
 
     const ByteStream& m_stream;
     PlaceFinder m_places;
+    KeyTexts m_keys;
     JsonNode* m_root;
     std::vector<Open> m_open;
     JsonNode::Failure m_failure;
@@ -305,13 +342,13 @@ bool JsonNode::parse(const QByteArray& json, JsonNode* root, Failure* failure)
     return true;
 }
 
-const JsonNode* JsonNode::member(const QString& key) const
+const JsonNode* JsonNode::member(QLatin1String key) const
 {
     const JsonMember* entry = memberEntry(key);
     return entry ? &entry->value : nullptr;
 }
 
-const JsonMember* JsonNode::memberEntry(const QString& key) const
+const JsonMember* JsonNode::memberEntry(QLatin1String key) const
 {
     for (const JsonMember& entry : members) {
         if (entry.key == key)

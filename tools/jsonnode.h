@@ -57,8 +57,8 @@ public:
     std::vector<JsonMember> members;
 
     // The member named `key`, or null.
-    const JsonNode* member(const QString& key) const;
-    const JsonMember* memberEntry(const QString& key) const;
+    const JsonNode* member(QLatin1String key) const;
+    const JsonMember* memberEntry(QLatin1String key) const;
     QVariant toVariant() const;
     // "an object", "a string", ...: for messages about the wrong kind.
     static QString kindName(Kind kind);

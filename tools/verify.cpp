@@ -32,7 +32,7 @@ FileReport verifyFile(const QString& fileName)
     FileReport report;
     report.fileName = fileName;
     GraphFile graph;
-    report.loaded = GraphFile::load(fileName, &graph, &report.failure);
+    report.loaded = GraphFile::load(fileName, &graph, &report.failure, GraphFile::Naming::CheckOnly);
     if (report.loaded)
         report.findings = GraphVerifier(graph).findings();
     return report;
