@@ -8,6 +8,8 @@ CommandLine::CommandLine(const QString& command, const QString& positionalUsage,
     : m_command(command)
     , m_positionalUsage(positionalUsage)
     , m_description(description)
+    , m_format(QStringLiteral("format"), QStringLiteral("Output as text or json."), QStringLiteral("text|json"),
+               QStringLiteral("text"))
 {
     m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
     m_parser.addHelpOption();
@@ -16,6 +18,39 @@ CommandLine::CommandLine(const QString& command, const QString& positionalUsage,
 QCommandLineParser& CommandLine::parser()
 {
     return m_parser;
+}
+
+void CommandLine::addFormatOption()
+{
+    m_parser.addOption(m_format);
+    m_hasFormat = true;
+}
+
+bool CommandLine::isJson() const
+{
+    return m_hasFormat && m_parser.value(m_format) == QLatin1String("json");
+}
+
+bool CommandLine::parseWithOneGraph(const QStringList& arguments, int* exitCode, QString* graphFile)
+{
+    if (!parse(arguments, exitCode))
+        return false;
+    if (m_parser.positionalArguments().size() != 1) {
+        *exitCode = usageError(QStringLiteral("give exactly one graph file"));
+        return false;
+    }
+    *graphFile = m_parser.positionalArguments().constFirst();
+    return true;
+}
+
+bool CommandLine::loadGraph(const QString& fileName, GraphFile* graph, int* exitCode) const
+{
+    GraphFile::Failure failure;
+    if (GraphFile::load(fileName, graph, &failure))
+        return true;
+    std::cerr << "vela-power " << m_command.toStdString() << ": " << failure.message().toStdString() << std::endl;
+    *exitCode = ExitCodes::InvalidInput;
+    return false;
 }
 
 bool CommandLine::parse(const QStringList& arguments, int* exitCode)
@@ -29,6 +64,11 @@ bool CommandLine::parse(const QStringList& arguments, int* exitCode)
     if (m_parser.isSet(QStringLiteral("help"))) {
         std::cout << helpText().toStdString();
         *exitCode = ExitCodes::Success;
+        return false;
+    }
+    const QString format = m_hasFormat ? m_parser.value(m_format) : QStringLiteral("text");
+    if (format != QLatin1String("text") && format != QLatin1String("json")) {
+        *exitCode = usageError(QStringLiteral("--format takes text or json"));
         return false;
     }
     return true;

@@ -213,28 +213,17 @@ int verbExplain(const QStringList& arguments)
                                     QStringLiteral("hold|use|release"));
     const QCommandLineOption node(QStringLiteral("node"), QStringLiteral("Explain why <node> is in its state."),
                                   QStringLiteral("node"));
-    const QCommandLineOption format(QStringLiteral("format"), QStringLiteral("Output as text or json."),
-                                    QStringLiteral("text|json"), QStringLiteral("text"));
-    line.parser().addOptions({to, from, resource, module, action, node, format});
+    line.parser().addOptions({to, from, resource, module, action, node});
+    line.addFormatOption();
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
     int exitCode = ExitCodes::Success;
-    if (!line.parse(arguments, &exitCode))
+    QString fileName;
+    GraphFile file;
+    if (!line.parseWithOneGraph(arguments, &exitCode, &fileName) || !line.loadGraph(fileName, &file, &exitCode))
         return exitCode;
     QCommandLineParser& parser = line.parser();
-    if (parser.positionalArguments().size() != 1)
-        return line.usageError(QStringLiteral("give exactly one graph file"));
-    const QString formatText = parser.value(format);
-    if (formatText != QLatin1String("text") && formatText != QLatin1String("json"))
-        return line.usageError(QStringLiteral("--format takes text or json"));
-
-    GraphFile file;
-    GraphFile::Failure failure;
-    if (!GraphFile::load(parser.positionalArguments().constFirst(), &file, &failure)) {
-        std::cerr << "vela-power explain: " << failure.message().toStdString() << std::endl;
-        return ExitCodes::InvalidInput;
-    }
     Question question{parser.value(to), parser.value(from), parser.value(resource), parser.value(module),
-                      VelaPowerModuleActions::use, parser.value(node), formatText == QLatin1String("json")};
+                      VelaPowerModuleActions::use, parser.value(node), line.isJson()};
     const QString problem = checkQuestion(question, parser.value(action), file);
     if (!problem.isEmpty())
         return line.usageError(problem);

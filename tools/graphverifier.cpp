@@ -98,6 +98,16 @@ QString GraphVerifier::resourceName(int index) const
     return m_file.resources.at(index).name;
 }
 
+template <typename Visit>
+void GraphVerifier::forEachTarget(Visit visit)
+{
+    // One parent array for all walks: each walk marks what it reaches with a
+    // stamp of its own, so nothing is cleared between targets.
+    std::vector<int> parent(m_requires.size(), -1);
+    for (int t = 0; t < m_file.targets.size(); ++t)
+        visit(m_file.targets.at(t), m_targetEdges[static_cast<size_t>(t)], parent);
+}
+
 std::vector<int> GraphVerifier::walk(const QList<int>& starts, const std::vector<std::vector<Edge>>& edges,
                                      std::vector<int>* parent, int* stamp)
 {
@@ -219,10 +229,7 @@ void GraphVerifier::reportCycle(const std::vector<int>& path, int from, const Ed
 // the disable is the one refused.
 void GraphVerifier::checkConflicts()
 {
-    std::vector<int> parent(m_requires.size(), -1);
-    for (int t = 0; t < m_file.targets.size(); ++t) {
-        const GraphFile::Target& target = m_file.targets.at(t);
-        const TargetEdges& edges = m_targetEdges[static_cast<size_t>(t)];
+    forEachTarget([this](const GraphFile::Target& target, const TargetEdges& edges, std::vector<int>& parent) {
         int stamp = 0;
         walk(edges.enables, m_requires, &parent, &stamp);
         for (int i = 0; i < edges.disables.size(); ++i) {
@@ -250,7 +257,7 @@ void GraphVerifier::checkConflicts()
                                      "already enables that node.\"")
                           .arg(target.name, name));
         }
-    }
+    });
 }
 
 // --- Warnings ------------------------------------------------------------------
@@ -328,10 +335,7 @@ void GraphVerifier::checkUnreachableTargets()
 // that another module holds with `hold` says no.
 void GraphVerifier::checkBlockedTargets()
 {
-    std::vector<int> parent(m_requires.size(), -1);
-    for (int t = 0; t < m_file.targets.size(); ++t) {
-        const GraphFile::Target& target = m_file.targets.at(t);
-        const TargetEdges& edges = m_targetEdges[static_cast<size_t>(t)];
+    forEachTarget([this](const GraphFile::Target& target, const TargetEdges& edges, std::vector<int>& parent) {
         int stamp = 0;
         for (int node : walk(edges.disables, m_requiredBy, &parent, &stamp)) {
             const GraphFile::Resource& resource = m_file.resources.at(node);
@@ -354,7 +358,7 @@ void GraphVerifier::checkBlockedTargets()
                     .arg(target.name, holder->module, resource.name, how));
             break;
         }
-    }
+    });
 }
 
 void GraphVerifier::checkUntouchedResources()

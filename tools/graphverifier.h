@@ -60,6 +60,9 @@ private:
     void checkNameClashes();
     void checkDormantClaims();
 
+    // Calls visit(target, its edges, a parent array for walk()) per target.
+    template <typename Visit>
+    void forEachTarget(Visit visit);
     // Every resource reached from `starts` along `edges`, in the order
     // reached, each once; `parent` gets the resource each was reached from
     // (-1 for a start). Marks them with a fresh stamp, returned in `stamp`.

@@ -186,23 +186,17 @@ int verbRun(const QStringList& arguments)
     line.parser().addOptions({timeoutOption, verboseOption, forceOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
-    if (!line.parse(arguments, &exitCode))
+    QString fileName;
+    if (!line.parseWithOneGraph(arguments, &exitCode, &fileName))
         return exitCode;
     QCommandLineParser& parser = line.parser();
-    if (parser.positionalArguments().size() != 1)
-        return line.usageError(QStringLiteral("give exactly one graph file"));
     bool timeoutValid = false;
     const int timeoutMs = parser.value(timeoutOption).toInt(&timeoutValid);
     if (!timeoutValid || timeoutMs <= 0)
         return line.usageError(QStringLiteral("--timeout-ms needs a positive number of milliseconds"));
-
-    const QString fileName = parser.positionalArguments().constFirst();
     GraphFile file;
-    GraphFile::Failure failure;
-    if (!GraphFile::load(fileName, &file, &failure)) {
-        std::cerr << "vela-power run: " << failure.message().toStdString() << std::endl;
-        return ExitCodes::InvalidInput;
-    }
+    if (!line.loadGraph(fileName, &file, &exitCode))
+        return exitCode;
     if (!gate(file, fileName, parser.isSet(forceOption)))
         return ExitCodes::Problems;
 

@@ -108,19 +108,14 @@ int verbVerify(const QStringList& arguments)
     CommandLine line(QStringLiteral("verify"), QStringLiteral("GRAPH..."),
                      QStringLiteral("Checks graph files without running them. Each finding has a severity, a code, "
                                     "the names involved, its place in the file and a message."));
-    const QCommandLineOption formatOption(QStringLiteral("format"), QStringLiteral("Output as text or json."),
-                                          QStringLiteral("text|json"), QStringLiteral("text"));
     const QCommandLineOption strictOption(QStringLiteral("strict"), QStringLiteral("Fail on warnings too."));
-    line.parser().addOption(formatOption);
+    line.addFormatOption();
     line.parser().addOption(strictOption);
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("Graph files (JSON)."),
                                         QStringLiteral("GRAPH..."));
     int exitCode = ExitCodes::Success;
     if (!line.parse(arguments, &exitCode))
         return exitCode;
-    const QString format = line.parser().value(formatOption);
-    if (format != QLatin1String("text") && format != QLatin1String("json"))
-        return line.usageError(QStringLiteral("--format takes text or json"));
     const QStringList files = line.parser().positionalArguments();
     if (files.isEmpty())
         return line.usageError(QStringLiteral("no graph file given"));
@@ -131,7 +126,7 @@ int verbVerify(const QStringList& arguments)
         reports.append(verifyFile(file));
         count(reports.last(), &totals);
     }
-    if (format == QLatin1String("json"))
+    if (line.isJson())
         printJson(reports, totals);
     else
         printText(reports, totals);

@@ -13,6 +13,9 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+#include <string>
+
 namespace {
 
 using Pairs = QList<QPair<QString, QString>>;
@@ -90,54 +93,66 @@ void expectBefore(const Pairs& list, const QPair<QString, QString>& first, const
 
 } // namespace
 
-TEST(Explain, SwitchToStandbyAfterTheScenario)
+namespace {
+
+// A switch away from the state the shipped example's requests leave: active
+// enabled, wifi used by connectivity.
+struct SwitchAfterScenario {
+    const char* target;
+    QSet<QPair<QString, QString>> transitions;
+    QSet<QString> writes;
+};
+
+void PrintTo(const SwitchAfterScenario& row, std::ostream* out)
 {
-    const QJsonObject change = explain({shippedExample(), "--to", "standby"});
+    *out << row.target;
+}
+
+const SwitchAfterScenario kSwitchesAfterScenario[] = {
+    {"standby",
+     {{"active", "disabled"}, {"wifi", "disabled"}, {"standby", "enabled"}, {"touch", "disabled"},
+      {"display", "disabled"}, {"backlight", "disabled"}},
+     {"/hw/wifi radio = false", "/hw/touch power = false", "/hw/display power = false", "/hw/backlight level = 0"}},
+    // The storage has no disable write: it goes off without one.
+    {"off",
+     {{"active", "disabled"}, {"off", "enabled"}, {"wifi", "disabled"}, {"storage", "disabled"},
+      {"touch", "disabled"}, {"display", "disabled"}, {"backlight", "disabled"}},
+     {"/hw/wifi radio = false", "/hw/touch power = false", "/hw/display power = false", "/hw/backlight level = 0"}},
+};
+
+class ExplainSwitchAfterScenario : public ::testing::TestWithParam<SwitchAfterScenario>
+{
+};
+
+} // namespace
+
+TEST_P(ExplainSwitchAfterScenario, GivesTheChangesWritesAndRevokeRecipients)
+{
+    const SwitchAfterScenario& row = GetParam();
+    const QJsonObject change = explain({shippedExample(), "--to", row.target});
     EXPECT_EQ(change.value("after").toString(), QStringLiteral("after the file's requests"));
     EXPECT_TRUE(change.value("allowed").toBool());
     EXPECT_EQ(change.value("answer").toString(), QStringLiteral("done"));
     const Pairs changes = transitions(change);
-    EXPECT_EQ(changes.size(), 6);
-    EXPECT_EQ(asSet(changes), (QSet<QPair<QString, QString>>{{"active", "disabled"},
-                                                             {"wifi", "disabled"},
-                                                             {"standby", "enabled"},
-                                                             {"touch", "disabled"},
-                                                             {"display", "disabled"},
-                                                             {"backlight", "disabled"}}));
+    EXPECT_EQ(changes.size(), row.transitions.size());
+    EXPECT_EQ(asSet(changes), row.transitions);
     expectBefore(changes, {"display", "disabled"}, {"backlight", "disabled"});
     const QStringList written = writes(change);
-    EXPECT_EQ(asSet(written), (QSet<QString>{"/hw/wifi radio = false", "/hw/touch power = false",
-                                             "/hw/display power = false", "/hw/backlight level = 0"}));
-    EXPECT_EQ(written.size(), 4);
+    EXPECT_EQ(written.size(), row.writes.size());
+    EXPECT_EQ(asSet(written), row.writes);
     EXPECT_LT(written.indexOf("/hw/display power = false"), written.indexOf("/hw/backlight level = 0"));
     EXPECT_EQ(revokes(change, "before"), QStringList{"connectivity at /modules/connectivity/revoke: wifi"});
     EXPECT_EQ(revokes(change, "after"), QStringList{"connectivity at /modules/connectivity/postRevoke: wifi"});
     EXPECT_EQ(nodeAfter(change, "wifi").value("actions").toObject(), (QJsonObject{{"connectivity", "release"}}));
-    EXPECT_EQ(nodeAfter(change, "standby").value("actions").toObject(), (QJsonObject{{"PowerManager", "hold"}}));
+    EXPECT_EQ(nodeAfter(change, row.target).value("actions").toObject(), (QJsonObject{{"PowerManager", "hold"}}));
     EXPECT_EQ(nodeAfter(change, "active").value("actions").toObject(), (QJsonObject{{"PowerManager", "release"}}));
-    EXPECT_EQ(change.value("nodes").toArray().size(), 6);
+    EXPECT_EQ(change.value("nodes").toArray().size(), row.transitions.size());
 }
 
-TEST(Explain, SwitchToOffAfterTheScenario)
-{
-    const QJsonObject change = explain({shippedExample(), "--to", "off"});
-    EXPECT_TRUE(change.value("allowed").toBool());
-    const Pairs changes = transitions(change);
-    EXPECT_EQ(changes.size(), 7);
-    EXPECT_EQ(asSet(changes), (QSet<QPair<QString, QString>>{{"active", "disabled"},
-                                                             {"off", "enabled"},
-                                                             {"wifi", "disabled"},
-                                                             {"storage", "disabled"},
-                                                             {"touch", "disabled"},
-                                                             {"display", "disabled"},
-                                                             {"backlight", "disabled"}}));
-    expectBefore(changes, {"display", "disabled"}, {"backlight", "disabled"});
-    // The storage has no disable write: it goes off without one.
-    EXPECT_EQ(asSet(writes(change)), (QSet<QString>{"/hw/wifi radio = false", "/hw/touch power = false",
-                                                    "/hw/display power = false", "/hw/backlight level = 0"}));
-    EXPECT_EQ(revokes(change, "before"), QStringList{"connectivity at /modules/connectivity/revoke: wifi"});
-    EXPECT_EQ(revokes(change, "after"), QStringList{"connectivity at /modules/connectivity/postRevoke: wifi"});
-}
+INSTANTIATE_TEST_SUITE_P(ShippedExample, ExplainSwitchAfterScenario, ::testing::ValuesIn(kSwitchesAfterScenario),
+                         [](const ::testing::TestParamInfo<SwitchAfterScenario>& info) {
+                             return std::string(info.param.target);
+                         });
 
 TEST(Explain, SwitchFromStandbyToActiveEnablesWhatDisplayRequiresFirst)
 {
