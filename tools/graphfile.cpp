@@ -164,10 +164,10 @@ private:
             return false;
         if (!list)
             return true;
-        for (size_t i = 0; i < list->items.size(); ++i) {
+        for (size_t i = 0; i < list->members.size(); ++i) {
             GraphFile::Reference reference;
-            reference.place = list->items[i].place;
-            if (!text(list->items[i], Where(here, static_cast<int>(i)), SafeText::maximumNameLength, &reference.name))
+            reference.place = list->item(i).place;
+            if (!text(list->item(i), Where(here, static_cast<int>(i)), SafeText::maximumNameLength, &reference.name))
                 return false;
             out->append(reference);
         }
@@ -201,8 +201,8 @@ private:
         const Where listWhere(top, "modules");
         if (!array(list, listWhere))
             return false;
-        for (size_t i = 0; list && i < list->items.size(); ++i) {
-            const JsonNode& entry = list->items[i];
+        for (size_t i = 0; list && i < list->members.size(); ++i) {
+            const JsonNode& entry = list->item(i);
             const Where where(listWhere, static_cast<int>(i));
             GraphFile::Module module;
             if (!namedEntry(entry, where, {"name", "revokePath", "postRevokePath"}, "module", &m_moduleNames,
@@ -299,8 +299,8 @@ private:
         const Where listWhere(top, "resources");
         if (!array(list, listWhere))
             return false;
-        for (size_t i = 0; list && i < list->items.size(); ++i) {
-            const JsonNode& entry = list->items[i];
+        for (size_t i = 0; list && i < list->members.size(); ++i) {
+            const JsonNode& entry = list->item(i);
             const Where where(listWhere, static_cast<int>(i));
             GraphFile::Resource resource;
             if (!namedEntry(entry, where, {"name", "value", "timeoutMs", "enable", "disable", "requires", "modules"},
@@ -322,8 +322,8 @@ private:
         const Where listWhere(top, "targets");
         if (!array(list, listWhere))
             return false;
-        for (size_t i = 0; list && i < list->items.size(); ++i) {
-            const JsonNode& entry = list->items[i];
+        for (size_t i = 0; list && i < list->members.size(); ++i) {
+            const JsonNode& entry = list->item(i);
             const Where where(listWhere, static_cast<int>(i));
             GraphFile::Target target;
             if (!namedEntry(entry, where, {"name", "value", "enables", "disables", "reachable"}, "target",
@@ -393,8 +393,8 @@ private:
         const Where listWhere(top, "requests");
         if (!array(list, listWhere))
             return false;
-        for (size_t i = 0; list && i < list->items.size(); ++i) {
-            const JsonNode& entry = list->items[i];
+        for (size_t i = 0; list && i < list->members.size(); ++i) {
+            const JsonNode& entry = list->item(i);
             const Where where(listWhere, static_cast<int>(i));
             GraphFile::Request request;
             if (!expectKind(entry, JsonNode::Object, where)

@@ -5,6 +5,7 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -145,8 +146,6 @@ public:
     bool Int64(int64_t value)
     {
         JsonNode node = scalar(JsonNode::Number);
-        node.integral = true;
-        node.integer = value;
         node.number = static_cast<double>(value);
         return add(std::move(node));
     }
@@ -263,13 +262,6 @@ private:
         Open entry;
         entry.node.kind = kind;
         entry.node.place = place;
-        // Room for a typical entry of a graph file at once, rather than
-        // growing one member at a time: allocation is most of the cost of
-        // reading a large file.
-        if (kind == JsonNode::Object)
-            entry.node.members.reserve(8);
-        else
-            entry.node.items.reserve(4);
         m_open.push_back(std::move(entry));
         return true;
     }
@@ -289,7 +281,7 @@ private:
         }
         Open& parent = m_open.back();
         if (parent.node.kind == JsonNode::Array) {
-            parent.node.items.push_back(std::move(node));
+            parent.node.members.push_back(JsonMember{QString(), node.place, std::move(node)});
         } else {
             if (!parent.index.isEmpty())
                 parent.index.insert(parent.key, static_cast<int>(parent.node.members.size()));
@@ -342,6 +334,11 @@ bool JsonNode::parse(const QByteArray& json, JsonNode* root, Failure* failure)
     return true;
 }
 
+const JsonNode& JsonNode::item(size_t index) const
+{
+    return members[index].value;
+}
+
 const JsonNode* JsonNode::member(QLatin1String key) const
 {
     const JsonMember* entry = memberEntry(key);
@@ -365,15 +362,15 @@ QVariant JsonNode::toVariant() const
     case Bool:
         return QVariant(boolean);
     case Number:
-        if (integral && integer >= INT32_MIN && integer <= INT32_MAX)
-            return QVariant(static_cast<int>(integer));
+        if (number == std::floor(number) && number >= INT32_MIN && number <= INT32_MAX)
+            return QVariant(static_cast<int>(number));
         return QVariant(number);
     case String:
         return QVariant(text);
     case Array: {
         QVariantList list;
-        for (const JsonNode& item : items)
-            list.append(item.toVariant());
+        for (const JsonMember& entry : members)
+            list.append(entry.value.toVariant());
         return list;
     }
     case Object: {

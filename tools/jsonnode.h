@@ -33,7 +33,7 @@ struct JsonMember;
 class JsonNode
 {
 public:
-    enum Kind { Null, Bool, Number, String, Array, Object };
+    enum Kind : unsigned char { Null, Bool, Number, String, Array, Object };
 
     struct Failure {
         TextPlace place;
@@ -44,18 +44,17 @@ public:
 
     static bool parse(const QByteArray& json, JsonNode* root, Failure* failure);
 
+    // Kept small: a large file holds millions of these.
     Kind kind = Null;
-    TextPlace place;
     bool boolean = false;
+    TextPlace place;
     double number = 0.0;
-    // Whether the number was written without fraction or exponent and fits
-    // 64 bits; `integer` then holds it exactly.
-    bool integral = false;
-    qint64 integer = 0;
     QString text;
-    std::vector<JsonNode> items;
+    // An object's members in file order; an array's items are members
+    // without a key.
     std::vector<JsonMember> members;
 
+    const JsonNode& item(size_t index) const;
     // The member named `key`, or null.
     const JsonNode* member(QLatin1String key) const;
     const JsonMember* memberEntry(QLatin1String key) const;
