@@ -23,6 +23,14 @@
 
 namespace {
 
+// What an input gave, on stderr when VELA_FUZZ_TRACE is set.
+void trace(const QString& line)
+{
+    static const bool tracing = std::getenv("VELA_FUZZ_TRACE") != nullptr;
+    if (tracing)
+        std::fprintf(stderr, "%s\n", qPrintable(line));
+}
+
 [[noreturn]] void fail(const char* what)
 {
     std::fprintf(stderr, "fuzz_graphfile: %s\n", what);
@@ -51,10 +59,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         // A refusal must say what is wrong.
         if (failure.what.isEmpty())
             fail("refused without saying why");
+        trace("refused: " + failure.message());
         return 0;
     }
     // The nodes outlive the handler, as the service keeps them.
     const PowerGraph graph(file);
+    trace(QStringLiteral("loaded: %1 resources, %2 targets, %3 self-edges kept from the library")
+              .arg(file.resources.size())
+              .arg(file.targets.size())
+              .arg(graph.skippedSelfEdges().size()));
     PowerHandler handler;
     graph.registerWith(handler);
     // Node names are process-wide and outlive a run, so two runs' files may
