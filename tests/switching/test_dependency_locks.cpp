@@ -243,7 +243,7 @@ TEST_F(DependencyLocks, FailedLockIsLoggedAndTheNodeStillRunsItsOwnAction)
     EXPECT_EQ(top->state(), VelaPowerNodeStates::enabled);
     EXPECT_EQ(writesTo(enablePath(top)), 1);
     EXPECT_TRUE(loggedOnce(log, "Failed to lock dependencies for " + str(top->name()) + ", error: lock broken",
-                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation, documentedLine::lockFailed));
 }
 
 TEST_F(DependencyLocks, FailedUnlockIsLoggedForTheDisablingNodeAndTheDisableStillSucceeds)
@@ -264,7 +264,7 @@ TEST_F(DependencyLocks, FailedUnlockIsLoggedForTheDisablingNodeAndTheDisableStil
     EXPECT_TRUE(succeeded(off));
     EXPECT_EQ(top->state(), VelaPowerNodeStates::disabled);
     EXPECT_TRUE(loggedOnce(log, "Failed to unlock all dependencies for " + str(top->name()) + ", error: unlock broken",
-                           log4cplus::FATAL_LOG_LEVEL, kUnlockContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, kUnlockContinuation, documentedLine::unlockFailed));
 }
 
 TEST_F(DependencyLocks, TargetLocksTheResourceItEnablesAndReleasesItWhenDisabled)

@@ -13,6 +13,28 @@
 #include <optional>
 #include <vector>
 
+/*
+ * Source lines of the node records and assertions that log consumers key on
+ * (file and line). They are part of the log contract: fixed numbers that must
+ * not follow edits of this file. The records keep naming this file.
+ */
+namespace recordLine {
+constexpr int enableAlreadyRequested = 38;
+constexpr int enableWhileDisabling = 42;
+constexpr int lockFailed = 56;
+constexpr int enableActionFailed = 63;
+constexpr int enabledState = 67;
+constexpr int disableAlreadyRequested = 78;
+constexpr int disableWhileEnabling = 92;
+constexpr int disableActionFailed = 101;
+constexpr int disabledState = 105;
+constexpr int unlockFailed = 116;
+constexpr int moduleActionUpdated = 324;
+constexpr int isEnabledEntry = 348;
+constexpr int actionFailed = 432;
+constexpr int actionSucceeded = 436;
+} // namespace recordLine
+
 namespace {
 
 /*
@@ -314,26 +336,11 @@ void mapAllTo(QHash<PowerNode*, VelaPowerNodeStates::Enum>& result, const QSet<P
         result.insert(node, state);
 }
 
-/*
- * Enabling a node locks its required nodes, each of which enables (and
- * locks its own) before the call returns: the stack grows by a few frames
- * per link of the longest required chain. The steps of that recursion are
- * kept out of line and small, so a chain of ten thousand nodes fits the
- * default stack with room to spare.
- */
-__attribute__((noinline)) QList<CMVoidReply> lockAll(const QSet<PowerNode*>& nodes, PowerNode* holder)
+CMReply<void> finishedReply()
 {
-    QList<CMVoidReply> locks;
-    locks.reserve(nodes.size());
-    for (PowerNode* node : nodes)
-        locks.append(node->nodeLock(holder));
-    return locks;
-}
-
-template <typename Continuation>
-__attribute__((noinline)) void whenAllFinished(const QList<CMVoidReply>& replies, Continuation continuation)
-{
-    CMVoidReply::whenAllFinished(replies).onFinished(std::move(continuation), Qt::AutoConnection);
+    CMReply<void> done;
+    done.setValue();
+    return done;
 }
 
 std::string selfEdgeText(const char* relation, const QString& name)
@@ -366,7 +373,7 @@ VelaPowerNodeStates::Enum PowerNode::state() const
 bool PowerNode::isEnabled() const
 {
     const bool enabled = m_state == VelaPowerNodeStates::enabled;
-    VELA_TRACE_ENTER("bool PowerNode::isEnabled() const", m_name << (enabled ? " enabled" : " disabled"));
+    VELA_TRACE_ENTER_AT(recordLine::isEnabledEntry, "bool PowerNode::isEnabled() const", m_name << (enabled ? " enabled" : " disabled"));
     return enabled;
 }
 
@@ -519,45 +526,96 @@ bool PowerNode::isStateReachable(const VelaPowerNodeStates::Enum& state, const Q
 
 // --- PowerNode: state machine ----------------------------------------------
 
+/*
+ * Enabling a node locks every node it requires, and each of those enables
+ * (and locks its own) before its lock returns: the whole required sub-graph
+ * is started depth-first before this call goes on. That descent runs here on
+ * an explicit stack of the nodes whose required nodes are being locked, so a
+ * chain of any length costs heap rather than call stack; each node still does
+ * what nodeLock() and its own enable() would do, in the same order. What
+ * follows the locks runs in continuations, carried by the reply model's drain
+ * loop at constant depth.
+ */
 CMReply<void> PowerNode::enable()
 {
-    if (m_state == VelaPowerNodeStates::enabling || m_state == VelaPowerNodeStates::enabled) {
-        VELA_TRACE_LEAVE("CMReply<void> PowerNode::enable()",
-                         "powerNode: " << m_name << " already enabled or enable was already requested...");
-        return m_enableReply;
+    struct Locking {
+        PowerNode* node;
+        // A copy: a continuation run while locking may not rehash what we walk.
+        QSet<PowerNode*> required;
+        QSet<PowerNode*>::const_iterator next;
+        QList<CMVoidReply> locks;
+    };
+    std::vector<Locking> descent;
+    PowerNode* starting = this;
+    for (;;) {
+        CMVoidReply returned;
+        if (starting->m_state == VelaPowerNodeStates::enabling || starting->m_state == VelaPowerNodeStates::enabled) {
+            VELA_TRACE_LEAVE_AT(recordLine::enableAlreadyRequested, "CMReply<void> PowerNode::enable()",
+                                "powerNode: " << starting->m_name
+                                              << " already enabled or enable was already requested...");
+            returned = starting->m_enableReply;
+        } else {
+            VELA_ASSERT_TEXT_AT(starting->m_state != VelaPowerNodeStates::disabling,
+                                "m_state != VelaPowerNodeStates::disabling", recordLine::enableWhileDisabling);
+            starting->m_state = VelaPowerNodeStates::enabling;
+            starting->m_enableReply = CMReply<void>();
+            descent.push_back(Locking{starting, starting->m_requiredNodes, {}, {}});
+            descent.back().next = descent.back().required.cbegin();
+            descent.back().locks.reserve(descent.back().required.size());
+        }
+        // Goes on with the innermost node that has required nodes left to
+        // lock; every node done on the way joins its locks.
+        for (;;) {
+            if (!!returned) {
+                if (descent.empty())
+                    return CMReply<void>(returned);
+                descent.back().locks.append(std::move(returned));
+                returned = CMVoidReply();
+            }
+            Locking& innermost = descent.back();
+            if (innermost.next != innermost.required.cend()) {
+                starting = *innermost.next;
+                ++innermost.next;
+                starting->m_lockedBy.insert(innermost.node);
+                break;
+            }
+            PowerNode* node = innermost.node;
+            const QList<CMVoidReply> locks = std::move(innermost.locks);
+            descent.pop_back();
+            // The reply is captured so that this transition finishes its own
+            // reply, whatever transition runs by the time the continuation is
+            // called.
+            CMVoidReply::whenAllFinished(locks).onFinished(
+                [node, transition = node->m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
+                    const CMError lockError = locked.error();
+                    if (lockError.isError())
+                        VELA_FATAL_AT(recordLine::lockFailed, "Failed to lock dependencies for "
+                                                                  << node->m_name << ", error: " << lockError.message());
+                    // The node's own action runs even when a dependency failed.
+                    node->onEnableAction().onFinished([node, transition](const CMReply<void>& action) mutable {
+                        const CMError actionError = action.error();
+                        if (actionError.isError())
+                            VELA_FATAL_AT(recordLine::enableActionFailed,
+                                          "Failed to enable resource " << node->m_name
+                                                                       << ", error: " << actionError.message());
+                        node->m_state = VelaPowerNodeStates::enabled;
+                        VELA_DEBUG_AT(recordLine::enabledState,
+                                      "Node: " << node->m_name << " enters state: "
+                                               << VelaPowerNodeStates::toString(node->m_state));
+                        transition.setValue();
+                    });
+                },
+                Qt::AutoConnection);
+            returned = node->m_enableReply;
+        }
     }
-    VELA_ASSERT(m_state != VelaPowerNodeStates::disabling);
-    m_state = VelaPowerNodeStates::enabling;
-    m_enableReply = CMReply<void>();
-
-    // Every required node is locked at once; each of them starts its own
-    // enable (and locks its own dependencies) before its call returns.
-    const QList<CMVoidReply> locks = lockAll(m_requiredNodes, this);
-
-    // The reply is captured so that this transition finishes its own reply,
-    // whatever transition runs by the time the continuation is called.
-    whenAllFinished(locks, [this, transition = m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
-        const CMError lockError = locked.error();
-        if (lockError.isError())
-            VELA_FATAL("Failed to lock dependencies for " << m_name << ", error: " << lockError.message());
-        // The node's own action runs even when a dependency failed.
-        onEnableAction().onFinished([this, transition](const CMReply<void>& action) mutable {
-            const CMError actionError = action.error();
-            if (actionError.isError())
-                VELA_FATAL("Failed to enable resource " << m_name << ", error: " << actionError.message());
-            m_state = VelaPowerNodeStates::enabled;
-            VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
-            transition.setValue();
-        });
-    });
-    return m_enableReply;
 }
 
 CMReply<void> PowerNode::disable()
 {
     if (m_state == VelaPowerNodeStates::disabling || m_state == VelaPowerNodeStates::disabled) {
-        VELA_TRACE_LEAVE("CMReply<void> PowerNode::disable()",
-                         "powerNode: " << m_name << " already disabled or disable was already requested...");
+        VELA_TRACE_LEAVE_AT(recordLine::disableAlreadyRequested, "CMReply<void> PowerNode::disable()",
+                            "powerNode: " << m_name << " already disabled or disable was already requested...");
         return m_disableReply;
     }
     // A node that is still wanted stays as it is; its caller is told that
@@ -567,16 +625,18 @@ CMReply<void> PowerNode::disable()
         stays.setValue();
         return stays;
     }
-    VELA_ASSERT(m_state != VelaPowerNodeStates::enabling);
+    VELA_ASSERT_TEXT_AT(m_state != VelaPowerNodeStates::enabling, "m_state != VelaPowerNodeStates::enabling",
+                        recordLine::disableWhileEnabling);
     m_state = VelaPowerNodeStates::disabling;
     m_disableReply = CMReply<void>();
 
     onDisableAction().onFinished([this, transition = m_disableReply](const CMReply<void>& action) mutable {
         const CMError actionError = action.error();
         if (actionError.isError())
-            VELA_FATAL("Failed to disable resource " << m_name << ", error: " << actionError.message());
+            VELA_FATAL_AT(recordLine::disableActionFailed, "Failed to disable resource " << m_name << ", error: " << actionError.message());
         m_state = VelaPowerNodeStates::disabled;
-        VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
+        VELA_DEBUG_AT(recordLine::disabledState,
+                      "Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
 
         // Released only now: the dependencies stay on until this node is off.
         QList<CMVoidReply> unlocks;
@@ -587,7 +647,7 @@ CMReply<void> PowerNode::disable()
             [this, transition](const CMReply<QList<CMVoidReply>>& unlocked) mutable {
                 const CMError unlockError = unlocked.error();
                 if (unlockError.isError())
-                    VELA_FATAL("Failed to unlock all dependencies for " << m_name
+                    VELA_FATAL_AT(recordLine::unlockFailed, "Failed to unlock all dependencies for " << m_name
                                                                        << ", error: " << unlockError.message());
                 transition.setValue();
             });
@@ -599,7 +659,7 @@ CMReply<void> PowerNode::setModuleAction(const QString& module, const VelaPowerM
 {
     CMReply<void> provisional;
     m_moduleActions.insert(module, action);
-    VELA_DEBUG("Node: " << m_name << " updated by: " << module
+    VELA_DEBUG_AT(recordLine::moduleActionUpdated, "Node: " << m_name << " updated by: " << module
                         << " with action type: " << VelaPowerModuleActions::toString(action));
     if (action != VelaPowerModuleActions::release)
         return enable();
@@ -757,10 +817,10 @@ CMReply<void> PowerResource::executeAction(const QString& action, const CMSetDat
                 timer->stop();
             const CMError error = reply.error();
             if (!error.isError()) {
-                VELA_DEBUG(name() << " is now " << action);
+                VELA_DEBUG_AT(recordLine::actionSucceeded, name() << " is now " << action);
                 result.setValue();
             } else {
-                VELA_ERROR(name() << " failed to " << action << " Message: " << error.message());
+                VELA_ERROR_AT(recordLine::actionFailed, name() << " failed to " << action << " Message: " << error.message());
                 result.setError(error);
             }
         },
@@ -788,16 +848,17 @@ VelaPowerManagerTargets::Enum PowerTarget::target() const
     return m_target;
 }
 
+// A target has no switching step of its own. The two directions share the
+// body, not the virtual: a subclass that overrides one of them must not
+// change the other.
 CMReply<void> PowerTarget::onEnableAction()
 {
-    CMReply<void> done;
-    done.setValue();
-    return done;
+    return finishedReply();
 }
 
 CMReply<void> PowerTarget::onDisableAction()
 {
-    return onEnableAction();
+    return finishedReply();
 }
 
 void PowerTarget::enables(PowerResource* resource)
