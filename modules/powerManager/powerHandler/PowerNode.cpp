@@ -1,4 +1,5 @@
 #include "PowerNode.h"
+#include "PowerNodeGraph_p.h"
 
 #include "cmabstractworker.h"
 #include "dbglog.h"
@@ -8,9 +9,6 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <cstdint>
-#include <memory>
-#include <optional>
 #include <vector>
 
 /*
@@ -37,203 +35,6 @@ constexpr int actionSucceeded = 436;
 
 namespace {
 
-/*
- * The walks below mark every node they reach. A Qt hash allocates one block
- * per entry, which on a graph of thousands of nodes costs more than the walk
- * itself; this open-addressing set of addresses keeps the marks in one
- * array. Keys are node addresses, possibly with a small tag in the low bits
- * (nodes are at least 8-byte aligned).
- */
-class AddressSet
-{
-public:
-    AddressSet() : m_slots(64, 0) {}
-
-    // Inserts the key; false when it was there already.
-    bool insert(std::uintptr_t key)
-    {
-        if ((m_size + 1) * 2 > m_slots.size())
-            grow();
-        return place(key);
-    }
-    bool contains(std::uintptr_t key) const
-    {
-        const std::size_t mask = m_slots.size() - 1;
-        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
-                return true;
-            if (m_slots[i] == 0)
-                return false;
-        }
-    }
-
-private:
-    static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
-    {
-        return static_cast<std::size_t>((key >> 3) * 0x9E3779B97F4A7C15ull >> 17) & mask;
-    }
-    bool place(std::uintptr_t key)
-    {
-        const std::size_t mask = m_slots.size() - 1;
-        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
-                return false;
-            if (m_slots[i] == 0) {
-                m_slots[i] = key;
-                ++m_size;
-                return true;
-            }
-        }
-    }
-    void grow()
-    {
-        std::vector<std::uintptr_t> old(m_slots.size() * 2, 0);
-        old.swap(m_slots);
-        m_size = 0;
-        for (std::uintptr_t key : old) {
-            if (key != 0)
-                place(key);
-        }
-    }
-
-    std::vector<std::uintptr_t> m_slots;
-    std::size_t m_size = 0;
-};
-
-std::uintptr_t addressOf(const PowerNode* node)
-{
-    return reinterpret_cast<std::uintptr_t>(node);
-}
-
-} // namespace
-
-/*
- * Graph walks behind the queries.
- *
- * The queries are defined recursively (a node's list is its direct edges
- * followed by each direct dependency's own list, merged without repeats),
- * and computed literally that recursion visits a shared sub-graph once per
- * path: exponential in a ladder of diamonds. These walks give the same
- * results in time linear in the reached sub-graph:
- *  - the recursive set is the closure over the edges, where targets are
- *    listed but never expanded;
- *  - the recursive ordered list is the first-occurrence order of the
- *    depth-first expansion: direct edges first, then each non-target direct
- *    node's expansion in set order. A node expanded once has had all of its
- *    list appended already, so expanding it again would append nothing and
- *    is skipped.
- * The walks keep explicit stacks, so a long chain costs heap, not stack.
- */
-class PowerNodeGraph
-{
-public:
-    enum class Direction { Required, RequiredBy };
-
-    static const QSet<PowerNode*>& edges(const PowerNode* node, Direction direction)
-    {
-        return direction == Direction::Required ? node->m_requiredNodes : node->m_requiredByNodes;
-    }
-
-    static bool isExpandable(const PowerNode* node) { return node->type() != PowerNodeType::PowerTarget; }
-
-    static QSet<PowerNode*> closure(const PowerNode* root, Direction direction)
-    {
-        QSet<PowerNode*> result;
-        walk(root, direction, [&result](PowerNode* node) {
-            result.insert(node);
-            return true;
-        });
-        return result;
-    }
-
-    // Whether `wanted` is in closure(root, direction); stops when found.
-    static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
-    {
-        return !walk(root, direction, [wanted](PowerNode* node) { return node != wanted; });
-    }
-
-    static QList<PowerNode*> orderedClosure(const PowerNode* root, Direction direction)
-    {
-        struct Frame {
-            QSet<PowerNode*>::const_iterator next;
-            QSet<PowerNode*>::const_iterator end;
-        };
-        QList<PowerNode*> result;
-        AddressSet listed;
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<Frame> stack;
-        auto expand = [&](const PowerNode* node) {
-            const QSet<PowerNode*>& children = edges(node, direction);
-            for (PowerNode* child : children) {
-                if (listed.insert(addressOf(child)))
-                    result.append(child);
-            }
-            stack.push_back(Frame{children.cbegin(), children.cend()});
-        };
-        expand(root);
-        while (!stack.empty()) {
-            Frame& frame = stack.back();
-            if (frame.next == frame.end) {
-                stack.pop_back();
-                continue;
-            }
-            const PowerNode* child = *frame.next;
-            ++frame.next;
-            if (!isExpandable(child) || !expanded.insert(addressOf(child)))
-                continue;
-            expand(child);
-        }
-        return result;
-    }
-
-    // The rule of a plain node; a target falls back to it.
-    static bool baseStateReachable(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
-                                   bool recursive)
-    {
-        // Another module holding the node on forbids any change but enabling.
-        for (auto it = node->m_moduleActions.cbegin(); it != node->m_moduleActions.cend(); ++it) {
-            if (!module.isEmpty() && it.key() == module)
-                continue;
-            if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled
-                && state != node->m_state)
-                return false;
-        }
-        if (!recursive)
-            return true;
-        for (const auto& dependency : node->orderedDependencies(state, false)) {
-            if (!dependency.first->isStateReachable(dependency.second, module, recursive))
-                return false;
-        }
-        return true;
-    }
-
-private:
-    // Offers every node reached from `root` to `visit` (once per edge of an
-    // expanded node), expanding each non-target node once. Stops, returning
-    // false, as soon as `visit` does.
-    template <typename Visit>
-    static bool walk(const PowerNode* root, Direction direction, Visit visit)
-    {
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<const PowerNode*> pending{root};
-        while (!pending.empty()) {
-            const PowerNode* node = pending.back();
-            pending.pop_back();
-            for (PowerNode* next : edges(node, direction)) {
-                if (!visit(next))
-                    return false;
-                if (isExpandable(next) && expanded.insert(addressOf(next)))
-                    pending.push_back(next);
-            }
-        }
-        return true;
-    }
-};
-
-namespace {
-
 using Direction = PowerNodeGraph::Direction;
 
 PowerNode::DependencyList pairedWith(const QList<PowerNode*>& nodes, VelaPowerNodeStates::Enum state,
@@ -248,85 +49,6 @@ PowerNode::DependencyList pairedWith(const QList<PowerNode*>& nodes, VelaPowerNo
 QList<PowerNode*> listOf(const QSet<PowerNode*>& nodes)
 {
     return QList<PowerNode*>(nodes.cbegin(), nodes.cend());
-}
-
-/*
- * Reachability is asked recursively, node by node, with one module and one
- * `recursive` flag throughout. The answer for a (node, state) pair is the
- * same wherever it is asked within one question, so the outermost call keeps
- * the answers in a memo that nested calls on the same thread share: each
- * pair is decided once per question, and a diamond ladder costs linear time.
- */
-class ReachabilityScope
-{
-public:
-    ReachabilityScope(const QString& module, bool recursive)
-        : m_outer(t_current)
-    {
-        if (m_outer && m_outer->m_module == module && m_outer->m_recursive == recursive) {
-            m_memo = m_outer->m_memo;
-            return;
-        }
-        m_module = module;
-        m_recursive = recursive;
-        m_ownMemo.reset(new Memo);
-        m_memo = m_ownMemo.get();
-        t_current = this;
-    }
-    ~ReachabilityScope()
-    {
-        if (m_ownMemo)
-            t_current = m_outer;
-    }
-    ReachabilityScope(const ReachabilityScope&) = delete;
-    ReachabilityScope& operator=(const ReachabilityScope&) = delete;
-
-    // The answer already given for this node and state, if any.
-    std::optional<bool> find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
-    {
-        const std::uintptr_t key = keyOf(node, state);
-        if (m_memo->reachable.contains(key))
-            return true;
-        if (m_memo->unreachable.contains(key))
-            return false;
-        return std::nullopt;
-    }
-    bool remember(const PowerNode* node, VelaPowerNodeStates::Enum state, bool reachable)
-    {
-        (reachable ? m_memo->reachable : m_memo->unreachable).insert(keyOf(node, state));
-        return reachable;
-    }
-
-private:
-    struct Memo {
-        AddressSet reachable;
-        AddressSet unreachable;
-    };
-    // States 0 to 4 fit the low bits of an aligned node address.
-    static std::uintptr_t keyOf(const PowerNode* node, VelaPowerNodeStates::Enum state)
-    {
-        return addressOf(node) | (static_cast<std::uintptr_t>(state) & 7u);
-    }
-    static thread_local ReachabilityScope* t_current;
-
-    ReachabilityScope* m_outer;
-    QString m_module;
-    bool m_recursive = false;
-    std::unique_ptr<Memo> m_ownMemo;
-    Memo* m_memo = nullptr;
-};
-
-thread_local ReachabilityScope* ReachabilityScope::t_current = nullptr;
-
-// Answers from the question's memo, or decides and remembers.
-template <typename Decide>
-bool memoisedReachability(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
-                          bool recursive, Decide decide)
-{
-    ReachabilityScope scope(module, recursive);
-    if (const std::optional<bool> known = scope.find(node, state))
-        return *known;
-    return scope.remember(node, state, decide());
 }
 
 void mapAllTo(QHash<PowerNode*, VelaPowerNodeStates::Enum>& result, const QSet<PowerNode*>& nodes,
@@ -519,9 +241,7 @@ PowerNode::DependencyList PowerNode::orderedDependencies(const VelaPowerNodeStat
 bool PowerNode::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                  const bool& recursive) const
 {
-    return memoisedReachability(this, state, module, recursive, [&] {
-        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
-    });
+    return PowerNodeGraph::isStateReachable(this, state, module, recursive, PowerNodeGraph::ReachabilityRule::Node);
 }
 
 // --- PowerNode: state machine ----------------------------------------------
@@ -927,15 +647,7 @@ PowerNode::DependencyList PowerTarget::orderedDependencies(const VelaPowerNodeSt
 bool PowerTarget::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                    const bool& recursive) const
 {
-    return memoisedReachability(this, state, module, recursive, [&] {
-        // While another target is on, it alone decides which targets follow it.
-        for (const auto& dependency : orderedDependencies(state, false)) {
-            auto* target = dynamic_cast<PowerTarget*>(dependency.first);
-            if (target && target->isEnabled())
-                return target->isReachable(this);
-        }
-        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
-    });
+    return PowerNodeGraph::isStateReachable(this, state, module, recursive, PowerNodeGraph::ReachabilityRule::Target);
 }
 
 void PowerTarget::setReachableTargets(QList<const PowerTarget*> targets)
