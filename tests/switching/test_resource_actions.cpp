@@ -164,27 +164,27 @@ private:
 
 } // namespace
 
-TEST_F(ResourceActions, TargetEnableOverrideLeavesTheDisableActionAlone)
+// A subclass overriding one direction leaves the other to PowerTarget: it
+// still succeeds at once, and the override is not called for it.
+class TargetOverridingOneDirection : public ::testing::TestWithParam<bool>
 {
-    TargetOverridingOneAction target(VelaPowerManagerTargets::suspend, true);
+};
 
-    const CMReply<void> disabled = target.onDisableAction();
+INSTANTIATE_TEST_SUITE_P(Both, TargetOverridingOneDirection, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? "EnableOverridden" : "DisableOverridden";
+                         });
 
-    EXPECT_TRUE(succeeded(disabled));
-    EXPECT_EQ(target.overriddenCalls, 0);
-    EXPECT_FALSE(target.onEnableAction().isFinished());
-    EXPECT_EQ(target.overriddenCalls, 1);
-}
-
-TEST_F(ResourceActions, TargetDisableOverrideLeavesTheEnableActionAlone)
+TEST_P(TargetOverridingOneDirection, OtherDirectionKeepsTheTargetsOwnAction)
 {
-    TargetOverridingOneAction target(VelaPowerManagerTargets::suspend, false);
+    const bool enableOverridden = GetParam();
+    TargetOverridingOneAction target(VelaPowerManagerTargets::suspend, enableOverridden);
+    const auto untouched = enableOverridden ? &PowerNode::onDisableAction : &PowerNode::onEnableAction;
+    const auto overridden = enableOverridden ? &PowerNode::onEnableAction : &PowerNode::onDisableAction;
 
-    const CMReply<void> enabled = target.onEnableAction();
-
-    EXPECT_TRUE(succeeded(enabled));
+    EXPECT_TRUE(succeeded((target.*untouched)()));
     EXPECT_EQ(target.overriddenCalls, 0);
-    EXPECT_FALSE(target.onDisableAction().isFinished());
+    EXPECT_FALSE((target.*overridden)().isFinished());
     EXPECT_EQ(target.overriddenCalls, 1);
 }
 
