@@ -116,8 +116,14 @@ std::string writesName(const ::testing::TestParamInfo<Writes>& info)
 
 } // namespace
 
+#ifdef VELA_SANITIZED_BUILD
+// Writes answered from the event loop take one turn of it per link, which the
+// sanitizers make slow; the shorter chains of LongChain cover them there.
+INSTANTIATE_TEST_SUITE_P(Each, DeepChain, ::testing::Values(Writes::None, Writes::AnsweredAtOnce), writesName);
+#else
 INSTANTIATE_TEST_SUITE_P(Each, DeepChain,
                          ::testing::Values(Writes::None, Writes::AnsweredAtOnce, Writes::AnsweredLater), writesName);
+#endif
 
 TEST_P(DeepChain, TwoHundredThousandLinksEnableAndDisableCompletely)
 {
