@@ -65,6 +65,21 @@ class CMVoidReply;
 template <typename T>
 class CMReply;
 
+namespace vela {
+/*
+ * Where the wrong-type assertion of a typed continuation reports itself.
+ * These are part of the log contract: consumers key assertion records on
+ * file and line, so the values are fixed here and must not follow edits of
+ * this header.
+ */
+struct CMReplyWrongTypeAssertion {
+    static constexpr const char* where = "CMReply";
+    static constexpr const char* text = "Wrong type passed to CMReply::onFinished()!";
+    static constexpr const char* file = "api/core/model/cmreply";
+    static constexpr int line = 689;
+};
+} // namespace vela
+
 // One continuation of a reply. The reply owns it until it has been run.
 class VELA_API_EXPORT CMReplyWatcher
 {
@@ -281,8 +296,9 @@ private:
         }
         void finished(const CMVoidReply& reply) override
         {
+            using Assertion = vela::CMReplyWrongTypeAssertion;
             auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
-            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+            VELA_ASSERT_X_AT(typed, Assertion::where, Assertion::text, Assertion::file, Assertion::line);
             m_function(CMReply<T>(typed));
         }
 

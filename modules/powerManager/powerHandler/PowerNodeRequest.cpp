@@ -10,8 +10,13 @@
 
 namespace {
 
-// Requests share one plain counter: they are made on the handler's thread.
-int64_t s_idCounter = 0;
+/*
+ * Source lines of the constructor's records. They are part of the log
+ * contract: log consumers key records on file and line, so these numbers are
+ * fixed here and must not follow edits of this file.
+ */
+constexpr int kConstructorEntryLine = 34;
+constexpr int kNullNodeLine = 36;
 
 /*
  * A running request keeps itself alive in its own continuations through a
@@ -85,6 +90,8 @@ void forEachRegisteredModule(const ChangedResources& changed,
 
 } // namespace
 
+int64_t PowerNodeRequest::s_idCounter = 0;
+
 PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& module,
                                              const VelaPowerModuleActions::Enum& action,
                                              const QHash<QString, VelaPowerManagerModuleRegister>& modules)
@@ -104,12 +111,13 @@ PowerNodeRequest::PowerNodeRequest(PowerNode* node, const QString& module, const
     , m_modules(modules)
     , m_processing(false)
 {
-    VELA_TRACE_ENTER("PowerNodeRequest::PowerNodeRequest(PowerNode*, const QString&, const "
-                     "VelaPowerModuleActions::Enum&, const QHash<QString, VelaPowerManagerModuleRegister>&)",
-                     "id: " << m_id << " module: " << m_module
-                            << " action: " << VelaPowerModuleActions::toString(m_action));
+    VELA_TRACE_ENTER_AT(kConstructorEntryLine,
+                        "PowerNodeRequest::PowerNodeRequest(PowerNode*, const QString&, const "
+                        "VelaPowerModuleActions::Enum&, const QHash<QString, VelaPowerManagerModuleRegister>&)",
+                        "id: " << m_id << " module: " << m_module
+                               << " action: " << VelaPowerModuleActions::toString(m_action));
     if (!node) {
-        VELA_ERROR("Null node pointer.");
+        VELA_ERROR_AT(kNullNodeLine, "Null node pointer.");
         m_reply.setError(CMError(TrString("Invalid power node pointer")));
     }
 }
@@ -128,11 +136,6 @@ int64_t PowerNodeRequest::nextId()
     else
         ++s_idCounter;
     return s_idCounter;
-}
-
-void PowerNodeRequest::setIdCounter(int64_t value)
-{
-    s_idCounter = value;
 }
 
 int64_t PowerNodeRequest::id() const
