@@ -126,7 +126,17 @@ public:
 
     QAtomicInt m_ref;
     mutable QMutex m_mutex;
-    QWaitCondition m_condition;
+    /*
+     * The wait condition is made by the first waiter (placement new, with
+     * m_mutex held): most replies are never waited for, and making one costs
+     * an allocation and the set-up of a pthread condition. m_conditionMade
+     * shares its storage and reads null until then; afterwards it reads the
+     * condition's own private pointer, which is never null.
+     */
+    union {
+        QWaitCondition m_condition;
+        void* m_conditionMade = nullptr;
+    };
     bool m_finished;
     CMError m_error;
     QList<CMReplyWatcher*> m_watchers;

@@ -1,10 +1,10 @@
 #include "PowerNodeRequest.h"
 
+#include "PowerNodeRequestSelfShare.h"
+
 #include "cmabstractworker.h"
 #include "dbglog.h"
 #include "velaassert.h"
-
-#include <QWeakPointer>
 
 #include <limits>
 
@@ -17,15 +17,6 @@ namespace {
  */
 constexpr int kConstructorEntryLine = 34;
 constexpr int kNullNodeLine = 36;
-
-/*
- * A running request keeps itself alive in its own continuations through a
- * share of itself. create() leaves a weak reference to that share on the
- * object, as a dynamic property, so the request's own layout stays as it
- * is. A request made without create() has none: its owner must then keep it
- * alive until its reply has finished.
- */
-const char* const shareProperty = "_q_velaRequestShare";
 
 using ResourceActions = QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>;
 using ChangedResources = QHash<QString, ResourceActions>;
@@ -61,13 +52,16 @@ VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerMana
 {
     VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
     message.setModuleName(module).setMessageType(type);
+    // Collected first and stored once: the message holds the same list as
+    // when each resource is appended to it in turn, and a message that
+    // revokes nothing has no list at all.
+    VelaList<VelaPowerManagerResources::Enum> revoked;
     for (auto it = resources.cbegin(); it != resources.cend(); ++it) {
-        if (it.value() != VelaPowerModuleActions::release)
-            continue;
-        VelaList<VelaPowerManagerResources::Enum> revoked = message.revokeResources();
-        revoked.append(it.key());
-        message.setRevokeResources(revoked);
+        if (it.value() == VelaPowerModuleActions::release)
+            revoked.append(it.key());
     }
+    if (!revoked.isEmpty())
+        message.setRevokeResources(revoked);
     return message;
 }
 
@@ -97,7 +91,7 @@ PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& mod
                                              const QHash<QString, VelaPowerManagerModuleRegister>& modules)
 {
     PowerNodeRequestPtr request(new PowerNodeRequest(node, module, action, modules));
-    request->setProperty(shareProperty, QVariant::fromValue(request.toWeakRef()));
+    new PowerNodeRequestSelfShare(request);
     return request;
 }
 
@@ -126,7 +120,7 @@ PowerNodeRequest::~PowerNodeRequest() = default;
 
 PowerNodeRequestPtr PowerNodeRequest::sharedFromThis() const
 {
-    return property(shareProperty).value<QWeakPointer<PowerNodeRequest>>().toStrongRef();
+    return PowerNodeRequestSelfShare::of(this);
 }
 
 int64_t PowerNodeRequest::nextId()
