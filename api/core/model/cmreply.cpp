@@ -4,7 +4,6 @@
 #include <QThread>
 
 #include <deque>
-#include <vector>
 #include <memory>
 
 namespace {
@@ -317,14 +316,19 @@ class JoinState
 public:
     JoinState(int count, const CMReply<QList<CMVoidReply>>& result)
         : m_remaining(count)
-        , m_finished(static_cast<std::size_t>(count))
         , m_result(result)
     {
+        // One slot per joined reply, filled as each finishes (possibly on
+        // different threads, each writing its own slot); the filled list is
+        // then the join's value as it is, without a copy.
+        m_finished.reserve(count);
+        for (int slot = 0; slot < count; ++slot)
+            m_finished.append(CMVoidReply());
     }
 
     void replyFinished(int index, const CMVoidReply& reply)
     {
-        m_finished[static_cast<std::size_t>(index)] = reply;
+        m_finished[index] = reply;
         if (!m_remaining.deref())
             complete();
     }
@@ -332,23 +336,23 @@ public:
 private:
     void complete()
     {
-        QList<CMVoidReply> replies;
-        replies.reserve(static_cast<int>(m_finished.size()));
         CMError firstError;
-        for (const CMVoidReply& reply : m_finished) {
-            replies.append(reply);
-            if (!firstError.isError() && !!reply)
+        for (const CMVoidReply& reply : qAsConst(m_finished)) {
+            if (!!reply) {
                 firstError = reply.error();
+                if (firstError.isError())
+                    break;
+            }
         }
         if (firstError.isError())
             static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())
-                ->finishWithValueAndError(replies, firstError);
+                ->finishWithValueAndError(m_finished, firstError);
         else
-            m_result.setValue(replies);
+            m_result.setValue(m_finished);
     }
 
     QAtomicInt m_remaining;
-    std::vector<CMVoidReply> m_finished;
+    QList<CMVoidReply> m_finished;
     const CMReply<QList<CMVoidReply>> m_result;
 };
 

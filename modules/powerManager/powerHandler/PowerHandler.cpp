@@ -191,19 +191,22 @@ void PowerHandler::resolveNodeRequest(int64_t id, const CMError& error)
                      "id: " << id << " success: " << success);
     // The caller's reply; a request nobody waits for is answered all the
     // same, into a reply of its own.
+    // Entries are removed by key: erasing through an iterator would also
+    // look for the next entry, a walk over empty buckets that grows with the
+    // table while a long queue drains.
     CMVoidReply caller;
-    const auto target = m_targetRequests.find(id);
-    if (target != m_targetRequests.end()) {
+    const auto target = m_targetRequests.constFind(id);
+    if (target != m_targetRequests.cend()) {
         const QPair<VelaPowerManagerTarget, CMReply<QVariant>> entry = target.value();
-        m_targetRequests.erase(target);
+        m_targetRequests.remove(id);
         caller = entry.second;
         if (success)
             emit targetChanged(entry.first);
     }
-    const auto resource = m_resourceRequests.find(id);
-    if (resource != m_resourceRequests.end()) {
+    const auto resource = m_resourceRequests.constFind(id);
+    if (resource != m_resourceRequests.cend()) {
         caller = resource.value();
-        m_resourceRequests.erase(resource);
+        m_resourceRequests.remove(id);
     }
     const CMReply<QVariant> reply = !caller ? CMReply<QVariant>() : CMReply<QVariant>(caller);
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");

@@ -67,8 +67,10 @@ VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerMana
 
 /*
  * Builds each changed module's message of the given type and hands it, with
- * the module's registration, to `send`. Modules missing from the request's
- * copy of the registrations are told nothing.
+ * the module's path for that type, to `send`. Modules missing from the
+ * request's copy of the registrations are told nothing. A module without a
+ * path for the type is sent nothing either: its message is only read by the
+ * entry line of notifyModule(), so it is built only when that line is logged.
  */
 template <typename Send>
 void forEachRegisteredModule(const ChangedResources& changed,
@@ -77,8 +79,14 @@ void forEachRegisteredModule(const ChangedResources& changed,
 {
     for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
         const auto registration = modules.constFind(it.key());
-        if (registration != modules.cend())
-            send(registration.value(), revokeMessage(it.key(), type, it.value()));
+        if (registration == modules.cend())
+            continue;
+        const CMPath path = type == VelaPowerManagerMessageTypes::revoke ? registration->revokeResourcesPath()
+                                                                         : registration->postRevokeResourcesPath();
+        if (path.isEmpty() && !vela::powerManagerLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
+            send(path, VelaPowerManagerRevokeMessage{QHash<QString, QVariant>()});
+        else
+            send(path, revokeMessage(it.key(), type, it.value()));
     }
 }
 
@@ -219,9 +227,8 @@ CMReply<void> PowerNodeRequest::notify()
 
     QList<CMVoidReply> notifications;
     forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::revoke,
-                            [this, &notifications](const VelaPowerManagerModuleRegister& registration,
-                                                   const VelaPowerManagerRevokeMessage& message) {
-                                notifications.append(notifyModule(registration.revokeResourcesPath(), message));
+                            [this, &notifications](const CMPath& path, const VelaPowerManagerRevokeMessage& message) {
+                                notifications.append(notifyModule(path, message));
                             });
 
     // The modules' answers are waited for but not judged: a module that
@@ -274,9 +281,8 @@ CMReply<void> PowerNodeRequest::execute()
             VELA_TRACE("nodeRequest id: " << m_id << " all actions finished");
             // Told after the fact; nobody waits for these answers.
             forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::postRevoke,
-                                    [this](const VelaPowerManagerModuleRegister& registration,
-                                           const VelaPowerManagerRevokeMessage& message) {
-                                        notifyModule(registration.postRevokeResourcesPath(), message);
+                                    [this](const CMPath& path, const VelaPowerManagerRevokeMessage& message) {
+                                        notifyModule(path, message);
                                     });
             const CMError error = finished.error();
             if (error.isError())
