@@ -244,23 +244,15 @@ BENCHMARK(BM_TargetSwitch)
     ->Unit(benchmark::kMicrosecond)
     ->Complexity(benchmark::oN);
 
-// The goals, from the figures of this run.
-void printGoals(const benchsupport::RecordingReporter& reporter)
+// One goal line: the figure of `name` in real and CPU time, in `unit`.
+void printGoal(const benchsupport::RecordingReporter& reporter, const char* name, const char* what, double perUnit,
+               const char* unit, double goal)
 {
-    const char* const switching = "BM_ResourceRequestOneAtATimeSwitching";
-    const double real = reporter.nanoseconds(switching);
-    const double cpu = reporter.cpuNanoseconds(switching);
+    const double real = reporter.nanoseconds(name) / perUnit;
+    const double cpu = reporter.cpuNanoseconds(name) / perUnit;
     if (real > 0 && cpu > 0)
-        std::printf("\nA resource request that switches its resource, end to end: %.2f us real, %.2f us CPU "
-                    "(goal at most 2 us: %s)\n",
-                    real / 1e3, cpu / 1e3, real <= 2e3 && cpu <= 2e3 ? "met" : "not met");
-    const char* const queued = "BM_ResourceRequestsQueued/100000";
-    const double queuedReal = reporter.nanoseconds(queued);
-    const double queuedCpu = reporter.cpuNanoseconds(queued);
-    if (queuedReal > 0 && queuedCpu > 0)
-        std::printf("100,000 queued resource requests, queued and drained: %.3f s real, %.3f s CPU "
-                    "(goal under 1 s: %s)\n",
-                    queuedReal / 1e9, queuedCpu / 1e9, queuedReal < 1e9 && queuedCpu < 1e9 ? "met" : "not met");
+        std::printf("%s: %.3f %s real, %.3f %s CPU (goal at most %g %s: %s)\n", what, real, unit, cpu, unit, goal,
+                    unit, real <= goal && cpu <= goal ? "met" : "not met");
 }
 
 } // namespace
@@ -269,12 +261,11 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     vela::powerManagerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchsupport::RecordingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    printGoals(reporter);
-    benchmark::Shutdown();
-    return 0;
+    return benchsupport::runWithReporter(argc, argv, [](const benchsupport::RecordingReporter& reporter) {
+        std::printf("\n");
+        printGoal(reporter, "BM_ResourceRequestOneAtATimeSwitching",
+                  "A resource request that switches its resource, end to end", 1e3, "us", 2.0);
+        printGoal(reporter, "BM_ResourceRequestsQueued/100000", "100,000 queued resource requests, queued and drained",
+                  1e9, "s", 1.0);
+    });
 }

@@ -48,25 +48,12 @@ public:
 
     // Nanoseconds per iteration (the median when the run was repeated), or a
     // negative value when not measured.
-    double nanoseconds(const std::string& name) const
-    {
-        const auto found = m_samples.find(name);
-        if (found == m_samples.end() || found->second.count == 0)
-            return -1.0;
-        if (found->second.median >= 0)
-            return found->second.median;
-        return found->second.total / found->second.count;
-    }
+    double nanoseconds(const std::string& name) const { return figure(name, &Sample::total, &Sample::median); }
 
     // The same in CPU time, which a busy shared machine disturbs less.
     double cpuNanoseconds(const std::string& name) const
     {
-        const auto found = m_samples.find(name);
-        if (found == m_samples.end() || found->second.count == 0)
-            return -1.0;
-        if (found->second.cpuMedian >= 0)
-            return found->second.cpuMedian;
-        return found->second.cpuTotal / found->second.count;
+        return figure(name, &Sample::cpuTotal, &Sample::cpuMedian);
     }
 
 private:
@@ -93,8 +80,34 @@ private:
         return 1.0;
     }
 
+    double figure(const std::string& name, double Sample::*total, double Sample::*median) const
+    {
+        const auto found = m_samples.find(name);
+        if (found == m_samples.end() || found->second.count == 0)
+            return -1.0;
+        if (found->second.*median >= 0)
+            return found->second.*median;
+        return found->second.*total / found->second.count;
+    }
+
     std::map<std::string, Sample> m_samples;
 };
+
+// Runs the benchmarks selected on the command line through a recording
+// reporter, then hands it to `summary`. The caller makes the application
+// object first.
+template <typename Summary>
+int runWithReporter(int argc, char** argv, Summary summary)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RecordingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    summary(reporter);
+    benchmark::Shutdown();
+    return 0;
+}
 
 } // namespace benchsupport
 
