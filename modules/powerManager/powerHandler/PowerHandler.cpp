@@ -157,9 +157,16 @@ void PowerHandler::processNextRequest()
     // The continuations find out whether the handler still exists: one
     // destroyed while its request ran leaves the rest of the work undone
     // instead of calling into freed memory.
+    // The finish continuation holds its share of the request weakly: it is
+    // stored in the request's own reply, so a strong share would keep a
+    // request whose reply never finishes (a revoke message nobody answers)
+    // alive for ever, even after the handler is gone. While the handler
+    // lives, its queue holds the head, so the share is always there.
     request->process().onFinished(
-        [this, handler = QPointer<PowerHandler>(this), request](const CMReply<void>& processed) {
-            if (!handler)
+        [this, handler = QPointer<PowerHandler>(this), weakRequest = request.toWeakRef()](
+            const CMReply<void>& processed) {
+            const PowerNodeRequestPtr request = weakRequest.toStrongRef();
+            if (!handler || !request)
                 return;
             VELA_INFO("request id: " << request->id() << " finished");
             // After a target request, resources that no switching has touched
