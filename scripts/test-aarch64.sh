@@ -244,14 +244,19 @@ EOF
 
 run_device() {
   local console=$device_dir/console.log
-  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds)"
+  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds); console: $console"
   local start=$SECONDS
   set +e
+  # The serial console goes straight to a file, so a run can be followed
+  # while it goes (tail -f).
+  rm -f "$console"
   timeout "$timeout_s" qemu-system-aarch64 -M virt -cpu cortex-a57 -smp 2 -m 2048 \
-    -nographic -no-reboot -kernel "$kernel" -initrd "$device_dir/initramfs.cpio" \
-    -append "console=ttyAMA0 rdinit=/init panic=-1 quiet" </dev/null | tr -d '\r' >"$console"
-  local qemu_status=${PIPESTATUS[0]}
+    -display none -monitor none -serial "file:$console" -nic none -no-reboot \
+    -kernel "$kernel" -initrd "$device_dir/initramfs.cpio" \
+    -append "console=ttyAMA0 rdinit=/init panic=-1 loglevel=4" </dev/null
+  local qemu_status=$?
   set -e
+  sed -i 's/\r$//' "$console"
   device_seconds=$((SECONDS - start))
   grep '^@@' "$console" | sed 's/^@@ //' || true
   [ "$qemu_status" -eq 0 ] || { echo "emulator ended with status $qemu_status; console in $console" >&2; }
