@@ -65,7 +65,8 @@ setup
 rm -rf "$out"
 work=$out/work
 copy_source "$work/vela-power"
-export DEB_BUILD_OPTIONS="parallel=$(nproc 2>/dev/null || echo 2) ${DEB_BUILD_OPTIONS:-}"
+# No -dbgsym packages: the folder holds what the device and developers install.
+export DEB_BUILD_OPTIONS="parallel=$(nproc 2>/dev/null || echo 2) noddebs ${DEB_BUILD_OPTIONS:-}"
 build "$(dpkg --print-architecture)" -us -uc -b
 build arm64 -a arm64 -Pcross,nocheck -us -uc -b
 mv "$work"/*.deb "$out"/

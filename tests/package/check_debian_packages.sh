@@ -45,8 +45,10 @@ cmake --build "$work/with-cmake" >/dev/null
 run_service "$work/with-cmake/example_service"
 
 # pkg-config must find the package's files only, not a build tree's.
-flags=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs vela_powerHandler)
-case $flags in *"$root/usr/include/vela"*) ;; *) echo "pkg-config points outside the package: $flags" >&2; exit 1 ;; esac
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+includedir=$(realpath -m "$(pkg-config --variable=includedir vela_powerHandler)")
+[ "$includedir" = "$root/usr/include/vela" ] || { echo "pkg-config points outside the package: $includedir" >&2; exit 1; }
+flags=$(pkg-config --cflags --libs vela_powerHandler)
 # shellcheck disable=SC2086 # the flags are separate words
 g++ -std=c++17 -fPIC "$source_dir/examples/example_service.cpp" -o "$work/with-pkg-config" $flags
 run_service "$work/with-pkg-config"
