@@ -6,6 +6,8 @@
 # Then lintian checks them (no errors allowed) and the example service is
 # built against the unpacked packages of the build machine.
 #   bash scripts/package.sh [folder]        (default: build-packages)
+#   VELA_PACKAGE_PROFILES=nodoc  extra build profiles for both builds (nodoc
+#                                leaves out the documentation package)
 # The packages are built from a copy of the source tree in folder/work, so
 # the tree itself stays clean.
 set -euo pipefail
@@ -67,8 +69,9 @@ work=$out/work
 copy_source "$work/vela-power"
 # No -dbgsym packages: the folder holds what the device and developers install.
 export DEB_BUILD_OPTIONS="parallel=$(nproc 2>/dev/null || echo 2) noddebs ${DEB_BUILD_OPTIONS:-}"
-build "$(dpkg --print-architecture)" -us -uc -b
-build arm64 -a arm64 -Pcross,nocheck -us -uc -b
+extra=${VELA_PACKAGE_PROFILES:-}
+build "$(dpkg --print-architecture)" ${extra:+-P$extra} -us -uc -b
+build arm64 -a arm64 -Pcross,nocheck${extra:+,$extra} -us -uc -b
 mv "$work"/*.deb "$out"/
 
 echo "== lintian"
