@@ -14,7 +14,7 @@
 # Environment:
 #   BUILD_DIR            cross-build folder (default: build-aarch64)
 #   DEVICE_SEEDS         seeds of the handler's property run on the device
-#                        (default: 10; the host runs 100)
+#                        (default: 3; the host runs 100)
 #   DEVICE_TIMEOUT_S     time limit of the whole emulated run (default: 3600)
 #   VELA_WERROR          ON to turn warnings into errors
 set -euo pipefail
@@ -41,7 +41,7 @@ done
 
 build_dir=$(realpath -m "${BUILD_DIR:-build-aarch64}")
 device_dir=$build_dir/device
-device_seeds=${DEVICE_SEEDS:-10}
+device_seeds=${DEVICE_SEEDS:-3}
 timeout_s=${DEVICE_TIMEOUT_S:-3600}
 triplet=aarch64-linux-gnu
 
@@ -225,7 +225,7 @@ run() {
   if [ \$rc -ne 0 ]; then
     sed "s/^/@@ \$name | /" /tmp/\$name.log
   else
-    grep -E '^\[==========\]|^\[  (PASSED|FAILED|SKIPPED) |answered' /tmp/\$name.log | sed "s/^/@@ \$name | /"
+    grep -E '^\[==========\]|^\[  (PASSED|FAILED|SKIPPED) |requests answered' /tmp/\$name.log | sed "s/^/@@ \$name | /"
   fi
   echo "@@ result \$name \$rc \$((end - start))"
 }
@@ -263,9 +263,17 @@ run_device() {
   grep -q '^@@ done' "$console" || { echo "the device run did not finish; console in $console" >&2; return 1; }
 }
 
+# The number on a program's "[  PASSED  ] N tests." or "[  FAILED  ] N
+# tests, listed below:" line; 0 without one.
+count_of() {
+  local found
+  found=$(sed -n "s/^@@ $1 | \[  $2  \] \([0-9]*\) tests\?[.,].*/\1/p" "$device_dir/console.log" | head -1)
+  echo "${found:-0}"
+}
+
 # Adds up the test programs' counts and fails if any program failed.
 report() {
-  local console=$device_dir/console.log failed=0 programs=0 tests=0 passed=0
+  local console=$device_dir/console.log failed=0 programs=0 tests=0 passed=0 tests_passed=0 tests_failed=0
   local name rc centis count
   echo
   echo "AArch64 results (emulated: qemu-system-aarch64 -M virt -cpu cortex-a57 -smp 2):"
@@ -280,11 +288,17 @@ report() {
     else
       failed=$((failed + 1))
     fi
+    tests_passed=$((tests_passed + $(count_of "$name" PASSED)))
+    # A program that died before its summary counts as one failed test.
+    count=$(count_of "$name" FAILED)
+    [ "$rc" -ne 0 ] && [ "$count" -eq 0 ] && count=1
+    tests_failed=$((tests_failed + count))
   done < <(grep '^@@ result ' "$console")
   echo "  total: $programs programs, $tests tests; $passed programs passed, $failed failed;" \
     "device run ${device_seconds} s"
   file -L "$(find "$build_dir/api" -maxdepth 1 -name 'libvela_api.so')" \
     "$(find "$build_dir/modules" -name 'libvela_powerHandler.so')"
+  echo "$tests_passed passed, $tests_failed failed"
   [ "$programs" -eq "$expected_programs" ] ||
     { echo "$programs of $expected_programs programs reported" >&2; return 1; }
   [ "$failed" -eq 0 ]
