@@ -1,12 +1,14 @@
 #ifndef VELA_TOOLS_GRAPHFILE_H
 #define VELA_TOOLS_GRAPHFILE_H
 
+#include "jsonnode.h"
+
 #include "velapowerenums.h"
 
 #include <QHash>
 #include <QList>
+#include <QVector>
 #include <QString>
-#include <QStringList>
 #include <QVariant>
 
 /*
@@ -15,8 +17,22 @@
  * time-outs), targets (what they enable and disable, which targets may follow
  * them), how the simulated platform answers each path, and the requests to
  * make. See examples/graphs/ for complete files.
+ *
+ * Every name keeps the place where the file writes it, so that whatever is
+ * said about the graph later can point back into the file.
+ *
+ *   GraphFile graph;
+ *   GraphFile::Failure failure;
+ *   if (!GraphFile::load("handheld.json", &graph, &failure))
+ *       std::cerr << failure.message().toStdString();  // "handheld.json:3:7: ..."
  */
 struct GraphFile {
+    struct Reference {
+        QString name;
+        TextPlace place;
+    };
+    using ReferenceList = QVector<Reference>;
+
     struct Write {
         bool present = false;
         QString path;
@@ -25,24 +41,35 @@ struct GraphFile {
     };
     struct Module {
         QString name;
+        TextPlace place;
         QString revokePath;
         QString postRevokePath;
     };
+    // A module's starting action on a resource.
+    struct Claim {
+        QString module;
+        TextPlace place;
+        VelaPowerModuleActions::Enum action = VelaPowerModuleActions::release;
+    };
     struct Resource {
         QString name;
+        TextPlace place;
         VelaPowerManagerResources::Enum value = VelaPowerManagerResources::display;
         int timeoutMs = 5000;
         Write enable;
         Write disable;
-        QStringList required;
-        QList<QPair<QString, VelaPowerModuleActions::Enum>> modules;
+        ReferenceList required;
+        QList<Claim> modules;
     };
     struct Target {
         QString name;
+        TextPlace place;
         VelaPowerManagerTargets::Enum value = VelaPowerManagerTargets::off;
-        QStringList enables;
-        QStringList disables;
-        QStringList reachable;
+        // Resources; a target may also name itself here, an edge the library
+        // drops (verify warns about it).
+        ReferenceList enables;
+        ReferenceList disables;
+        ReferenceList reachable;
         bool reachableGiven = false;
     };
     // How the simulated owner of a path answers.
@@ -54,9 +81,21 @@ struct GraphFile {
     struct Request {
         enum Kind { Target, Resource } kind = Target;
         QString name;
+        TextPlace place;
         QString module;
+        TextPlace modulePlace;
         VelaPowerModuleActions::Enum action = VelaPowerModuleActions::hold;
         int atMs = 0;
+    };
+    // Why a file was refused: where, along the path of keys to the value
+    // ("resources[1].requires[0]"), and what is wrong there.
+    struct Failure {
+        QString fileName;
+        TextPlace place;
+        QString where;
+        QString what;
+        // "file:line:column: where: what" (without the parts not known).
+        QString message() const;
     };
 
     QList<Module> modules;
@@ -65,10 +104,25 @@ struct GraphFile {
     QHash<QString, Answer> platform;
     QList<Request> requests;
 
-    // Parses and checks a file. On failure returns false and sets `error` to
-    // a message naming the place in the file ("resources[1].requires[0]: ...").
-    static bool load(const QString& fileName, GraphFile* graph, QString* error);
-    static bool parse(const QByteArray& json, GraphFile* graph, QString* error);
+    // Whether a valid file's new names become the enumerations' texts (for
+    // running the graph: log lines and snapshots then show them), or are
+    // only checked against them (for checking a file, which must not leave
+    // names behind that a second file would clash with).
+    enum class Naming { Register, CheckOnly };
+
+    // Parses and checks a file's bytes; `fileName` only names it in the
+    // failure. A file is either taken whole or refused whole: a refused file
+    // leaves no names registered with the enumerations.
+    static bool parse(const QByteArray& json, const QString& fileName, GraphFile* graph, Failure* failure,
+                      Naming naming = Naming::Register);
+    // Reads the file and parses it; a file that cannot be read is a failure
+    // without a place.
+    static bool load(const QString& fileName, GraphFile* graph, Failure* failure, Naming naming = Naming::Register);
+
+    // Lookups by name; null when the file defines none.
+    const Resource* resource(const QString& name) const;
+    const Target* target(const QString& name) const;
+    const Module* module(const QString& name) const;
 };
 
 #endif

@@ -1,7 +1,5 @@
 #include "simulatedplatform.h"
 
-#include "timeline.h"
-
 #include "cmrootworker.h"
 #include "dbglog.h"
 
@@ -12,8 +10,35 @@
 
 namespace {
 
-// Revoke messages list resources as integers; the timeline names them.
-QString describe(const VelaHash& message)
+// Answers `reply` as `answer` says, telling the listener when the answer is
+// not immediate.
+void answer(const GraphFile::Answer& answer, const CMReply<QVariant>& reply, const QVariant& value,
+            const QString& what, const SimulatedPlatform::Call& call, const SimulatedPlatform::Listener& listener)
+{
+    switch (answer.kind) {
+    case GraphFile::Answer::Immediate:
+        reply.setValue(value);
+        return;
+    case GraphFile::Answer::Error:
+        listener("fails", what + ": " + answer.error, call);
+        reply.setError(CMError(QStringLiteral("org.vela.Simulation.Error"), TrString(answer.error)));
+        return;
+    case GraphFile::Answer::Delayed:
+        QTimer::singleShot(answer.delayMs, [reply, value, what, call, listener]() {
+            listener("answered", what, call);
+            reply.setValue(value);
+        });
+        return;
+    case GraphFile::Answer::Never:
+    case GraphFile::Answer::Absent:
+        listener("ignored", what, call);
+        return;
+    }
+}
+
+} // namespace
+
+QString SimulatedPlatform::describe(const VelaHash& message)
 {
     VelaHash readable = message;
     const QString revoked = QStringLiteral("revokeResources");
@@ -28,37 +53,10 @@ QString describe(const VelaHash& message)
     return QString::fromStdString(text.str());
 }
 
-// Answers `reply` as `answer` says, telling the timeline when the answer is
-// not immediate.
-void answer(const GraphFile::Answer& answer, const CMReply<QVariant>& reply, const QVariant& value,
-            const QString& what, Timeline& timeline)
-{
-    switch (answer.kind) {
-    case GraphFile::Answer::Immediate:
-        reply.setValue(value);
-        return;
-    case GraphFile::Answer::Error:
-        timeline.add("fails", what + ": " + answer.error);
-        reply.setError(CMError(QStringLiteral("org.vela.Simulation.Error"), TrString(answer.error)));
-        return;
-    case GraphFile::Answer::Delayed:
-        QTimer::singleShot(answer.delayMs, [reply, value, what, &timeline]() {
-            timeline.add("answered", what);
-            reply.setValue(value);
-        });
-        return;
-    case GraphFile::Answer::Never:
-    case GraphFile::Answer::Absent:
-        timeline.add("ignored", what);
-        return;
-    }
-}
-
-} // namespace
-
-SimulatedPlatform::SimulatedPlatform(const GraphFile& graph, Timeline& timeline)
+SimulatedPlatform::SimulatedPlatform(const GraphFile& graph, Answering answering, Listener listener)
     : m_graph(graph)
-    , m_timeline(timeline)
+    , m_answering(answering)
+    , m_listener(std::move(listener))
 {
     for (const GraphFile::Resource& resource : graph.resources) {
         for (const GraphFile::Write* write : {&resource.enable, &resource.disable}) {
@@ -85,6 +83,8 @@ SimulatedPlatform::~SimulatedPlatform()
 
 GraphFile::Answer SimulatedPlatform::answerFor(const QString& path) const
 {
+    if (m_answering == Answering::AtOnce)
+        return GraphFile::Answer();
     return m_graph.platform.value(path);
 }
 
@@ -94,13 +94,14 @@ void SimulatedPlatform::addDataPath(const QString& path)
     if (behaviour.kind == GraphFile::Answer::Absent || m_dataPaths.contains(CMPath(path)))
         return;
     m_dataPaths.insert(CMPath(path));
-    Timeline& timeline = m_timeline;
+    const Listener listener = m_listener;
     CMRootWorker::instance()->registerSetDataHandler(
-        CMPath(path), [behaviour, &timeline](const CMPath& target, const QString& key, const QVariant& value,
-                                             CMReply<QVariant> reply) {
+        CMPath(path), [behaviour, listener](const CMPath& target, const QString& key, const QVariant& value,
+                                            CMReply<QVariant> reply) {
+            const Call call{Call::Write, target.toString(), key, value, VelaHash()};
             const QString what = target.toString() + " " + key + " = " + value.toString();
-            timeline.add("write", what);
-            answer(behaviour, reply, value, what, timeline);
+            listener("write", what, call);
+            answer(behaviour, reply, value, what, call, listener);
         });
 }
 
@@ -110,11 +111,12 @@ void SimulatedPlatform::addInvokePath(const QString& path)
     if (behaviour.kind == GraphFile::Answer::Absent || m_invokePaths.contains(CMPath(path)))
         return;
     m_invokePaths.insert(CMPath(path));
-    Timeline& timeline = m_timeline;
+    const Listener listener = m_listener;
     CMRootWorker::instance()->registerInvokeHandler(
-        CMPath(path), [behaviour, &timeline](const CMPath& target, const VelaHash& message, CMReply<QVariant> reply) {
+        CMPath(path), [behaviour, listener](const CMPath& target, const VelaHash& message, CMReply<QVariant> reply) {
+            const Call call{Call::Message, target.toString(), QString(), QVariant(), message};
             const QString what = target.toString() + " " + describe(message);
-            timeline.add("message", what);
-            answer(behaviour, reply, QVariant(), what, timeline);
+            listener("message", what, call);
+            answer(behaviour, reply, QVariant(), what, call, listener);
         });
 }

@@ -1,10 +1,10 @@
 #ifndef VELA_TOOLS_TIMELINE_H
 #define VELA_TOOLS_TIMELINE_H
 
+#include "librarylog.h"
+
 #include <QElapsedTimer>
 #include <QString>
-
-#include <log4cplus/appender.h>
 
 #include <ostream>
 
@@ -20,7 +20,6 @@ class Timeline
 {
 public:
     explicit Timeline(std::ostream& out);
-    ~Timeline();
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
 
@@ -29,11 +28,12 @@ public:
     void showLibraryLog(log4cplus::LogLevel level);
 
 private:
-    class LogForwarder;
+    void addLibraryRecord(const LibraryLog::Record& record);
 
     std::ostream& m_out;
     QElapsedTimer m_clock;
-    log4cplus::SharedAppenderPtr m_forwarder;
+    log4cplus::LogLevel m_shownLevel = log4cplus::OFF_LOG_LEVEL;
+    LibraryLog m_log;
 };
 
 #endif

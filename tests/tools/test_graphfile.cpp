@@ -12,21 +12,38 @@
 
 namespace {
 
-GraphFile parsed(const char* json)
+const QString kFileName = QStringLiteral("graph.json");
+
+GraphFile parsed(const QByteArray& json)
 {
     GraphFile graph;
-    QString error;
-    EXPECT_TRUE(GraphFile::parse(QByteArray(json), &graph, &error)) << error.toStdString();
+    GraphFile::Failure failure;
+    EXPECT_TRUE(GraphFile::parse(json, kFileName, &graph, &failure)) << failure.message().toStdString();
     return graph;
 }
 
-QString refusal(const char* json)
+GraphFile::Failure refused(const QByteArray& json)
 {
     GraphFile graph;
-    QString error;
-    EXPECT_FALSE(GraphFile::parse(QByteArray(json), &graph, &error)) << json;
-    EXPECT_FALSE(error.isEmpty()) << json;
-    return error;
+    GraphFile::Failure failure;
+    EXPECT_FALSE(GraphFile::parse(json, kFileName, &graph, &failure)) << json.toStdString();
+    EXPECT_FALSE(failure.what.isEmpty()) << json.toStdString();
+    return failure;
+}
+
+QStringList names(const GraphFile::ReferenceList& list)
+{
+    QStringList result;
+    for (const GraphFile::Reference& reference : list)
+        result.append(reference.name);
+    return result;
+}
+
+// Where and what, without the file's name and place (checked on their own).
+QString refusal(const QByteArray& json)
+{
+    const GraphFile::Failure failure = refused(json);
+    return failure.where.isEmpty() ? failure.what : failure.where + ": " + failure.what;
 }
 
 } // namespace
@@ -78,10 +95,12 @@ TEST(GraphFile, EmptyObjectIsAnEmptyGraph)
 TEST(GraphFile, ParsingReplacesWhatTheGraphHeldBefore)
 {
     GraphFile graph;
-    QString error;
-    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "one"}], "resources": [{"name": "audio"}]})", &graph, &error))
-        << error.toStdString();
-    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "two"}]})", &graph, &error)) << error.toStdString();
+    GraphFile::Failure failure;
+    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "one"}], "resources": [{"name": "audio"}]})", kFileName,
+                                 &graph, &failure))
+        << failure.message().toStdString();
+    ASSERT_TRUE(GraphFile::parse(R"({"modules": [{"name": "two"}]})", kFileName, &graph, &failure))
+        << failure.message().toStdString();
     ASSERT_EQ(graph.modules.size(), 1);
     EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("two"));
     EXPECT_TRUE(graph.resources.isEmpty());
@@ -104,8 +123,8 @@ TEST(GraphFile, ReadsWritesModulesTimeoutsAndRequests)
     EXPECT_EQ(audio.enable.key, QStringLiteral("on"));
     EXPECT_EQ(audio.enable.value, QVariant(true));
     ASSERT_EQ(audio.modules.size(), 1);
-    EXPECT_EQ(audio.modules.at(0).first, QStringLiteral("media"));
-    EXPECT_EQ(audio.modules.at(0).second, VelaPowerModuleActions::use);
+    EXPECT_EQ(audio.modules.at(0).module, QStringLiteral("media"));
+    EXPECT_EQ(audio.modules.at(0).action, VelaPowerModuleActions::use);
     ASSERT_EQ(graph.modules.size(), 1);
     EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("media"));
     EXPECT_EQ(graph.modules.at(0).revokePath, QStringLiteral("/m/r"));
@@ -167,21 +186,23 @@ TEST(GraphFile, EdgesReachableTargetsAndStartingActionsAreReadInOrder)
                     {"name": "active", "reachable": ["standby", "active"]}]})");
     ASSERT_EQ(graph.resources.size(), 3);
     const GraphFile::Resource& speaker = graph.resources.at(2);
-    EXPECT_EQ(speaker.required, (QStringList{"audio", "display"}));
+    EXPECT_EQ(names(speaker.required), (QStringList{"audio", "display"}));
     ASSERT_EQ(speaker.modules.size(), 2);
-    EXPECT_EQ(speaker.modules.at(0), qMakePair(QStringLiteral("media"), VelaPowerModuleActions::hold));
-    EXPECT_EQ(speaker.modules.at(1), qMakePair(QStringLiteral("phone"), VelaPowerModuleActions::release));
+    EXPECT_EQ(speaker.modules.at(0).module, QStringLiteral("media"));
+    EXPECT_EQ(speaker.modules.at(0).action, VelaPowerModuleActions::hold);
+    EXPECT_EQ(speaker.modules.at(1).module, QStringLiteral("phone"));
+    EXPECT_EQ(speaker.modules.at(1).action, VelaPowerModuleActions::release);
     EXPECT_TRUE(speaker.disable.present);
     EXPECT_EQ(speaker.disable.path, QStringLiteral("/hw/s"));
     EXPECT_EQ(speaker.disable.value.toInt(), 0);
     ASSERT_EQ(graph.targets.size(), 2);
-    EXPECT_EQ(graph.targets.at(0).enables, (QStringList{"audio"}));
-    EXPECT_EQ(graph.targets.at(0).disables, (QStringList{"display", "speaker"}));
+    EXPECT_EQ(names(graph.targets.at(0).enables), (QStringList{"audio"}));
+    EXPECT_EQ(names(graph.targets.at(0).disables), (QStringList{"display", "speaker"}));
     // An empty list given is not the same as no list.
     EXPECT_TRUE(graph.targets.at(0).reachableGiven);
     EXPECT_TRUE(graph.targets.at(0).reachable.isEmpty());
     EXPECT_TRUE(graph.targets.at(1).reachableGiven);
-    EXPECT_EQ(graph.targets.at(1).reachable, (QStringList{"standby", "active"}));
+    EXPECT_EQ(names(graph.targets.at(1).reachable), (QStringList{"standby", "active"}));
 }
 
 TEST(GraphFile, EveryFormOfPlatformAnswerIsRead)
@@ -220,11 +241,11 @@ TEST(GraphFile, EveryActionNameIsReadForRequests)
 TEST(GraphFile, RefusalsNameThePlaceInTheFile)
 {
     EXPECT_TRUE(refusal("[1, 2]").contains("one JSON object"));
-    EXPECT_TRUE(refusal("{").startsWith("invalid JSON at offset"));
+    EXPECT_TRUE(refusal("{").startsWith("invalid JSON: "));
     EXPECT_EQ(refusal(R"({"resources": [{"name": "a"}, {"name": "a"}]})"),
               QStringLiteral("resources[1].name: resource \"a\" is listed twice"));
     EXPECT_EQ(refusal(R"({"resources": [{"name": "a", "timeoutMs": -1}]})"),
-              QStringLiteral("resources[0].timeoutMs: expected an integer >= 0"));
+              QStringLiteral("resources[0].timeoutMs: expected an integer from 0 to 2147483647"));
     EXPECT_EQ(refusal(R"({"targets": [{"name": "t", "reachable": ["u"]}]})"),
               QStringLiteral("targets[0].reachable[0]: unknown target \"u\""));
     EXPECT_EQ(refusal(R"({"requests": [{"target": "t", "resource": "r"}]})"),
@@ -260,11 +281,11 @@ class GraphFileRefusal : public ::testing::TestWithParam<RefusedFile>
 const RefusedFile kRefusedFiles[] = {
     {"NotAnObject", "[]", "the file must hold one JSON object"},
     {"UnknownTopLevelKey", R"({"nodes": []})",
-     "nodes: unknown key (expected one of: modules, resources, targets, platform, requests)"},
+     "unknown key \"nodes\" (expected one of: modules, resources, targets, platform, requests)"},
     {"UnknownKeyInATarget", R"({"targets": [{"name": "t", "enabled": []}]})",
-     "targets[0].enabled: unknown key (expected one of: name, value, enables, disables, reachable)"},
+     "targets[0]: unknown key \"enabled\" (expected one of: name, value, enables, disables, reachable)"},
     {"UnknownKeyInAWrite", R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": 1, "x": 0}}]})",
-     "resources[0].enable.x: unknown key (expected one of: path, key, value)"},
+     "resources[0].enable: unknown key \"x\" (expected one of: path, key, value)"},
     {"ListThatIsNoArray", R"({"modules": {}})", "modules: expected an array"},
     {"EntryThatIsNoObject", R"({"resources": [1]})", "resources[0]: expected an object"},
     {"ModuleWithoutName", R"({"modules": [{"revokePath": "/r"}]})", "modules[0]: missing \"name\""},
@@ -278,13 +299,13 @@ const RefusedFile kRefusedFiles[] = {
      "targets[1].name: target \"t\" is listed twice"},
     {"ValueUsedTwice", R"({"resources": [{"name": "twiceA", "value": 4100}, {"name": "twiceB", "value": 4100}]})",
      "resources[1].value: value 4100 is used twice"},
-    {"NegativeValue", R"({"targets": [{"name": "t", "value": -2}]})", "targets[0].value: expected an integer >= 0"},
+    {"NegativeValue", R"({"targets": [{"name": "t", "value": -2}]})", "targets[0].value: expected an integer from 0 to 2147483647"},
     {"FractionalTimeout", R"({"resources": [{"name": "a", "timeoutMs": 1.5}]})",
-     "resources[0].timeoutMs: expected an integer >= 0"},
+     "resources[0].timeoutMs: expected an integer from 0 to 2147483647"},
     {"TimeoutAsText", R"({"resources": [{"name": "a", "timeoutMs": "5"}]})",
-     "resources[0].timeoutMs: expected an integer >= 0"},
+     "resources[0].timeoutMs: expected an integer from 0 to 2147483647"},
     {"TimeoutBeyondTheIntegerRange", R"({"resources": [{"name": "a", "timeoutMs": 1e10}]})",
-     "resources[0].timeoutMs: expected an integer >= 0"},
+     "resources[0].timeoutMs: expected an integer from 0 to 2147483647"},
     {"WriteThatIsNoObject", R"({"resources": [{"name": "a", "disable": "/p"}]})",
      "resources[0].disable: expected an object"},
     {"WriteWithoutPath", R"({"resources": [{"name": "a", "enable": {"key": "k", "value": 1}}]})",
@@ -294,7 +315,7 @@ const RefusedFile kRefusedFiles[] = {
     {"RequirementsThatAreNoArray", R"({"resources": [{"name": "a", "requires": "b"}]})",
      "resources[0].requires: expected an array"},
     {"RequirementThatIsNoName", R"({"resources": [{"name": "a", "requires": [1]}]})",
-     "resources[0].requires[0]: expected a name"},
+     "resources[0].requires[0]: expected a non-empty string"},
     {"UnknownRequirement", R"({"resources": [{"name": "a"}, {"name": "b", "requires": ["a", "c"]}]})",
      "resources[1].requires[1]: unknown resource \"c\""},
     {"StartingActionsThatAreNoObject", R"({"resources": [{"name": "a", "modules": ["m"]}]})",
@@ -310,11 +331,11 @@ const RefusedFile kRefusedFiles[] = {
      "platform./p: expected \"immediate\", \"never\", \"absent\", {\"delayMs\": n} or {\"error\": \"text\"}"},
     {"AnswerWithoutDelayOrError", R"({"platform": {"/p": {}}})", "platform./p: missing \"delayMs\" or \"error\""},
     {"AnswerWithANegativeDelay", R"({"platform": {"/p": {"delayMs": -1}}})",
-     "platform./p.delayMs: expected an integer >= 0"},
+     "platform./p.delayMs: expected an integer from 0 to 2147483647"},
     {"AnswerWithAnEmptyError", R"({"platform": {"/p": {"error": ""}}})",
      "platform./p.error: expected a non-empty string"},
     {"AnswerWithAnUnknownKey", R"({"platform": {"/p": {"delay": 1}}})",
-     "platform./p.delay: unknown key (expected one of: delayMs, error)"},
+     "platform./p: unknown key \"delay\" (expected one of: delayMs, error)"},
     {"RequestNamingNeither", R"({"requests": [{"atMs": 1}]})",
      "requests[0]: give exactly one of \"target\" and \"resource\""},
     {"ResourceRequestWithoutModule", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "action": "use"}]})",
@@ -322,7 +343,7 @@ const RefusedFile kRefusedFiles[] = {
     {"ResourceRequestWithoutAction", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m"}]})",
      "requests[0].action: expected one of \"hold\", \"use\", \"release\""},
     {"RequestAtANegativeTime", R"({"targets": [{"name": "t"}], "requests": [{"target": "t", "atMs": -3}]})",
-     "requests[0].atMs: expected an integer >= 0"},
+     "requests[0].atMs: expected an integer from 0 to 2147483647"},
 };
 
 } // namespace
@@ -364,9 +385,9 @@ TEST(GraphFile, RefusedFileGivesNoNames)
 TEST(GraphFile, ValuesBeyondTheIntegerRangeAreRefused)
 {
     EXPECT_EQ(refusal(R"({"resources": [{"name": "a", "timeoutMs": 3000000000}]})"),
-              QStringLiteral("resources[0].timeoutMs: expected an integer >= 0"));
+              QStringLiteral("resources[0].timeoutMs: expected an integer from 0 to 2147483647"));
     EXPECT_EQ(refusal(R"({"resources": [{"name": "a", "timeoutMs": 2.5}]})"),
-              QStringLiteral("resources[0].timeoutMs: expected an integer >= 0"));
+              QStringLiteral("resources[0].timeoutMs: expected an integer from 0 to 2147483647"));
 }
 
 TEST(GraphFile, ResourceRequestsMayNameModulesTheFileDoesNotList)
@@ -391,8 +412,8 @@ TEST(GraphFile, LoadReadsAFile)
     file.close();
 
     GraphFile graph;
-    QString error;
-    ASSERT_TRUE(GraphFile::load(name, &graph, &error)) << error.toStdString();
+    GraphFile::Failure failure;
+    ASSERT_TRUE(GraphFile::load(name, &graph, &failure)) << failure.message().toStdString();
     ASSERT_EQ(graph.modules.size(), 1);
     EXPECT_EQ(graph.modules.at(0).name, QStringLiteral("media"));
     ASSERT_EQ(graph.resources.size(), 1);
@@ -410,13 +431,177 @@ TEST(GraphFile, LoadRefusalsStartWithTheFileName)
     file.close();
 
     GraphFile graph;
-    QString error;
-    EXPECT_FALSE(GraphFile::load(broken, &graph, &error));
-    EXPECT_EQ(error, broken + ": resources[0].timeoutMs: expected an integer >= 0");
+    GraphFile::Failure failure;
+    EXPECT_FALSE(GraphFile::load(broken, &graph, &failure));
+    EXPECT_EQ(failure.message(), broken + ":1:43: resources[0].timeoutMs: expected an integer from 0 to 2147483647");
 
     const QString missing = dir.filePath("missing.json");
-    error.clear();
-    EXPECT_FALSE(GraphFile::load(missing, &graph, &error));
+    EXPECT_FALSE(GraphFile::load(missing, &graph, &failure));
+    const QString error = failure.message();
     EXPECT_TRUE(error.startsWith(missing + ": ")) << error.toStdString();
     EXPECT_GT(error.size(), missing.size() + 2) << "no reason given";
+}
+
+// --- Strictness: places, duplicate keys, names, ranges -------------------------
+
+TEST(GraphFileStrict, EveryRefusalCarriesFileLineAndColumn)
+{
+    const GraphFile::Failure failure = refused("{ \"resources\": [\n"
+                                               "    { \"name\": \"display\" },\n"
+                                               "    { \"name\": \"backlight\", \"requires\": [\"lamp\"] } ] }\n");
+    EXPECT_EQ(failure.place.line, 3);
+    EXPECT_EQ(failure.place.column, 41);
+    EXPECT_EQ(failure.message(), QStringLiteral("graph.json:3:41: resources[1].requires[0]: unknown resource \"lamp\""));
+}
+
+TEST(GraphFileStrict, InvalidJsonGivesLineAndColumnNotAnOffset)
+{
+    const GraphFile::Failure failure = refused("{ \"resources\": [\n  { \"name\": \"a\" },\n  ]\n}");
+    EXPECT_EQ(failure.place.line, 3);
+    EXPECT_EQ(failure.place.column, 3);
+    EXPECT_TRUE(failure.what.startsWith("invalid JSON: ")) << failure.what.toStdString();
+}
+
+TEST(GraphFileStrict, ColumnsCountCharactersNotBytes)
+{
+    EXPECT_EQ(refused(R"({"resources": [{"name": "é", "timeoutMs": -1}]})").place.column, 43);
+}
+
+TEST(GraphFileStrict, DuplicateKeyAtTheTopIsRefused)
+{
+    const GraphFile::Failure failure = refused("{ \"modules\": [ { \"name\": \"ui\" } ],\n"
+                                               "  \"modules\": [] }");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:2:3: duplicate key \"modules\" (first given at line 1, column 3)"));
+}
+
+TEST(GraphFileStrict, DuplicateKeyInsideAnEntryIsRefused)
+{
+    const GraphFile::Failure failure =
+        refused("{ \"modules\": [\n"
+                "    { \"name\": \"ui\", \"revokePath\": \"/x\", \"revokePath\": \"/y\" } ] }");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:2:41: duplicate key \"revokePath\" (first given at line 2, column 21)"));
+}
+
+TEST(GraphFileStrict, DuplicatePlatformPathIsRefused)
+{
+    EXPECT_EQ(refused(R"({"platform": {"/hw/a": "never", "/hw/a": "immediate"}})").message(),
+              QStringLiteral("graph.json:1:33: duplicate key \"/hw/a\" (first given at line 1, column 15)"));
+}
+
+TEST(GraphFileStrict, DuplicateKeyInALargeObjectIsFound)
+{
+    QByteArray json = "{\"platform\": {";
+    for (int i = 0; i < 100; ++i)
+        json += "\"/p" + QByteArray::number(i) + "\": \"never\", ";
+    json += "\"/p7\": \"never\"}}";
+    EXPECT_TRUE(refused(json).what.startsWith("duplicate key \"/p7\"")) << refused(json).what.toStdString();
+}
+
+TEST(GraphFileStrict, NewlineInANameIsRefusedAndShownEscaped)
+{
+    const GraphFile::Failure failure = refused(R"({"resources": [{"name": "a\nb"}]})");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:1:25: resources[0].name: \"a\\nb\": character \\n at position 2 is not "
+                             "printable"));
+}
+
+TEST(GraphFileStrict, ControlCharactersAreRefusedWhereverANameIsWritten)
+{
+    const char* const files[] = {
+        R"({"modules": [{"name": "be\u0007ll"}]})",
+        R"({"resources": [{"name": "a", "modules": {"x\ny": "use"}}]})",
+        R"({"resources": [{"name": "a"}], "targets": [{"name": "t", "enables": ["a\t"]}]})",
+        R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m\r", "action": "use"}]})",
+        R"({"platform": {"/hw/\u001b[2J": "never"}})",
+        R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "on\n", "value": 1}}]})",
+    };
+    for (const char* json : files) {
+        const GraphFile::Failure failure = refused(json);
+        EXPECT_TRUE(failure.what.contains("is not printable")) << failure.message().toStdString();
+        EXPECT_FALSE(failure.message().contains(QLatin1Char('\n'))) << json;
+        EXPECT_FALSE(failure.message().contains(QChar(0x1b))) << json;
+    }
+}
+
+TEST(GraphFileStrict, LongNamesAreRefusedAndCutInTheMessage)
+{
+    const QByteArray name(5 * 1024 * 1024, 'x');
+    const GraphFile::Failure failure = refused("{\"resources\": [{\"name\": \"" + name + "\"}]}");
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:1:25: resources[0].name: \"%1...\": longer than 64 characters")
+                  .arg(QString(40, QLatin1Char('x'))));
+    parsed("{\"resources\": [{\"name\": \"" + QByteArray(64, 'y') + "\"}]}");
+}
+
+TEST(GraphFileStrict, UnknownNamesAreCutInTheMessage)
+{
+    const QByteArray name(60, 'z');
+    EXPECT_EQ(refusal("{\"targets\": [{\"name\": \"t\", \"reachable\": [\"" + name + "\"]}]}"),
+              QStringLiteral("targets[0].reachable[0]: unknown target \"%1...\"").arg(QString(40, QLatin1Char('z'))));
+}
+
+TEST(GraphFileStrict, NumbersOutOfRangeSayTheAllowedRange)
+{
+    const char* const files[] = {
+        R"({"resources": [{"name": "a", "value": 2147483648}]})",
+        R"({"resources": [{"name": "a", "timeoutMs": 1e300}]})",
+        R"({"targets": [{"name": "t"}], "requests": [{"target": "t", "atMs": 99999999999999999999}]})",
+        R"({"platform": {"/p": {"delayMs": -0.5}}})",
+    };
+    for (const char* json : files)
+        EXPECT_TRUE(refused(json).what.endsWith("expected an integer from 0 to 2147483647")) << json;
+}
+
+TEST(GraphFileStrict, DeepNestingIsRefused)
+{
+    const QByteArray nested = QByteArray(100, '[') + QByteArray(100, ']');
+    const GraphFile::Failure failure = refused(
+        R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": )" + nested + "}}]}");
+    EXPECT_EQ(failure.what, QStringLiteral("nesting deeper than 64 levels"));
+}
+
+TEST(GraphFileStrict, DataAfterANulByteIsRefused)
+{
+    const GraphFile::Failure failure = refused(QByteArray("{}\0{}", 5));
+    EXPECT_EQ(failure.place.column, 3);
+    EXPECT_EQ(failure.what, QStringLiteral("invalid JSON: unexpected data after the document"));
+}
+
+TEST(GraphFileStrict, InvalidUtf8IsRefused)
+{
+    EXPECT_TRUE(refused("{\"modules\": [{\"name\": \"\xff\"}]}").what.startsWith("invalid JSON: "));
+}
+
+TEST(GraphFileStrict, NamesKeepTheirPlaces)
+{
+    const GraphFile graph = parsed("{ \"resources\": [ { \"name\": \"a\" },\n"
+                                   "  { \"name\": \"b\", \"requires\": [\"a\"], \"modules\": { \"m\": \"use\" } } ],\n"
+                                   "  \"requests\": [ { \"resource\": \"b\", \"module\": \"m\", \"action\": \"use\" } ] }");
+    ASSERT_EQ(graph.resources.size(), 2);
+    EXPECT_EQ(graph.resources.at(0).place.line, 1);
+    EXPECT_EQ(graph.resources.at(0).place.column, 28);
+    const GraphFile::Resource& b = graph.resources.at(1);
+    EXPECT_EQ(b.place.line, 2);
+    EXPECT_EQ(b.place.column, 13);
+    ASSERT_EQ(b.required.size(), 1);
+    EXPECT_EQ(b.required.at(0).place.column, 31);
+    ASSERT_EQ(b.modules.size(), 1);
+    EXPECT_EQ(b.modules.at(0).place.column, 50);
+    ASSERT_EQ(graph.requests.size(), 1);
+    EXPECT_EQ(graph.requests.at(0).place.line, 3);
+    EXPECT_EQ(graph.requests.at(0).place.column, 31);
+    EXPECT_EQ(graph.requests.at(0).modulePlace.column, 46);
+}
+
+TEST(GraphFileStrict, ATargetMayNameItselfInItsLists)
+{
+    // Not an unknown resource: the library drops such an edge and verify
+    // says so.
+    const GraphFile graph = parsed(R"({"targets": [{"name": "t", "enables": ["t"], "disables": ["t"]}]})");
+    ASSERT_EQ(graph.targets.size(), 1);
+    EXPECT_EQ(names(graph.targets.at(0).enables), QStringList{"t"});
+    EXPECT_EQ(refusal(R"({"targets": [{"name": "t", "enables": ["u"]}, {"name": "u"}]})"),
+              QStringLiteral("targets[0].enables[0]: unknown resource \"u\""));
 }

@@ -1,0 +1,120 @@
+#include "powergraph.h"
+
+#include "PowerHandler.h"
+#include "PowerNode.h"
+
+PowerGraph::PowerGraph(const GraphFile& file)
+    : m_file(file)
+{
+    m_owned.reserve(static_cast<size_t>(file.resources.size() + file.targets.size()));
+    for (const GraphFile::Resource& entry : file.resources)
+        m_resources.insert(entry.name, makeResource(entry));
+    for (const GraphFile::Target& entry : file.targets)
+        m_targets.insert(entry.name, makeTarget(entry));
+    // Edges after all nodes exist; refused edges are logged by the nodes.
+    for (const GraphFile::Resource& entry : file.resources)
+        wireResource(entry);
+    for (const GraphFile::Target& entry : file.targets)
+        wireTarget(entry);
+}
+
+PowerGraph::~PowerGraph() = default;
+
+void PowerGraph::registerWith(PowerHandler& handler) const
+{
+    // The power manager acts as a module for every target request.
+    handler.registerModule(VelaPowerManagerModuleRegister(VelaPowerManagerName(), CMPath(), CMPath()));
+    for (const GraphFile::Module& module : m_file.modules)
+        handler.registerModule(
+            VelaPowerManagerModuleRegister(module.name, CMPath(module.revokePath), CMPath(module.postRevokePath)));
+    for (const GraphFile::Resource& entry : m_file.resources)
+        handler.registerResource(m_resources.value(entry.name));
+    for (const GraphFile::Target& entry : m_file.targets)
+        handler.registerTarget(m_targets.value(entry.name));
+}
+
+QList<GraphFile::Reference> PowerGraph::skippedSelfEdges() const
+{
+    return m_skippedSelfEdges;
+}
+
+PowerResource* PowerGraph::resource(const QString& name) const
+{
+    return m_resources.value(name);
+}
+
+PowerTarget* PowerGraph::target(const QString& name) const
+{
+    return m_targets.value(name);
+}
+
+PowerNode* PowerGraph::node(const QString& name) const
+{
+    if (PowerResource* found = resource(name))
+        return found;
+    return target(name);
+}
+
+const GraphFile& PowerGraph::file() const
+{
+    return m_file;
+}
+
+PowerResource* PowerGraph::makeResource(const GraphFile::Resource& entry)
+{
+    auto* resource = new PowerResource(entry.value, entry.timeoutMs);
+    m_owned.emplace_back(resource);
+    if (entry.enable.present)
+        resource->setOnEnableActionRequest(
+            CMSetDataRequest(CMPath(entry.enable.path), entry.enable.key, entry.enable.value));
+    if (entry.disable.present)
+        resource->setOnDisableActionRequest(
+            CMSetDataRequest(CMPath(entry.disable.path), entry.disable.key, entry.disable.value));
+    for (const GraphFile::Claim& claim : entry.modules)
+        resource->addModule(claim.module, claim.action);
+    return resource;
+}
+
+PowerTarget* PowerGraph::makeTarget(const GraphFile::Target& entry)
+{
+    auto* target = new PowerTarget(entry.value);
+    m_owned.emplace_back(target);
+    return target;
+}
+
+void PowerGraph::wireResource(const GraphFile::Resource& entry)
+{
+    PowerResource* resource = m_resources.value(entry.name);
+    for (const GraphFile::Reference& required : entry.required) {
+        if (required.name == entry.name) {
+            m_skippedSelfEdges.append(required);
+            continue;
+        }
+        resource->requiresResource(m_resources.value(required.name));
+    }
+}
+
+// What a target's list names: a resource, or the target itself (an edge the
+// library drops on its own, without harm, since a target's edges are stored
+// on its side only).
+PowerNode* PowerGraph::edgeEnd(const GraphFile::Target& target, const QString& name) const
+{
+    if (PowerResource* found = resource(name))
+        return found;
+    return name == target.name ? this->target(name) : nullptr;
+}
+
+void PowerGraph::wireTarget(const GraphFile::Target& entry)
+{
+    PowerTarget* target = m_targets.value(entry.name);
+    for (const GraphFile::Reference& name : entry.enables)
+        target->requiresNode(edgeEnd(entry, name.name));
+    for (const GraphFile::Reference& name : entry.disables)
+        target->requiredByNode(edgeEnd(entry, name.name));
+    if (entry.reachableGiven) {
+        QList<const PowerTarget*> reachable;
+        for (const GraphFile::Reference& name : entry.reachable)
+            reachable.append(m_targets.value(name.name));
+        target->setReachableTargets(reachable);
+    }
+}

@@ -1,0 +1,66 @@
+#ifndef VELA_TOOLS_POWERGRAPH_H
+#define VELA_TOOLS_POWERGRAPH_H
+
+#include "graphfile.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+class PowerHandler;
+class PowerNode;
+class PowerResource;
+class PowerTarget;
+
+/*
+ * The library's nodes for a loaded graph file, wired as the file says and
+ * owned here for as long as the handler they are registered with:
+ *
+ *   PowerGraph graph(file);      // nodes made, edges wired
+ *   PowerHandler handler;
+ *   graph.registerWith(handler); // modules, resources, targets
+ *
+ * A resource that requires itself is never handed to the library (its edge
+ * operations would stop the process): such edges are skipped and listed in
+ * skippedSelfEdges(). Every other edge is handed over as written, so the
+ * library's own refusals (cycles, conflicts) show in its log.
+ */
+class PowerGraph
+{
+public:
+    explicit PowerGraph(const GraphFile& file);
+    ~PowerGraph();
+    PowerGraph(const PowerGraph&) = delete;
+    PowerGraph& operator=(const PowerGraph&) = delete;
+
+    // Registers the power manager's own module, the file's modules, its
+    // resources and then its targets (which thereby exclude one another).
+    void registerWith(PowerHandler& handler) const;
+
+    // The requires entries of resources that name the resource itself.
+    QList<GraphFile::Reference> skippedSelfEdges() const;
+
+    PowerResource* resource(const QString& name) const;
+    PowerTarget* target(const QString& name) const;
+    // A resource, else a target, of that name; null when neither.
+    PowerNode* node(const QString& name) const;
+    const GraphFile& file() const;
+
+private:
+    PowerResource* makeResource(const GraphFile::Resource& entry);
+    PowerTarget* makeTarget(const GraphFile::Target& entry);
+    void wireResource(const GraphFile::Resource& entry);
+    void wireTarget(const GraphFile::Target& entry);
+    PowerNode* edgeEnd(const GraphFile::Target& target, const QString& name) const;
+
+    const GraphFile& m_file;
+    std::vector<std::unique_ptr<PowerNode>> m_owned;
+    QHash<QString, PowerResource*> m_resources;
+    QHash<QString, PowerTarget*> m_targets;
+    QList<GraphFile::Reference> m_skippedSelfEdges;
+};
+
+#endif
