@@ -21,7 +21,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$(pwd)
 
-all_labels=(api graph switching requests handler tools)
+all_labels=(api graph switching requests handler tools lifetime)
 labels=("${all_labels[@]}")
 build=1
 while [ $# -gt 0 ]; do
@@ -47,7 +47,7 @@ triplet=aarch64-linux-gnu
 
 log() { echo "== $*"; }
 
-host_packages=(crossbuild-essential-arm64 qemu-system-arm cmake pkg-config qtbase5-dev-tools file cpio)
+host_packages=(crossbuild-essential-arm64 qemu-system-arm cmake pkg-config qtbase5-dev-tools rapidjson-dev file cpio)
 device_packages=(qtbase5-dev:arm64 liblog4cplus-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
   libbenchmark-dev:arm64)
 
@@ -174,9 +174,8 @@ make_initramfs() {
     add_to_image "$library"
   done
   # The tests compare log records with the source lines that wrote them, and
-  # the tool tests read graph files: the source tree goes along, same path.
-  (cd "$source_dir" && find api modules tests tools examples -type f \
-    \( -name '*.cpp' -o -name '*.h' -o -name '*.json' \) -print0 |
+  # the tool tests read graph files: the source folders go along, same path.
+  (cd "$source_dir" && find api modules tests tools examples -type f -print0 |
     cpio --null -pdm --quiet "$image_root$source_dir")
 
   write_init "$host_program" >"$image_root/init"
@@ -186,13 +185,9 @@ make_initramfs() {
 }
 
 host_program_path() {
-  # The host program's name is whatever the tools folder builds.
-  local candidate
-  for candidate in "$build_dir"/tools/vela-power "$build_dir"/tools/vela-power-sim; do
-    [ -x "$candidate" ] && { echo "$candidate"; return; }
-  done
-  echo "no host program in $build_dir/tools" >&2
-  exit 1
+  local program=$build_dir/tools/vela-power
+  [ -x "$program" ] || { echo "no host program $program" >&2; exit 1; }
+  echo "$program"
 }
 
 # The device's init: runs each program with its output in a file, prints the
@@ -236,7 +231,7 @@ EOF
   expected_programs=${#test_programs[@]}
   if [[ " ${labels[*]} " =~ \ tools\  ]]; then
     expected_programs=$((expected_programs + 1))
-    echo "run $(basename "$host_program") $host_program --timeout-ms 60000 $source_dir/examples/graphs/handheld.json"
+    echo "run $(basename "$host_program") $host_program run --timeout-ms 60000 $source_dir/examples/graphs/handheld.json"
   fi
   echo 'echo "@@ done"'
   echo 'poweroff -f'
