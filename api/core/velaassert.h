@@ -15,11 +15,14 @@
  * relied on. On failure the assertion text is written to stderr as
  *   ASSERT: "<text>" in file <file>, line <line>
  * (and to the "PowerManager" logger at FATAL when that level is enabled),
- * then the process aborts.
+ * then the process aborts. An assertion that names where it was raised
+ * (Q_ASSERT_X style) is written as
+ *   ASSERT failure in <where>: "<text>", file <file>, line <line>
  */
 namespace vela {
 [[noreturn]] VELA_API_EXPORT void assertFailed(const char* text, const char* file, int line);
 [[noreturn]] VELA_API_EXPORT void assertFailed(const std::string& text, const char* file, int line);
+[[noreturn]] VELA_API_EXPORT void assertFailedIn(const char* where, const char* text, const char* file, int line);
 }
 
 // The condition's own spelling is the assertion text.
@@ -35,5 +38,10 @@ namespace vela {
 // line is a named constant beside the statement and does not follow edits.
 #define VELA_ASSERT_TEXT_AT(cond, text, line) \
     ((cond) ? static_cast<void>(0) : ::vela::assertFailed((text), __FILE__, (line)))
+
+// For assertions that name where they were raised and whose file and line
+// are part of the documented contract (named constants beside the statement).
+#define VELA_ASSERT_X_AT(cond, where, text, file, line) \
+    ((cond) ? static_cast<void>(0) : ::vela::assertFailedIn((where), (text), (file), (line)))
 
 #endif

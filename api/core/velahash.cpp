@@ -37,6 +37,29 @@ void writeVariantList(std::ostream& stream, const QVariantList& list)
     stream << ']';
 }
 
+// Strings and byte arrays convert to lists too (a string list of one), so
+// they are tested first: they are text, not containers.
+bool isText(const QVariant& value)
+{
+    return value.userType() == QMetaType::QString || value.userType() == QMetaType::QByteArray;
+}
+
+// Any other container a variant may carry (QStringList, QList<int>, QMap or
+// QHash of registered types...) is written element by element: toString()
+// knows only a few of them and gives "" for a string list of two or more.
+std::ostream& writeOtherVariant(std::ostream& stream, const QVariant& value)
+{
+    if (!isText(value) && value.canConvert<QVariantList>()) {
+        writeVariantList(stream, value.value<QVariantList>());
+        return stream;
+    }
+    if (!isText(value) && value.canConvert<QVariantHash>()) {
+        writeVariantHash(stream, value.value<QVariantHash>());
+        return stream;
+    }
+    return stream << value.toString();
+}
+
 } // namespace
 
 std::ostream& operator<<(std::ostream& stream, const QVariant& value)
@@ -56,7 +79,7 @@ std::ostream& operator<<(std::ostream& stream, const QVariant& value)
     default:
         if (!value.isValid())
             return stream << "<invalid>";
-        return stream << value.toString();
+        return writeOtherVariant(stream, value);
     }
 }
 

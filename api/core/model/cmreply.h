@@ -65,6 +65,21 @@ class CMVoidReply;
 template <typename T>
 class CMReply;
 
+namespace vela {
+/*
+ * Where the wrong-type assertion of a typed continuation reports itself.
+ * These are part of the log contract: consumers key assertion records on
+ * file and line, so the values are fixed here and must not follow edits of
+ * this header.
+ */
+struct CMReplyWrongTypeAssertion {
+    static constexpr const char* where = "CMReply";
+    static constexpr const char* text = "Wrong type passed to CMReply::onFinished()!";
+    static constexpr const char* file = "api/core/model/cmreply";
+    static constexpr int line = 689;
+};
+} // namespace vela
+
 // One continuation of a reply. The reply owns it until it has been run.
 class VELA_API_EXPORT CMReplyWatcher
 {
@@ -111,7 +126,17 @@ public:
 
     QAtomicInt m_ref;
     mutable QMutex m_mutex;
-    QWaitCondition m_condition;
+    /*
+     * The wait condition is made by the first waiter (placement new, with
+     * m_mutex held): most replies are never waited for, and making one costs
+     * an allocation and the set-up of a pthread condition. m_conditionMade
+     * shares its storage and reads null until then; afterwards it reads the
+     * condition's own private pointer, which is never null.
+     */
+    union {
+        QWaitCondition m_condition;
+        void* m_conditionMade = nullptr;
+    };
     bool m_finished;
     CMError m_error;
     QList<CMReplyWatcher*> m_watchers;
@@ -281,8 +306,9 @@ private:
         }
         void finished(const CMVoidReply& reply) override
         {
+            using Assertion = vela::CMReplyWrongTypeAssertion;
             auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
-            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+            VELA_ASSERT_X_AT(typed, Assertion::where, Assertion::text, Assertion::file, Assertion::line);
             m_function(CMReply<T>(typed));
         }
 

@@ -54,9 +54,6 @@ public:
 
     // Identities run from 1 upward and wrap from the largest value to 1.
     static int64_t nextId();
-    // Internal, for tests of the identity sequence: the next nextId() call
-    // returns the successor of `value` (1 after the largest value).
-    static void setIdCounter(int64_t value);
 
     int64_t id() const;
     QString module() const;
@@ -80,7 +77,14 @@ public:
     CMReply<void> process();
 
 private:
+    // The tests' access to the identity counter; defined in the tests only.
+    friend class PowerNodeRequestTestAccess;
+
     PowerNodeRequestPtr sharedFromThis() const;
+
+    // The last identity handed out: one process-wide plain counter, zero at
+    // load (requests are made on the handler's thread).
+    static int64_t s_idCounter;
 
     int64_t m_id;
     PowerNode* m_node;
