@@ -7,6 +7,7 @@
 #include "explainer.h"
 #include "graphfile.h"
 #include "graphverifier.h"
+#include "interactive.h"
 #include "librarylog.h"
 #include "powergraph.h"
 #include "simulatedplatform.h"
@@ -183,7 +184,10 @@ int verbRun(const QStringList& arguments)
                                            QStringLiteral("Also show the library's own log records."));
     const QCommandLineOption forceOption(QStringLiteral("force"),
                                          QStringLiteral("Run a graph with errors, to watch the library refuse them."));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption});
+    const QCommandLineOption interactiveOption(
+        QStringLiteral("interactive"),
+        QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -199,6 +203,8 @@ int verbRun(const QStringList& arguments)
         return exitCode;
     if (!gate(file, fileName, parser.isSet(forceOption)))
         return ExitCodes::Problems;
+    if (parser.isSet(interactiveOption))
+        return InteractiveSession(file, fileName, parser.isSet(verboseOption)).exec();
 
     Timeline timeline(std::cout);
     if (parser.isSet(verboseOption))
