@@ -19,14 +19,6 @@ namespace {
 constexpr int longestWaitMs = 3600000;
 constexpr int readChunk = 4096;
 
-QString describe(const GraphFile::Request& request)
-{
-    if (request.kind == GraphFile::Request::Target)
-        return "target " + request.name;
-    return "resource " + request.name + " " + VelaPowerModuleActions::toString(request.action) + " by "
-        + request.module;
-}
-
 } // namespace
 
 struct InteractiveSession::Command {
@@ -171,7 +163,7 @@ void InteractiveSession::target(const QStringList& words)
         return error(QStringLiteral("the graph has no target %1").arg(SafeText::quoted(words.at(1))));
     GraphFile::Request request;
     request.name = words.at(1);
-    send(request, describe(request));
+    send(request);
 }
 
 void InteractiveSession::resourceAction(const QStringList& words)
@@ -187,13 +179,13 @@ void InteractiveSession::resourceAction(const QStringList& words)
     request.name = words.at(1);
     request.module = words.at(2);
     VelaPowerModuleActions::fromString(words.constFirst(), &request.action);
-    send(request, describe(request));
+    send(request);
 }
 
-void InteractiveSession::send(const GraphFile::Request& request, const QString& description)
+void InteractiveSession::send(const GraphFile::Request& request)
 {
     const int number = ++m_sent;
-    m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(description));
+    m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(request.describe()));
     CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
     reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
         ++m_answered;

@@ -69,7 +69,7 @@ private:
     void showHelp(const QStringList& words);
     void quit(const QStringList& words);
 
-    void send(const GraphFile::Request& request, const QString& description);
+    void send(const GraphFile::Request& request);
     void resume();
 
     const GraphFile& m_file;

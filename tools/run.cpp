@@ -27,14 +27,6 @@ namespace {
 
 constexpr int defaultTimeoutMs = 60000;
 
-QString describe(const GraphFile::Request& request)
-{
-    if (request.kind == GraphFile::Request::Target)
-        return "target " + request.name;
-    return "resource " + request.name + " " + VelaPowerModuleActions::toString(request.action) + " by "
-        + request.module;
-}
-
 // Issues the file's requests at their times and counts the answers.
 class Scenario
 {
@@ -70,7 +62,7 @@ public:
             if (!m_sent.at(index))
                 names.append(QStringLiteral("#%1 %2 (due at %3 ms)")
                                  .arg(index + 1)
-                                 .arg(describe(m_requests.at(index)))
+                                 .arg(m_requests.at(index).describe())
                                  .arg(m_requests.at(index).atMs));
         }
         return names;
@@ -82,7 +74,7 @@ private:
         const GraphFile::Request& request = m_requests.at(index);
         const int number = index + 1;
         m_sent[index] = true;
-        m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(describe(request)));
+        m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(request.describe()));
         CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
         reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
             const CMError error = answer.error();

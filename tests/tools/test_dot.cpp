@@ -130,26 +130,10 @@ QByteArray dotOf(const QStringList& arguments)
     return run.out;
 }
 
-// The titles of the node groups (<g class="node"><title>NAME</title>) of an
-// SVG; fails the test when the SVG is not well-formed XML.
-QStringList svgNodeTitles(const QByteArray& svg)
-{
-    QStringList titles;
-    QXmlStreamReader reader(svg);
-    bool inNode = false;
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isStartElement() && reader.name() == QLatin1String("g"))
-            inNode = reader.attributes().value("class") == QLatin1String("node");
-        else if (inNode && reader.isStartElement() && reader.name() == QLatin1String("title"))
-            titles.append(reader.readElementText());
-    }
-    EXPECT_FALSE(reader.hasError()) << reader.errorString().toStdString() << " at line " << reader.lineNumber();
-    return titles;
-}
-
-// The texts drawn in the node groups of an SVG.
-QStringList svgNodeTexts(const QByteArray& svg)
+// The texts of the `element` elements inside the node groups of an SVG
+// (<g class="node"><title>NAME</title>...<text>LABEL</text></g>); fails the
+// test when the SVG is not well-formed XML.
+QStringList svgNodeTexts(const QByteArray& svg, const char* element)
 {
     QStringList texts;
     QXmlStreamReader reader(svg);
@@ -158,9 +142,10 @@ QStringList svgNodeTexts(const QByteArray& svg)
         reader.readNext();
         if (reader.isStartElement() && reader.name() == QLatin1String("g"))
             inNode = reader.attributes().value("class") == QLatin1String("node");
-        else if (inNode && reader.isStartElement() && reader.name() == QLatin1String("text"))
+        else if (inNode && reader.isStartElement() && reader.name() == QLatin1String(element))
             texts.append(reader.readElementText());
     }
+    EXPECT_FALSE(reader.hasError()) << reader.errorString().toStdString() << " at line " << reader.lineNumber();
     return texts;
 }
 
@@ -258,7 +243,7 @@ TEST(Dot, SvgIsValidXmlWithOneNodeGroupPerGraphNode)
     const ToolRun run = runTool({"dot", "-o", svg, shippedExample()});
     ASSERT_TRUE(run.finishedNormally);
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    const QStringList titles = svgNodeTitles(readFile(svg));
+    const QStringList titles = svgNodeTexts(readFile(svg), "title");
     EXPECT_EQ(titles.size(), 11);
     EXPECT_EQ(toSet(titles), nodeNames(loadGraph(shippedExample())));
 }
@@ -315,7 +300,7 @@ TEST(Dot, QuotesAndBackslashesInNamesAreDrawnAsWritten)
     EXPECT_EQ(parseDot(dot).edges.size(), expectedEdges(file).size());
     const GraphvizRun svg = graphviz({"-Tsvg"}, dot);
     ASSERT_EQ(svg.exitCode, 0) << svg.err.toStdString();
-    EXPECT_EQ(toSet(svgNodeTexts(svg.out)), nodeNames(file));
+    EXPECT_EQ(toSet(svgNodeTexts(svg.out, "text")), nodeNames(file));
 }
 
 namespace {

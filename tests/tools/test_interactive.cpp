@@ -53,10 +53,20 @@ public:
     const QByteArray& out() const { return m_out; }
     const QByteArray& err() const { return m_err; }
 
-    // Whether a whole snapshot line follows `after` in the output.
-    bool waitUntilSnapshotAfter(int after)
+    // Asks for a snapshot and returns it once its line is out (empty when
+    // it never comes).
+    QJsonObject snapshot()
     {
-        return waitUntil([this, after]() { return !snapshotAfter(after).isEmpty(); });
+        const int mark = m_out.size();
+        write("snapshot\n");
+        waitUntil([this, mark]() { return !snapshotAfter(mark).isEmpty(); });
+        return snapshotAfter(mark);
+    }
+    // Ends the session with `quit`; whether it then ended with exit code 0.
+    bool quitsCleanly()
+    {
+        write("quit\n");
+        return finished() && exitCode() == 0;
     }
     // The JSON of the snapshot line that follows `after` in the output.
     QJsonObject snapshotAfter(int after) const
@@ -105,9 +115,7 @@ TEST(Interactive, ErrorsAreOneLineAndTheSessionGoesOn)
     ASSERT_TRUE(session.outputShows("answer    #1 done\n")) << session.out().toStdString();
     EXPECT_TRUE(session.out().contains("request   #1 target active\n"));
     EXPECT_TRUE(session.out().contains("state     display -> enabled\n"));
-    session.write("quit\n");
-    ASSERT_TRUE(session.finished());
-    EXPECT_EQ(session.exitCode(), 0);
+    ASSERT_TRUE(session.quitsCleanly());
     EXPECT_TRUE(session.out().endsWith("1 of 1 requests answered\n")) << session.out().toStdString();
 }
 
@@ -117,10 +125,8 @@ TEST(Interactive, TargetSwitchesShowInTheTimelineAndInSnapshots)
     session.write("target active\n");
     ASSERT_TRUE(session.outputShows("signal    targetChanged active\n")) << session.out().toStdString();
     ASSERT_TRUE(session.outputShows("answer    #1 done\n"));
-    int mark = session.out().size();
-    session.write("snapshot\n");
-    ASSERT_TRUE(session.waitUntilSnapshotAfter(mark)) << session.out().toStdString();
-    QJsonObject snapshot = session.snapshotAfter(mark);
+    QJsonObject snapshot = session.snapshot();
+    ASSERT_FALSE(snapshot.isEmpty()) << session.out().toStdString();
     EXPECT_TRUE(isEnabled(snapshot, "targets", "active"));
     EXPECT_TRUE(isEnabled(snapshot, "resources", "display"));
     EXPECT_TRUE(isEnabled(snapshot, "resources", "backlight"));
@@ -129,19 +135,16 @@ TEST(Interactive, TargetSwitchesShowInTheTimelineAndInSnapshots)
     ASSERT_TRUE(session.outputShows("answer    #3 done\n")) << session.out().toStdString();
     // Standby takes the audio the media module uses: it is told so first.
     EXPECT_TRUE(session.out().contains("message   /modules/media/revoke")) << session.out().toStdString();
-    EXPECT_LT(session.out().indexOf("request   #3 target standby"), session.out().indexOf("state     display -> disabled"));
-    mark = session.out().size();
-    session.write("snapshot\n");
-    ASSERT_TRUE(session.waitUntilSnapshotAfter(mark));
-    snapshot = session.snapshotAfter(mark);
+    EXPECT_LT(session.out().indexOf("request   #3 target standby"),
+              session.out().indexOf("state     display -> disabled"));
+    snapshot = session.snapshot();
+    ASSERT_FALSE(snapshot.isEmpty()) << session.out().toStdString();
     EXPECT_FALSE(isEnabled(snapshot, "targets", "active"));
     EXPECT_TRUE(isEnabled(snapshot, "targets", "standby"));
     EXPECT_FALSE(isEnabled(snapshot, "resources", "display"));
     EXPECT_TRUE(isEnabled(snapshot, "resources", "storage"));
 
-    session.write("quit\n");
-    ASSERT_TRUE(session.finished());
-    EXPECT_EQ(session.exitCode(), 0);
+    EXPECT_TRUE(session.quitsCleanly());
 }
 
 TEST(Interactive, ExplainAndHelpAnswerInTheSession)
@@ -155,9 +158,7 @@ TEST(Interactive, ExplainAndHelpAnswerInTheSession)
     ASSERT_TRUE(session.outputShows("switch to suspend (from active): refused\n")) << session.out().toStdString();
     session.write("explain --node nowhere\n");
     ASSERT_TRUE(session.errorsShow("the file has no node \"nowhere\"")) << session.err().toStdString();
-    session.write("quit\n");
-    ASSERT_TRUE(session.finished());
-    EXPECT_EQ(session.exitCode(), 0);
+    EXPECT_TRUE(session.quitsCleanly());
 }
 
 TEST(Interactive, PipedScriptRunsInOrderAndEndsWhenEverythingIsAnswered)
