@@ -7,6 +7,7 @@
 #include "explainer.h"
 #include "graphfile.h"
 #include "graphverifier.h"
+#include "interactive.h"
 #include "librarylog.h"
 #include "powergraph.h"
 #include "simulatedplatform.h"
@@ -25,14 +26,6 @@
 namespace {
 
 constexpr int defaultTimeoutMs = 60000;
-
-QString describe(const GraphFile::Request& request)
-{
-    if (request.kind == GraphFile::Request::Target)
-        return "target " + request.name;
-    return "resource " + request.name + " " + VelaPowerModuleActions::toString(request.action) + " by "
-        + request.module;
-}
 
 // Issues the file's requests at their times and counts the answers.
 class Scenario
@@ -69,7 +62,7 @@ public:
             if (!m_sent.at(index))
                 names.append(QStringLiteral("#%1 %2 (due at %3 ms)")
                                  .arg(index + 1)
-                                 .arg(describe(m_requests.at(index)))
+                                 .arg(m_requests.at(index).describe())
                                  .arg(m_requests.at(index).atMs));
         }
         return names;
@@ -81,7 +74,7 @@ private:
         const GraphFile::Request& request = m_requests.at(index);
         const int number = index + 1;
         m_sent[index] = true;
-        m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(describe(request)));
+        m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(request.describe()));
         CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
         reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
             const CMError error = answer.error();
@@ -183,7 +176,10 @@ int verbRun(const QStringList& arguments)
                                            QStringLiteral("Also show the library's own log records."));
     const QCommandLineOption forceOption(QStringLiteral("force"),
                                          QStringLiteral("Run a graph with errors, to watch the library refuse them."));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption});
+    const QCommandLineOption interactiveOption(
+        QStringLiteral("interactive"),
+        QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -199,6 +195,8 @@ int verbRun(const QStringList& arguments)
         return exitCode;
     if (!gate(file, fileName, parser.isSet(forceOption)))
         return ExitCodes::Problems;
+    if (parser.isSet(interactiveOption))
+        return InteractiveSession(file, fileName, parser.isSet(verboseOption)).exec();
 
     Timeline timeline(std::cout);
     if (parser.isSet(verboseOption))
