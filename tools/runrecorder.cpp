@@ -307,6 +307,7 @@ void RunRecorder::endSpan(int id, const QString& outcome, int eventIndex)
 {
     Span& span = m_spans[id - 1];
     span.endUs = m_events.at(eventIndex).timeUs;
+    span.endEvent = eventIndex;
     span.outcome = outcome;
     m_events[eventIndex].endsSpan = id;
 }

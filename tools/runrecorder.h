@@ -58,6 +58,8 @@ public:
         QString path;
         qint64 beginUs = 0;
         qint64 endUs = -1;
+        // The index of the event that ended it; -1 when the run's end did.
+        int endEvent = -1;
         // How it ended: the answer, or the state reached.
         QString outcome;
         bool failed = false;

@@ -4,6 +4,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <algorithm>
+
 namespace {
 
 constexpr int processId = 1;
@@ -38,6 +40,18 @@ QJsonObject argumentsOf(const RunRecorder::Span& span)
     return arguments;
 }
 
+// Spans in the order they ended (the order of the timeline's answers and
+// state changes), those the run's end closed last.
+QVector<RunRecorder::Span> inOrderOfTheirEnds(const RunRecorder& recorder)
+{
+    QVector<RunRecorder::Span> spans = recorder.spans();
+    const int last = recorder.events().size();
+    std::stable_sort(spans.begin(), spans.end(), [last](const RunRecorder::Span& a, const RunRecorder::Span& b) {
+        return (a.endEvent < 0 ? last : a.endEvent) < (b.endEvent < 0 ? last : b.endEvent);
+    });
+    return spans;
+}
+
 } // namespace
 
 QByteArray TraceWriter::write(const RunRecorder& recorder, const QString& runName)
@@ -56,7 +70,7 @@ QByteArray TraceWriter::write(const RunRecorder& recorder, const QString& runNam
         order.insert(QStringLiteral("args"), QJsonObject{{QStringLiteral("sort_index"), thread}});
         events.append(order);
     }
-    for (const RunRecorder::Span& span : recorder.spans()) {
+    for (const RunRecorder::Span& span : inOrderOfTheirEnds(recorder)) {
         // A span on a path no node or module owns gets a track of its own.
         if (!threads.contains(span.track)) {
             const int thread = threads.size() + 1;

@@ -14,7 +14,8 @@
  * every module. Requests are asynchronous spans on the queue (several are
  * open at once); node transitions, writes and revoke messages are complete
  * spans on their node's or module's track; the target signals are instant
- * events on the queue. Times are microseconds since the run started.
+ * events on the queue. Times are microseconds since the run started. Spans
+ * come in the order they ended, which is the order of the timeline.
  *
  *   QByteArray json = TraceWriter::write(recorder, "handheld.json");
  */
