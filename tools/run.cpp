@@ -10,9 +10,11 @@
 #include "graphfile.h"
 #include "graphverifier.h"
 #include "powergraph.h"
+#include "progressline.h"
 #include "runrecorder.h"
 #include "simulatedplatform.h"
 #include "simulatedtimedispatcher.h"
+#include "stopsignals.h"
 #include "timeline.h"
 #include "tracewriter.h"
 #include "verbs.h"
@@ -73,6 +75,17 @@ public:
     int succeeded() const { return m_succeeded; }
     int answered() const { return m_answered; }
     int sent() const { return static_cast<int>(std::count(m_sent.begin(), m_sent.end(), true)); }
+    // Requests sent and not answered, with the time they were sent.
+    QStringList unanswered() const
+    {
+        QStringList names;
+        for (int index = 0; index < m_requests.size(); ++index) {
+            const RunRecorder::Span* span = m_recorder.requestSpan(index + 1);
+            if (span && span->endEvent < 0)
+                names.append(QStringLiteral("%1 (sent at %2 ms)").arg(span->name).arg(span->beginUs / 1000));
+        }
+        return names;
+    }
     QStringList unsent() const
     {
         QStringList names;
@@ -204,13 +217,18 @@ void printRequestDurations(const RunRecorder& recorder, int requestCount)
 struct WriteCounts {
     int failed = 0;
     int timedOut = 0;
+    int unanswered = 0;
 };
 
 WriteCounts countFailedWrites(const RunRecorder& recorder)
 {
     WriteCounts counts;
     for (const RunRecorder::Span& span : recorder.spans()) {
-        if (span.kind != RunRecorder::Span::Write || !span.failed)
+        if (span.kind != RunRecorder::Span::Write)
+            continue;
+        if (span.endEvent < 0)
+            ++counts.unanswered;
+        if (!span.failed)
             continue;
         ++counts.failed;
         if (span.timedOut)
@@ -308,7 +326,19 @@ int verbRun(const QStringList& arguments)
                         parser.value(plotOption)};
 
     Timeline timeline(std::cout);
-    RunRecorder recorder(file, runClock(), [&timeline](const RunRecorder::Event& event) { timeline.print(event); });
+    ProgressLine progress;
+    RunRecorder* recording = nullptr;
+    const auto showProgress = [&progress, &recording, &file]() {
+        if (recording)
+            progress.update(recording->requestsAnswered(), recording->requestsSent(), file.requests.size(),
+                            recording->nowUs() / 1000);
+    };
+    RunRecorder recorder(file, runClock(), [&](const RunRecorder::Event& event) {
+        progress.erase();
+        timeline.print(event);
+        showProgress();
+    });
+    recording = &recorder;
     if (parser.isSet(verboseOption))
         recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
     SimulatedPlatform platform(file, SimulatedPlatform::Answering::AsTheFileSays,
@@ -333,9 +363,21 @@ int verbRun(const QStringList& arguments)
         timedOut = true;
         QCoreApplication::quit();
     });
+    StopSignals stop;
+    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
+    // On the wall clock nothing may happen for a while: keep the progress
+    // line moving. (On simulated time every event redraws it.)
+    QTimer progressTimer;
+    QObject::connect(&progressTimer, &QTimer::timeout, showProgress);
+    if (progress.isShown() && parser.isSet(realTimeOption))
+        progressTimer.start(200);
     if (!scenario.allAnswered())
         QCoreApplication::exec();
+    progressTimer.stop();
+    progress.erase();
     recorder.finish();
+    if (stop.caught())
+        std::cerr << "vela-power run: stopped by " << StopSignals::name(stop.caught()) << std::endl;
 
     const QByteArray snapshot =
         QJsonDocument(QJsonObject::fromVariantHash(handler.listNodes())).toJson(QJsonDocument::Indented);
@@ -344,12 +386,19 @@ int verbRun(const QStringList& arguments)
     std::cout << scenario.answered() << " of " << file.requests.size() << " requests answered, "
               << scenario.succeeded() << " succeeded\n"
               << writes.failed << " set-data writes failed, " << writes.timedOut << " of them timed out" << std::endl;
+    if (writes.unanswered > 0)
+        std::cout << writes.unanswered << " set-data writes still unanswered at the end of the run" << std::endl;
+    const QStringList unanswered = scenario.unanswered();
+    if (!unanswered.isEmpty())
+        std::cout << "not answered: " << unanswered.join(QStringLiteral("; ")).toStdString() << std::endl;
     const QStringList unsent = scenario.unsent();
     if (!unsent.isEmpty())
         std::cout << "not sent before the time-out: " << unsent.join(QStringLiteral("; ")).toStdString() << std::endl;
     printRequestDurations(recorder, file.requests.size());
     std::cout.flush();
     const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
+    if (stop.caught())
+        return 128 + stop.caught();
     if (timedOut && !scenario.allAnswered()) {
         std::cerr << "vela-power run: gave up after " << timeoutMs << " ms with requests still unanswered"
                   << std::endl;

@@ -64,6 +64,7 @@ void RunRecorder::requestAnswered(int number, const QString& answer, bool failed
 {
     const int index = record(QStringLiteral("answer"), QStringLiteral("#%1").arg(number), answer);
     const int span = m_requestSpans.value(number);
+    ++m_requestsAnswered;
     if (span != 0) {
         m_spans[span - 1].failed = failed;
         endSpan(span, answer, index);
@@ -88,7 +89,6 @@ void RunRecorder::finish()
     const qint64 now = m_clock();
     for (Span& span : m_spans) {
         if (span.isOpen()) {
-            span.failed = true;
             span.endUs = now;
             span.outcome = QStringLiteral("no answer by the end of the run");
         }

@@ -105,6 +105,8 @@ public:
     // The request queue, then every node (resources, targets) and every
     // module in the file's order.
     const QVector<Track>& tracks() const { return m_tracks; }
+    int requestsSent() const { return m_requestSpans.size(); }
+    int requestsAnswered() const { return m_requestsAnswered; }
     // The request span of request `number`; null if it was never sent.
     const Span* requestSpan(int number) const;
 
@@ -139,6 +141,7 @@ private:
     QHash<QString, int> m_openWrites;
     QHash<QString, QVector<int>> m_openMessages;
     QHash<int, int> m_requestSpans;
+    int m_requestsAnswered = 0;
     log4cplus::LogLevel m_shownLevel = log4cplus::OFF_LOG_LEVEL;
     LibraryLog m_log;
 };
