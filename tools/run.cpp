@@ -398,7 +398,7 @@ int verbRun(const QStringList& arguments)
     std::cout.flush();
     const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
     if (stop.caught())
-        return 128 + stop.caught();
+        return stop.caught() == SIGINT ? ExitCodes::Interrupted : ExitCodes::Terminated;
     if (timedOut && !scenario.allAnswered()) {
         std::cerr << "vela-power run: gave up after " << timeoutMs << " ms with requests still unanswered"
                   << std::endl;
