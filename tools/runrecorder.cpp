@@ -188,8 +188,8 @@ void RunRecorder::writeArrived(const QString& text, const SimulatedPlatform::Cal
 void RunRecorder::messageArrived(const QString& text, const SimulatedPlatform::Call& call)
 {
     const int index = record(QStringLiteral("message"), call.path, text.mid(call.path.size() + 1));
-    const QString module = recipient(call.path);
-    const int span = beginSpan(Span::Message, module, messageName(call), call.path, index);
+    const GraphFile::Module* module = recipient(call.path);
+    const int span = beginSpan(Span::Message, module ? module->name : call.path, messageName(call), call.path, index);
     m_events[index].beginsSpan = span;
     if (answersAtOnce(call.path))
         endSpan(span, QStringLiteral("done"), index);
@@ -228,16 +228,10 @@ void RunRecorder::callAnswered(const char* event, const QString& text, const Sim
 // the resources it names.
 QString RunRecorder::messageName(const SimulatedPlatform::Call& call) const
 {
-    const GraphFile::Module* module = nullptr;
-    for (const GraphFile::Module& candidate : m_file.modules) {
-        if (candidate.revokePath == call.path || candidate.postRevokePath == call.path)
-            module = &candidate;
-    }
-    QStringList resources;
-    for (const QVariant& value : call.message.value(QStringLiteral("revokeResources")).toList())
-        resources << VelaPowerManagerResources::toString(static_cast<VelaPowerManagerResources::Enum>(value.toInt()));
+    const GraphFile::Module* module = recipient(call.path);
     const bool isRevoke = !module || module->revokePath == call.path;
-    return (isRevoke ? QStringLiteral("revoke ") : QStringLiteral("postRevoke ")) + resources.join(QStringLiteral(", "));
+    return (isRevoke ? QStringLiteral("revoke ") : QStringLiteral("postRevoke "))
+        + SimulatedPlatform::revokedResources(call.message).join(QStringLiteral(", "));
 }
 
 bool RunRecorder::answersAtOnce(const QString& path) const
@@ -258,13 +252,14 @@ QString RunRecorder::writer(const SimulatedPlatform::Call& call) const
     return call.path;
 }
 
-QString RunRecorder::recipient(const QString& path) const
+// The module a revoke path belongs to; null when none declares it.
+const GraphFile::Module* RunRecorder::recipient(const QString& path) const
 {
     for (const GraphFile::Module& module : m_file.modules) {
         if (module.revokePath == path || module.postRevokePath == path)
-            return module.name;
+            return &module;
     }
-    return path;
+    return nullptr;
 }
 
 int RunRecorder::record(const QString& kind, const QString& subject, const QString& detail)

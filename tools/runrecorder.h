@@ -121,7 +121,7 @@ private:
     bool answersAtOnce(const QString& path) const;
     QString messageName(const SimulatedPlatform::Call& call) const;
     QString writer(const SimulatedPlatform::Call& call) const;
-    QString recipient(const QString& path) const;
+    const GraphFile::Module* recipient(const QString& path) const;
     int record(const QString& kind, const QString& subject, const QString& detail);
     void publish();
     int beginSpan(Span::Kind kind, const QString& track, const QString& name, const QString& path, int eventIndex);
