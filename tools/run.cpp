@@ -74,6 +74,7 @@ public:
     bool allAnswered() const { return m_answered == m_requests.size(); }
     int succeeded() const { return m_succeeded; }
     int answered() const { return m_answered; }
+    int requestCount() const { return m_requests.size(); }
     int sent() const { return static_cast<int>(std::count(m_sent.begin(), m_sent.end(), true)); }
     // Requests sent and not answered, with the time they were sent.
     QStringList unanswered() const
@@ -237,6 +238,28 @@ WriteCounts countFailedWrites(const RunRecorder& recorder)
     return counts;
 }
 
+// The final snapshot, the counts, what is left unanswered or unsent, and
+// each request's duration.
+void printSummary(const Scenario& scenario, const RunRecorder& recorder, const QByteArray& snapshot)
+{
+    const int requests = scenario.requestCount();
+    std::cout << "\nFinal state of all nodes:\n" << snapshot.toStdString();
+    const WriteCounts writes = countFailedWrites(recorder);
+    std::cout << scenario.answered() << " of " << requests << " requests answered, " << scenario.succeeded()
+              << " succeeded\n"
+              << writes.failed << " set-data writes failed, " << writes.timedOut << " of them timed out" << std::endl;
+    if (writes.unanswered > 0)
+        std::cout << writes.unanswered << " set-data writes still unanswered at the end of the run" << std::endl;
+    const QStringList unanswered = scenario.unanswered();
+    if (!unanswered.isEmpty())
+        std::cout << "not answered: " << unanswered.join(QStringLiteral("; ")).toStdString() << std::endl;
+    const QStringList unsent = scenario.unsent();
+    if (!unsent.isEmpty())
+        std::cout << "not sent before the time-out: " << unsent.join(QStringLiteral("; ")).toStdString() << std::endl;
+    printRequestDurations(recorder, requests);
+    std::cout.flush();
+}
+
 // The files a run writes besides its text, each only when asked for.
 struct OutputFiles {
     QString trace;
@@ -322,6 +345,8 @@ int verbRun(const QStringList& arguments)
     if (!gate(file, fileName, parser.isSet(forceOption)))
         return ExitCodes::Problems;
 
+    StopSignals stop;
+    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
     OutputFiles outputs{parser.value(traceOption), parser.value(eventsOption), parser.value(snapshotOption),
                         parser.value(plotOption)};
 
@@ -363,8 +388,6 @@ int verbRun(const QStringList& arguments)
         timedOut = true;
         QCoreApplication::quit();
     });
-    StopSignals stop;
-    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
     // On the wall clock nothing may happen for a while: keep the progress
     // line moving. (On simulated time every event redraws it.)
     QTimer progressTimer;
@@ -381,21 +404,7 @@ int verbRun(const QStringList& arguments)
 
     const QByteArray snapshot =
         QJsonDocument(QJsonObject::fromVariantHash(handler.listNodes())).toJson(QJsonDocument::Indented);
-    std::cout << "\nFinal state of all nodes:\n" << snapshot.toStdString();
-    const WriteCounts writes = countFailedWrites(recorder);
-    std::cout << scenario.answered() << " of " << file.requests.size() << " requests answered, "
-              << scenario.succeeded() << " succeeded\n"
-              << writes.failed << " set-data writes failed, " << writes.timedOut << " of them timed out" << std::endl;
-    if (writes.unanswered > 0)
-        std::cout << writes.unanswered << " set-data writes still unanswered at the end of the run" << std::endl;
-    const QStringList unanswered = scenario.unanswered();
-    if (!unanswered.isEmpty())
-        std::cout << "not answered: " << unanswered.join(QStringLiteral("; ")).toStdString() << std::endl;
-    const QStringList unsent = scenario.unsent();
-    if (!unsent.isEmpty())
-        std::cout << "not sent before the time-out: " << unsent.join(QStringLiteral("; ")).toStdString() << std::endl;
-    printRequestDurations(recorder, file.requests.size());
-    std::cout.flush();
+    printSummary(scenario, recorder, snapshot);
     const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
     if (stop.caught())
         return stop.caught() == SIGINT ? ExitCodes::Interrupted : ExitCodes::Terminated;
