@@ -14,6 +14,8 @@ const Entry entries[] = {
                           "be drawn or written"},
     {ExitCodes::InvalidInput, "invalid input: a bad command line, or a file that cannot be read or is not a valid "
                               "graph file"},
+    {ExitCodes::Interrupted, "run stopped by SIGINT (what happened so far is printed and written)"},
+    {ExitCodes::Terminated, "run stopped by SIGTERM (likewise)"},
 };
 
 } // namespace

@@ -12,6 +12,10 @@ public:
         Success = 0,
         Problems = 1,
         InvalidInput = 2,
+        // A run stopped by SIGINT or SIGTERM: 128 and the signal's number,
+        // as shells report it.
+        Interrupted = 130,
+        Terminated = 143,
     };
 
     // One line per code, for --help.

@@ -3,8 +3,34 @@
 #include "PowerHandler.h"
 #include "PowerNode.h"
 
+#include <algorithm>
+#include <new>
+
+namespace {
+
+void destroyInPlace(PowerNode* node)
+{
+    node->~PowerNode();
+}
+
+void destroyOnHeap(PowerNode* node)
+{
+    delete node;
+}
+
+std::size_t arenaSize(const GraphFile& file)
+{
+    // Room for the largest node type, with its alignment, for every node.
+    const std::size_t slot = std::max(sizeof(PowerResource), sizeof(PowerTarget))
+        + std::max(alignof(PowerResource), alignof(PowerTarget));
+    return slot * static_cast<std::size_t>(file.resources.size() + file.targets.size());
+}
+
+} // namespace
+
 PowerGraph::PowerGraph(const GraphFile& file)
     : m_file(file)
+    , m_arena(arenaSize(file))
 {
     m_owned.reserve(static_cast<size_t>(file.resources.size() + file.targets.size()));
     for (const GraphFile::Resource& entry : file.resources)
@@ -60,10 +86,19 @@ const GraphFile& PowerGraph::file() const
     return m_file;
 }
 
+template <typename Node, typename... Arguments>
+Node* PowerGraph::make(Arguments&&... arguments)
+{
+    void* place = m_arena.allocate(sizeof(Node), alignof(Node));
+    Node* node = place ? new (place) Node(std::forward<Arguments>(arguments)...)
+                       : new Node(std::forward<Arguments>(arguments)...);
+    m_owned.emplace_back(node, place ? &destroyInPlace : &destroyOnHeap);
+    return node;
+}
+
 PowerResource* PowerGraph::makeResource(const GraphFile::Resource& entry)
 {
-    auto* resource = new PowerResource(entry.value, entry.timeoutMs);
-    m_owned.emplace_back(resource);
+    auto* resource = make<PowerResource>(entry.value, entry.timeoutMs);
     if (entry.enable.present)
         resource->setOnEnableActionRequest(
             CMSetDataRequest(CMPath(entry.enable.path), entry.enable.key, entry.enable.value));
@@ -77,9 +112,7 @@ PowerResource* PowerGraph::makeResource(const GraphFile::Resource& entry)
 
 PowerTarget* PowerGraph::makeTarget(const GraphFile::Target& entry)
 {
-    auto* target = new PowerTarget(entry.value);
-    m_owned.emplace_back(target);
-    return target;
+    return make<PowerTarget>(entry.value);
 }
 
 void PowerGraph::wireResource(const GraphFile::Resource& entry)

@@ -2,6 +2,7 @@
 #define VELA_TOOLS_POWERGRAPH_H
 
 #include "graphfile.h"
+#include "nodearena.h"
 
 #include <QHash>
 #include <QList>
@@ -27,6 +28,9 @@ class PowerTarget;
  * operations would stop the process): such edges are skipped and listed in
  * skippedSelfEdges(). Every other edge is handed over as written, so the
  * library's own refusals (cycles, conflicts) show in its log.
+ *
+ * Nodes are placed in a NodeArena in the file's order, so that the library
+ * orders simultaneous actions the same way on every run of a graph.
  */
 class PowerGraph
 {
@@ -55,9 +59,15 @@ private:
     void wireResource(const GraphFile::Resource& entry);
     void wireTarget(const GraphFile::Target& entry);
     PowerNode* edgeEnd(const GraphFile::Target& target, const QString& name) const;
+    template <typename Node, typename... Arguments>
+    Node* make(Arguments&&... arguments);
+
+    using OwnedNode = std::unique_ptr<PowerNode, void (*)(PowerNode*)>;
 
     const GraphFile& m_file;
-    std::vector<std::unique_ptr<PowerNode>> m_owned;
+    // Before the nodes: they live in it and are destroyed first.
+    NodeArena m_arena;
+    std::vector<OwnedNode> m_owned;
     QHash<QString, PowerResource*> m_resources;
     QHash<QString, PowerTarget*> m_targets;
     QList<GraphFile::Reference> m_skippedSelfEdges;

@@ -2,25 +2,35 @@
 // platform and shows what happened: a timeline of requests, signals, revoke
 // messages, writes and node states, then the final snapshot of all nodes.
 
+#include "chartwriter.h"
 #include "commandline.h"
+#include "eventswriter.h"
 #include "exitcodes.h"
 #include "explainer.h"
 #include "graphfile.h"
 #include "graphverifier.h"
 #include "interactive.h"
-#include "librarylog.h"
 #include "powergraph.h"
+#include "progressline.h"
+#include "runrecorder.h"
 #include "simulatedplatform.h"
+#include "simulatedtimedispatcher.h"
+#include "stopsignals.h"
 #include "timeline.h"
+#include "tracewriter.h"
 #include "verbs.h"
 
 #include "PowerHandler.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
 
+#include <algorithm>
 #include <iostream>
 
 namespace {
@@ -31,18 +41,20 @@ constexpr int defaultTimeoutMs = 60000;
 class Scenario
 {
 public:
-    Scenario(const PowerGraph& graph, PowerHandler& handler, Timeline& timeline)
+    Scenario(const PowerGraph& graph, PowerHandler& handler, RunRecorder& recorder)
         : m_graph(graph)
         , m_requests(graph.file().requests)
         , m_handler(handler)
-        , m_timeline(timeline)
+        , m_recorder(recorder)
         , m_sent(m_requests.size(), false)
     {
-        QObject::connect(&handler, &PowerHandler::nextTargetChanged, [&timeline](const VelaPowerManagerTarget& t) {
-            timeline.add("signal", "nextTargetChanged " + VelaPowerManagerTargets::toString(t.target()));
+        QObject::connect(&handler, &PowerHandler::nextTargetChanged, [&recorder](const VelaPowerManagerTarget& t) {
+            recorder.add(QStringLiteral("signal"), QStringLiteral("nextTargetChanged"),
+                         VelaPowerManagerTargets::toString(t.target()));
         });
-        QObject::connect(&handler, &PowerHandler::targetChanged, [&timeline](const VelaPowerManagerTarget& t) {
-            timeline.add("signal", "targetChanged " + VelaPowerManagerTargets::toString(t.target()));
+        QObject::connect(&handler, &PowerHandler::targetChanged, [&recorder](const VelaPowerManagerTarget& t) {
+            recorder.add(QStringLiteral("signal"), QStringLiteral("targetChanged"),
+                         VelaPowerManagerTargets::toString(t.target()));
         });
     }
 
@@ -55,6 +67,19 @@ public:
     bool allAnswered() const { return m_answered == m_requests.size(); }
     int succeeded() const { return m_succeeded; }
     int answered() const { return m_answered; }
+    int requestCount() const { return m_requests.size(); }
+    int sent() const { return static_cast<int>(std::count(m_sent.begin(), m_sent.end(), true)); }
+    // Requests sent and not answered, with the time they were sent.
+    QStringList unanswered() const
+    {
+        QStringList names;
+        for (int index = 0; index < m_requests.size(); ++index) {
+            const RunRecorder::Span* span = m_recorder.requestSpan(index + 1);
+            if (span && span->endEvent < 0)
+                names.append(QStringLiteral("%1 (sent at %2 ms)").arg(span->name).arg(span->beginUs / 1000));
+        }
+        return names;
+    }
     QStringList unsent() const
     {
         QStringList names;
@@ -74,18 +99,18 @@ private:
         const GraphFile::Request& request = m_requests.at(index);
         const int number = index + 1;
         m_sent[index] = true;
-        m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(request.describe()));
+        m_recorder.requestSent(number, request.describe());
         CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
         reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
             const CMError error = answer.error();
             if (error.isError()) {
-                m_timeline.add("answer", QStringLiteral("#%1 failed: %2").arg(number).arg(error.message().toString()));
+                m_recorder.requestAnswered(number, "failed: " + error.message().toString(), true);
                 const QString reason = Explainer::whyFailed(m_graph, request);
                 if (!reason.isEmpty())
-                    m_timeline.add("reason", QStringLiteral("#%1 %2").arg(number).arg(reason));
+                    m_recorder.add(QStringLiteral("reason"), QStringLiteral("#%1").arg(number), reason);
             } else {
                 ++m_succeeded;
-                m_timeline.add("answer", QStringLiteral("#%1 done").arg(number));
+                m_recorder.requestAnswered(number, QStringLiteral("done"), false);
             }
             if (++m_answered == m_requests.size())
                 QCoreApplication::quit();
@@ -95,41 +120,10 @@ private:
     const PowerGraph& m_graph;
     const QList<GraphFile::Request>& m_requests;
     PowerHandler& m_handler;
-    Timeline& m_timeline;
+    RunRecorder& m_recorder;
     QVector<bool> m_sent;
     int m_answered = 0;
     int m_succeeded = 0;
-};
-
-// Counts the resource actions the library reports as failed, and among them
-// those that ran out of time.
-class WriteFailures
-{
-public:
-    WriteFailures()
-        : m_log([this](const LibraryLog::Record& record) { take(record); })
-    {
-    }
-
-    int failed() const { return m_failed; }
-    int timedOut() const { return m_timedOut; }
-
-private:
-    void take(const LibraryLog::Record& record)
-    {
-        static const QString marker = QStringLiteral(" Message: ");
-        const int at = record.message.indexOf(marker);
-        if (record.level < log4cplus::ERROR_LOG_LEVEL || !record.message.contains(QLatin1String(" failed to "))
-            || at < 0)
-            return;
-        ++m_failed;
-        if (record.message.mid(at + marker.size()) == CMVoidReply::ErrorTimeout())
-            ++m_timedOut;
-    }
-
-    int m_failed = 0;
-    int m_timedOut = 0;
-    LibraryLog m_log;
 };
 
 // Findings with errors stop the run unless forced; either way they are
@@ -160,6 +154,139 @@ bool gate(const GraphFile& file, const QString& fileName, bool force)
     return false;
 }
 
+// The run's clock: the simulated one when the program was started on it,
+// else the wall clock. Either way, microseconds since now.
+RunRecorder::Clock runClock()
+{
+    if (auto* simulated = qobject_cast<SimulatedTimeDispatcher*>(QCoreApplication::eventDispatcher())) {
+        const qint64 startMs = simulated->elapsedMs();
+        return [simulated, startMs]() { return (simulated->elapsedMs() - startMs) * 1000; };
+    }
+    QElapsedTimer wall;
+    wall.start();
+    return [wall]() { return wall.nsecsElapsed() / 1000; };
+}
+
+// The write or revoke message, among those that began while the request was
+// open, that took longest to be answered.
+QString longestWait(const RunRecorder& recorder, const RunRecorder::Span& request)
+{
+    const RunRecorder::Span* longest = nullptr;
+    for (const RunRecorder::Span& span : recorder.spans()) {
+        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message)
+            || span.beginUs < request.beginUs || span.beginUs > request.endUs)
+            continue;
+        if (!longest || span.durationUs() > longest->durationUs())
+            longest = &span;
+    }
+    if (!longest)
+        return QStringLiteral("no write or revoke message");
+    return QStringLiteral("waited longest on the %1 %2 (%3, %4 ms%5)")
+        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to") : QStringLiteral("revoke answer from"))
+        .arg(longest->path)
+        .arg(longest->track)
+        .arg(longest->durationUs() / 1000)
+        .arg(longest->timedOut ? QStringLiteral(", timed out") : QString());
+}
+
+// Each request's duration and what it waited on longest.
+void printRequestDurations(const RunRecorder& recorder, int requestCount)
+{
+    std::cout << "\nRequests:\n";
+    for (int number = 1; number <= requestCount; ++number) {
+        const RunRecorder::Span* span = recorder.requestSpan(number);
+        if (!span)
+            continue;
+        const QString answer = span->outcome.startsWith(QLatin1String("failed")) ? QStringLiteral("failed")
+            : span->outcome == QLatin1String("done")                           ? QStringLiteral("done")
+                                                                                : QStringLiteral("no answer");
+        std::cout << QStringLiteral("  %1: %2 after %3 ms; %4\n")
+                         .arg(span->name, answer)
+                         .arg(span->durationUs() / 1000)
+                         .arg(longestWait(recorder, *span))
+                         .toStdString();
+    }
+}
+
+struct WriteCounts {
+    int failed = 0;
+    int timedOut = 0;
+    int unanswered = 0;
+};
+
+WriteCounts countFailedWrites(const RunRecorder& recorder)
+{
+    WriteCounts counts;
+    for (const RunRecorder::Span& span : recorder.spans()) {
+        if (span.kind != RunRecorder::Span::Write)
+            continue;
+        if (span.endEvent < 0)
+            ++counts.unanswered;
+        if (!span.failed)
+            continue;
+        ++counts.failed;
+        if (span.timedOut)
+            ++counts.timedOut;
+    }
+    return counts;
+}
+
+// The final snapshot, the counts, what is left unanswered or unsent, and
+// each request's duration.
+void printSummary(const Scenario& scenario, const RunRecorder& recorder, const QByteArray& snapshot)
+{
+    const int requests = scenario.requestCount();
+    std::cout << "\nFinal state of all nodes:\n" << snapshot.toStdString();
+    const WriteCounts writes = countFailedWrites(recorder);
+    std::cout << scenario.answered() << " of " << requests << " requests answered, " << scenario.succeeded()
+              << " succeeded\n"
+              << writes.failed << " set-data writes failed, " << writes.timedOut << " of them timed out" << std::endl;
+    if (writes.unanswered > 0)
+        std::cout << writes.unanswered << " set-data writes still unanswered at the end of the run" << std::endl;
+    const QStringList unanswered = scenario.unanswered();
+    if (!unanswered.isEmpty())
+        std::cout << "not answered: " << unanswered.join(QStringLiteral("; ")).toStdString() << std::endl;
+    const QStringList unsent = scenario.unsent();
+    if (!unsent.isEmpty())
+        std::cout << "not sent before the time-out: " << unsent.join(QStringLiteral("; ")).toStdString() << std::endl;
+    printRequestDurations(recorder, requests);
+    std::cout.flush();
+}
+
+// The files a run writes besides its text, each only when asked for.
+struct OutputFiles {
+    QString trace;
+    QString events;
+    QString snapshot;
+    QString plot;
+};
+
+bool writeFile(const QString& fileName, const QByteArray& content)
+{
+    if (fileName.isEmpty())
+        return true;
+    QFile file(fileName);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size()
+        && file.flush())
+        return true;
+    std::cerr << "vela-power run: cannot write " << fileName.toStdString() << ": " << file.errorString().toStdString()
+              << std::endl;
+    return false;
+}
+
+bool writeOutputs(const OutputFiles& files, const RunRecorder& recorder, const QByteArray& snapshot,
+                  const QString& runName)
+{
+    bool written = writeFile(files.snapshot, snapshot);
+    if (!files.events.isEmpty())
+        written = writeFile(files.events, EventsWriter::write(recorder)) && written;
+    if (!files.trace.isEmpty())
+        written = writeFile(files.trace, TraceWriter::write(recorder, runName)) && written;
+    if (!files.plot.isEmpty())
+        written = writeFile(files.plot, ChartWriter::write(recorder, runName)) && written;
+    return written;
+}
+
 } // namespace
 
 int verbRun(const QStringList& arguments)
@@ -179,7 +306,25 @@ int verbRun(const QStringList& arguments)
     const QCommandLineOption interactiveOption(
         QStringLiteral("interactive"),
         QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption});
+    const QCommandLineOption realTimeOption(
+        QStringLiteral("real-time"),
+        QStringLiteral("Follow the wall clock instead of the simulated one (on which time jumps to the next due "
+                       "timer whenever nothing else is ready)."));
+    const QCommandLineOption traceOption(
+        QStringLiteral("trace"),
+        QStringLiteral("Also write the run as a Chrome trace-event file (opens in Perfetto) to <file>."),
+        QStringLiteral("file"));
+    const QCommandLineOption eventsOption(
+        QStringLiteral("events"), QStringLiteral("Also write the timeline as JSON lines (time in microseconds, kind, "
+                                                 "subject, detail) to <file>."),
+        QStringLiteral("file"));
+    const QCommandLineOption snapshotOption(
+        QStringLiteral("snapshot"), QStringLiteral("Also write the final state of all nodes as JSON to <file>."),
+        QStringLiteral("file"));
+    const QCommandLineOption plotOption(
+        QStringLiteral("plot"), QStringLiteral("Also write an SVG chart of the run to <file>."), QStringLiteral("file"));
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, realTimeOption, traceOption, eventsOption,
+                              snapshotOption, plotOption, interactiveOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -198,48 +343,73 @@ int verbRun(const QStringList& arguments)
     if (parser.isSet(interactiveOption))
         return InteractiveSession(file, fileName, parser.isSet(verboseOption)).exec();
 
+    StopSignals stop;
+    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
+    OutputFiles outputs{parser.value(traceOption), parser.value(eventsOption), parser.value(snapshotOption),
+                        parser.value(plotOption)};
+
     Timeline timeline(std::cout);
+    ProgressLine progress;
+    RunRecorder* recording = nullptr;
+    const auto showProgress = [&progress, &recording, &file]() {
+        if (recording)
+            progress.update(recording->requestsAnswered(), recording->requestsSent(), file.requests.size(),
+                            recording->nowUs() / 1000);
+    };
+    RunRecorder recorder(file, runClock(), [&](const RunRecorder::Event& event) {
+        progress.erase();
+        timeline.print(event);
+        showProgress();
+    });
+    recording = &recorder;
     if (parser.isSet(verboseOption))
-        timeline.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
-    WriteFailures writeFailures;
+        recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
     SimulatedPlatform platform(file, SimulatedPlatform::Answering::AsTheFileSays,
-                               [&timeline](const char* event, const QString& text, const SimulatedPlatform::Call&) {
-                                   timeline.add(event, text);
+                               [&recorder](const char* event, const QString& text,
+                                           const SimulatedPlatform::Call& call) {
+                                   recorder.platformCall(event, text, call);
                                });
     PowerGraph graph(file);
     for (const GraphFile::Reference& edge : graph.skippedSelfEdges())
-        timeline.add("skipped", QStringLiteral("%1 requires itself (line %2, column %3): not given to the library")
-                                    .arg(edge.name)
-                                    .arg(edge.place.line)
-                                    .arg(edge.place.column));
+        recorder.add(QStringLiteral("skipped"), edge.name,
+                     QStringLiteral("requires itself (line %1, column %2): not given to the library")
+                         .arg(edge.place.line)
+                         .arg(edge.place.column));
     PowerHandler handler;
     graph.registerWith(handler);
+    recorder.watchStates(graph);
 
-    Scenario scenario(graph, handler, timeline);
+    Scenario scenario(graph, handler, recorder);
     scenario.start();
     bool timedOut = false;
     QTimer::singleShot(timeoutMs, [&timedOut]() {
         timedOut = true;
         QCoreApplication::quit();
     });
+    // On the wall clock nothing may happen for a while: keep the progress
+    // line moving. (On simulated time every event redraws it.)
+    QTimer progressTimer;
+    QObject::connect(&progressTimer, &QTimer::timeout, showProgress);
+    if (progress.isShown() && parser.isSet(realTimeOption))
+        progressTimer.start(200);
     if (!scenario.allAnswered())
         QCoreApplication::exec();
+    progressTimer.stop();
+    progress.erase();
+    recorder.finish();
+    if (stop.caught())
+        std::cerr << "vela-power run: stopped by " << StopSignals::name(stop.caught()) << std::endl;
 
-    std::cout << "\nFinal state of all nodes:\n"
-              << QJsonDocument(QJsonObject::fromVariantHash(handler.listNodes()))
-                     .toJson(QJsonDocument::Indented)
-                     .toStdString();
-    std::cout << scenario.answered() << " of " << file.requests.size() << " requests answered, "
-              << scenario.succeeded() << " succeeded\n"
-              << writeFailures.failed() << " set-data writes failed, " << writeFailures.timedOut()
-              << " of them timed out" << std::endl;
-    const QStringList unsent = scenario.unsent();
-    if (!unsent.isEmpty())
-        std::cout << "not sent before the time-out: " << unsent.join(QStringLiteral("; ")).toStdString() << std::endl;
+    const QByteArray snapshot =
+        QJsonDocument(QJsonObject::fromVariantHash(handler.listNodes())).toJson(QJsonDocument::Indented);
+    printSummary(scenario, recorder, snapshot);
+    const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
+    if (stop.caught())
+        return stop.caught() == SIGINT ? ExitCodes::Interrupted : ExitCodes::Terminated;
     if (timedOut && !scenario.allAnswered()) {
         std::cerr << "vela-power run: gave up after " << timeoutMs << " ms with requests still unanswered"
                   << std::endl;
         return ExitCodes::Problems;
     }
-    return ExitCodes::Success;
+    return written ? ExitCodes::Success : ExitCodes::Problems;
 }

@@ -38,16 +38,20 @@ void answer(const GraphFile::Answer& answer, const CMReply<QVariant>& reply, con
 
 } // namespace
 
+QStringList SimulatedPlatform::revokedResources(const VelaHash& message)
+{
+    QStringList names;
+    for (const QVariant& value : message.value(QStringLiteral("revokeResources")).toList())
+        names << VelaPowerManagerResources::toString(static_cast<VelaPowerManagerResources::Enum>(value.toInt()));
+    return names;
+}
+
 QString SimulatedPlatform::describe(const VelaHash& message)
 {
     VelaHash readable = message;
     const QString revoked = QStringLiteral("revokeResources");
-    if (readable.contains(revoked)) {
-        QStringList names;
-        for (const QVariant& value : readable.value(revoked).toList())
-            names << VelaPowerManagerResources::toString(static_cast<VelaPowerManagerResources::Enum>(value.toInt()));
-        readable.insert(revoked, names);
-    }
+    if (readable.contains(revoked))
+        readable.insert(revoked, revokedResources(message));
     std::ostringstream text;
     text << readable;
     return QString::fromStdString(text.str());

@@ -43,6 +43,8 @@ public:
     // A revoke message's text with its resources named: the message itself
     // carries them as the enumeration's integers.
     static QString describe(const VelaHash& message);
+    // The names of the resources a revoke message names.
+    static QStringList revokedResources(const VelaHash& message);
 
 private:
     void addDataPath(const QString& path);

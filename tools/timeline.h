@@ -1,20 +1,18 @@
 #ifndef VELA_TOOLS_TIMELINE_H
 #define VELA_TOOLS_TIMELINE_H
 
-#include "librarylog.h"
+#include "runrecorder.h"
 
-#include <QElapsedTimer>
 #include <QString>
 
 #include <ostream>
 
 /*
- * What happened, in order, with the time since the run started:
+ * A run's events as text, one line each, with the time since the run
+ * started:
  *   [    0 ms] request   #1 target active
  *   [    0 ms] write     /modules/display/power on = true
  *   [    0 ms] state     display -> enabled
- * Node state changes and the library's errors come from the "PowerManager"
- * log, so the timeline shows them exactly as the library reports them.
  */
 class Timeline
 {
@@ -23,17 +21,15 @@ public:
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
 
-    void add(const char* kind, const QString& text);
-    // Also show every library record at `level` and above (TRACE shows all).
-    void showLibraryLog(log4cplus::LogLevel level);
+    void print(const RunRecorder::Event& event);
+
+    // The line of an event, without its end of line.
+    static QString line(const RunRecorder::Event& event);
+    // What an event says after its kind ("display -> enabled").
+    static QString text(const RunRecorder::Event& event);
 
 private:
-    void addLibraryRecord(const LibraryLog::Record& record);
-
     std::ostream& m_out;
-    QElapsedTimer m_clock;
-    log4cplus::LogLevel m_shownLevel = log4cplus::OFF_LOG_LEVEL;
-    LibraryLog m_log;
 };
 
 #endif
