@@ -4,6 +4,7 @@
 #include "graphfile.h"
 #include "powergraph.h"
 #include "simulatedplatform.h"
+#include "runrecorder.h"
 #include "timeline.h"
 
 #include "PowerHandler.h"
@@ -85,6 +86,7 @@ private:
     std::unique_ptr<QProcess> m_explain;
     QSocketNotifier m_notifier;
     Timeline m_timeline;
+    RunRecorder m_recorder;
     SimulatedPlatform m_platform;
     PowerGraph m_graph;
     // Last: pending requests are answered while it goes, and their
