@@ -17,13 +17,15 @@
  * (and to the "PowerManager" logger at FATAL when that level is enabled),
  * then the process aborts. An assertion that names where it was raised
  * (Q_ASSERT_X style) is written as
- *   ASSERT failure in <where>: "<text>", file <file>, line <line>
+ *   ASSERT failure in \<where\>: "\<text\>", file \<file\>, line \<line\>
  */
 namespace vela {
 /// Reports a failed assertion with its text, file and line, then aborts.
 [[noreturn]] VELA_API_EXPORT void assertFailed(const char* text, const char* file, int line);
 /// Reports a failed assertion with its text, file and line, then aborts.
 [[noreturn]] VELA_API_EXPORT void assertFailed(const std::string& text, const char* file, int line);
+/// Reports a failed assertion that names where it was raised (`where`), with
+/// its text, file and line, in Q_ASSERT_X form, then aborts.
 [[noreturn]] VELA_API_EXPORT void assertFailedIn(const char* where, const char* text, const char* file, int line);
 }
 

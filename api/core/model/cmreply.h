@@ -67,16 +67,20 @@ template <typename T>
 class CMReply;
 
 namespace vela {
-/*
+/**
  * Where the wrong-type assertion of a typed continuation reports itself.
  * These are part of the log contract: consumers key assertion records on
  * file and line, so the values are fixed here and must not follow edits of
  * this header.
  */
 struct CMReplyWrongTypeAssertion {
+    /// The context the assertion names.
     static constexpr const char* where = "CMReply";
+    /// The assertion text.
     static constexpr const char* text = "Wrong type passed to CMReply::onFinished()!";
+    /// The file the assertion names.
     static constexpr const char* file = "api/core/model/cmreply";
+    /// The line the assertion names.
     static constexpr int line = 689;
 };
 } // namespace vela
