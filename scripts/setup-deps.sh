@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(g++ make cmake pkg-config qtbase5-dev liblog4cplus-dev libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev rapidjson-dev graphviz librsvg2-bin libxml2-utils clang libclang-rt-14-dev valgrind
+  rapidjson-dev graphviz librsvg2-bin libxml2-utils clang libclang-rt-14-dev valgrind
   clang-format doxygen)
 missing=()
 for package in "${packages[@]}"; do
