@@ -23,6 +23,14 @@
 // by the number of nodes. The work per node is constant; the time per node
 // still grows somewhat with size as the graph and the walk's own hash sets
 // outgrow the caches.
+//
+// The wiring benchmarks (BM_Wire*) time the checked edge operations as a
+// service or the graph loader calls them: a chain of resources stated top
+// down (file order) and bottom up (reverse order), a random acyclic graph
+// whose resources are listed in random order, and targets that each enable a
+// few resources and are paired the way the handler pairs them at
+// registration (each new target disables every target before it, and each of
+// those disables it). The counter per_edge is the time per edge operation.
 
 #include "../tests/graph/literal_reference.h"
 
@@ -34,6 +42,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <vector>
@@ -182,6 +191,130 @@ BENCHMARK_CAPTURE(BM_IsStateReachable, Random, makeRandomDag)
     ->Arg(1000)
     ->Arg(10000)
     ->Unit(benchmark::kMicrosecond);
+
+// --- Wiring ------------------------------------------------------------------
+
+struct Wiring {
+    std::vector<std::unique_ptr<PowerResource>> resources;
+    std::vector<std::unique_ptr<PowerTarget>> targets;
+    long edges = 0;
+
+    explicit Wiring(int resourceCount, int targetCount = 0)
+    {
+        for (int i = 0; i < resourceCount; ++i)
+            resources.emplace_back(new PowerResource(static_cast<VelaPowerManagerResources::Enum>(1000 + i)));
+        for (int i = 0; i < targetCount; ++i)
+            targets.emplace_back(new PowerTarget(static_cast<VelaPowerManagerTargets::Enum>(1000 + i)));
+    }
+    void requires(int from, int to)
+    {
+        resources[static_cast<std::size_t>(from)]->requiresResource(resources[static_cast<std::size_t>(to)].get());
+        ++edges;
+    }
+};
+
+enum class ChainOrder { File, Reverse };
+
+void wireChain(Wiring& wiring, ChainOrder order)
+{
+    const int n = static_cast<int>(wiring.resources.size());
+    if (order == ChainOrder::File) {
+        for (int i = 0; i + 1 < n; ++i)
+            wiring.requires(i, i + 1);
+    } else {
+        for (int i = n - 2; i >= 0; --i)
+            wiring.requires(i, i + 1);
+    }
+}
+
+// Resource i has rank i; each requires up to three resources of lower rank.
+// The file lists the resources in random order, each with its requirements.
+void wireRandomDag(Wiring& wiring)
+{
+    const int n = static_cast<int>(wiring.resources.size());
+    std::mt19937 rng(static_cast<std::mt19937::result_type>(n));
+    std::vector<int> fileOrder(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+        fileOrder[static_cast<std::size_t>(i)] = i;
+    std::shuffle(fileOrder.begin(), fileOrder.end(), rng);
+    for (int resource : fileOrder) {
+        if (resource == 0)
+            continue;
+        const int count = std::uniform_int_distribution<int>(1, 3)(rng);
+        for (int k = 0; k < count; ++k)
+            wiring.requires(resource, std::uniform_int_distribution<int>(0, resource - 1)(rng));
+    }
+}
+
+// The resources form chains of ten; each target enables three resources and
+// is then paired with every target registered before it.
+void wireTargets(Wiring& wiring)
+{
+    const int n = static_cast<int>(wiring.resources.size());
+    for (int i = 0; i + 1 < n; ++i) {
+        if ((i + 1) % 10 != 0)
+            wiring.requires(i, i + 1);
+    }
+    std::mt19937 rng(static_cast<std::mt19937::result_type>(n));
+    for (std::size_t t = 0; t < wiring.targets.size(); ++t) {
+        PowerTarget* target = wiring.targets[t].get();
+        for (int k = 0; k < 3; ++k) {
+            target->enables(wiring.resources[static_cast<std::size_t>(std::uniform_int_distribution<int>(0, n - 1)(rng))].get());
+            ++wiring.edges;
+        }
+        for (std::size_t r = 0; r < t; ++r) {
+            wiring.targets[r]->disables(target);
+            target->disables(wiring.targets[r].get());
+            wiring.edges += 2;
+        }
+    }
+}
+
+template <typename Wire>
+void timeWiring(benchmark::State& state, int resources, int targets, Wire wire)
+{
+    long edges = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto wiring = std::make_unique<Wiring>(resources, targets);
+        state.ResumeTiming();
+        wire(*wiring);
+        edges = wiring->edges;
+        state.PauseTiming();
+        wiring.reset();
+        state.ResumeTiming();
+    }
+    state.counters["nodes"] = resources + targets;
+    state.counters["edges"] = static_cast<double>(edges);
+    state.counters["per_edge"] = benchmark::Counter(static_cast<double>(edges),
+                                                    benchmark::Counter::kIsIterationInvariantRate
+                                                        | benchmark::Counter::kInvert);
+    state.SetComplexityN(resources + targets);
+}
+
+void BM_WireChain(benchmark::State& state, ChainOrder order)
+{
+    timeWiring(state, static_cast<int>(state.range(0)), 0, [order](Wiring& w) { wireChain(w, order); });
+}
+
+void BM_WireRandomDag(benchmark::State& state)
+{
+    timeWiring(state, static_cast<int>(state.range(0)), 0, wireRandomDag);
+}
+
+// range(0) targets with 2.5 times as many resources.
+void BM_WireTargets(benchmark::State& state)
+{
+    const int targets = static_cast<int>(state.range(0));
+    timeWiring(state, targets * 5 / 2, targets, wireTargets);
+}
+
+BENCHMARK_CAPTURE(BM_WireChain, FileOrder, ChainOrder::File)
+    ->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_WireChain, ReverseOrder, ChainOrder::Reverse)
+    ->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WireRandomDag)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WireTargets)->Arg(100)->Arg(300)->Arg(1000)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

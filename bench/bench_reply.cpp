@@ -16,37 +16,50 @@
 //    spun until the signal has arrived, which is the full cost of that path.
 //  - QueuedInvokeMethod: posting a functor with QMetaObject::invokeMethod and
 //    processing events until it ran.
+//  - MinimalReply_MakeWatchFinish: the reference for the reply paths: a
+//    minimal reply of the same shape (shared, reference-counted data with a
+//    mutex, a wait condition, a finished flag, the value and a list of
+//    watchers, each one std::function), made, watched once and finished.
 //
 // After the run the program prints how many times cheaper the reply paths
-// are than the QFutureWatcher continuation (goal: at least 40 times).
+// are than the QFutureWatcher continuation (goal: at least 40 times), and
+// how they compare with the minimal reply (goal: at most 1.5 times its cost).
 
 #include "cmreply.h"
 
 #include <QCoreApplication>
 #include <QFutureInterface>
 #include <QFutureWatcher>
+#include <QAtomicInt>
 #include <QList>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QObject>
 #include <QVariant>
+#include <QWaitCondition>
 
 #include <benchmark/benchmark.h>
 
+#include "recordingreporter.h"
+
 #include <cstdio>
-#include <map>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include <unistd.h>
 
 namespace {
 
-void ReplyVariant_MakeWatchFinish(benchmark::State& state)
+// Make, watch once (the watcher reads the value) and finish, with our reply
+// or with the reference below.
+template <typename Reply>
+void makeWatchFinish(benchmark::State& state)
 {
     qint64 sum = 0;
     qint64 runs = 0;
     for (auto _ : state) {
-        CMReply<QVariant> reply;
-        reply.onFinished([&](const CMReply<QVariant>& finished) {
+        Reply reply;
+        reply.onFinished([&](const Reply& finished) {
             sum += finished.value().toLongLong();
             ++runs;
         });
@@ -55,6 +68,11 @@ void ReplyVariant_MakeWatchFinish(benchmark::State& state)
     if (runs != state.iterations() || sum != runs)
         state.SkipWithError("the continuation did not run once per reply");
     state.SetItemsProcessed(state.iterations());
+}
+
+void ReplyVariant_MakeWatchFinish(benchmark::State& state)
+{
+    makeWatchFinish<CMReply<QVariant>>(state);
 }
 BENCHMARK(ReplyVariant_MakeWatchFinish);
 
@@ -144,6 +162,78 @@ void WhenAllFinished(benchmark::State& state)
 }
 BENCHMARK(WhenAllFinished)->Arg(1)->Arg(10)->Arg(1000);
 
+// The reference: nothing but what a reply of this shape needs.
+class MinimalReply
+{
+public:
+    using Watcher = std::function<void(const MinimalReply&)>;
+
+    MinimalReply() : m_d(new Data) { m_d->ref.ref(); }
+    MinimalReply(const MinimalReply& other) : m_d(other.m_d) { m_d->ref.ref(); }
+    MinimalReply& operator=(const MinimalReply&) = delete;
+    ~MinimalReply()
+    {
+        if (!m_d->ref.deref())
+            delete m_d;
+    }
+
+    void onFinished(Watcher watcher) const
+    {
+        {
+            QMutexLocker locker(&m_d->mutex);
+            if (!m_d->finished) {
+                m_d->watchers.append(new Watcher(std::move(watcher)));
+                return;
+            }
+        }
+        watcher(*this);
+    }
+
+    void setValue(const QVariant& value) const
+    {
+        QList<Watcher*> watchers;
+        {
+            QMutexLocker locker(&m_d->mutex);
+            if (m_d->finished)
+                return;
+            m_d->finished = true;
+            m_d->value = value;
+            watchers.swap(m_d->watchers);
+            m_d->condition.wakeAll();
+        }
+        for (Watcher* watcher : watchers) {
+            (*watcher)(*this);
+            delete watcher;
+        }
+    }
+
+    QVariant value() const
+    {
+        QMutexLocker locker(&m_d->mutex);
+        while (!m_d->finished)
+            m_d->condition.wait(&m_d->mutex);
+        return m_d->value;
+    }
+
+private:
+    struct Data {
+        QAtomicInt ref;
+        QMutex mutex;
+        QWaitCondition condition;
+        bool finished = false;
+        QVariant value;
+        QList<Watcher*> watchers;
+        ~Data() { qDeleteAll(watchers); }
+    };
+    Data* m_d;
+};
+
+void MinimalReply_MakeWatchFinish(benchmark::State& state)
+{
+    makeWatchFinish<MinimalReply>(state);
+}
+BENCHMARK(MinimalReply_MakeWatchFinish);
+
 void QFutureWatcher_Continuation(benchmark::State& state)
 {
     qint64 runs = 0;
@@ -189,75 +279,29 @@ void QueuedInvokeMethod(benchmark::State& state)
 }
 BENCHMARK(QueuedInvokeMethod);
 
-// The console output plus the real time per iteration of every benchmark,
-// for the comparison printed at the end.
-class RecordingReporter : public benchmark::ConsoleReporter
+// Ours against the minimal reply, measured in the same run, in real and in
+// CPU time.
+void printAgainstMinimalReply(const benchsupport::RecordingReporter& reporter)
 {
-public:
-    // Colours only on a terminal, so that redirected output stays plain.
-    RecordingReporter()
-        : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular)
-    {
+    const double minimal = reporter.nanoseconds("MinimalReply_MakeWatchFinish");
+    const double minimalCpu = reporter.cpuNanoseconds("MinimalReply_MakeWatchFinish");
+    if (minimal <= 0 || minimalCpu <= 0)
+        return;
+    std::printf("\nAgainst the minimal reply of the same shape (make + watch + finish: %.1f ns real, %.1f ns CPU):\n",
+                minimal, minimalCpu);
+    for (const char* name : {"ReplyVariant_MakeWatchFinish", "ReplyVoid_MakeWatchFinish"}) {
+        const double ours = reporter.nanoseconds(name);
+        const double oursCpu = reporter.cpuNanoseconds(name);
+        if (ours <= 0 || oursCpu <= 0)
+            continue;
+        const double ratio = ours / minimal;
+        const double cpuRatio = oursCpu / minimalCpu;
+        std::printf("  %-30s real %7.1f ns = %5.2fx, CPU %7.1f ns = %5.2fx  (goal at most 1.5x: %s)\n", name, ours,
+                    ratio, oursCpu, cpuRatio, ratio <= 1.5 && cpuRatio <= 1.5 ? "met" : "not met");
     }
+}
 
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.error_occurred)
-                continue;
-            const double nanoseconds = run.GetAdjustedRealTime() * nanosecondsPer(run.time_unit);
-            std::string name = run.run_name.function_name;
-            if (!run.run_name.args.empty())
-                name += "/" + run.run_name.args;
-            Sample& sample = m_samples[name];
-            if (run.run_type == Run::RT_Iteration) {
-                sample.total += nanoseconds;
-                ++sample.count;
-            } else if (run.aggregate_name == "median") {
-                sample.median = nanoseconds;
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    // Nanoseconds per iteration (the median when the run was repeated), or a
-    // negative value when not measured.
-    double nanoseconds(const std::string& name) const
-    {
-        const auto found = m_samples.find(name);
-        if (found == m_samples.end() || found->second.count == 0)
-            return -1.0;
-        if (found->second.median >= 0)
-            return found->second.median;
-        return found->second.total / found->second.count;
-    }
-
-private:
-    struct Sample {
-        double total = 0;
-        int count = 0;
-        double median = -1.0;
-    };
-
-    static double nanosecondsPer(benchmark::TimeUnit unit)
-    {
-        switch (unit) {
-        case benchmark::kSecond:
-            return 1e9;
-        case benchmark::kMillisecond:
-            return 1e6;
-        case benchmark::kMicrosecond:
-            return 1e3;
-        case benchmark::kNanosecond:
-            break;
-        }
-        return 1.0;
-    }
-
-    std::map<std::string, Sample> m_samples;
-};
-
-void printComparison(const RecordingReporter& reporter)
+void printComparison(const benchsupport::RecordingReporter& reporter)
 {
     const double future = reporter.nanoseconds("QFutureWatcher_Continuation");
     if (future <= 0)
@@ -293,12 +337,8 @@ int main(int argc, char** argv)
 {
     // Posted continuations and QFutureWatcher need an application object.
     QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RecordingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    printComparison(reporter);
-    benchmark::Shutdown();
-    return 0;
+    return benchsupport::runWithReporter(argc, argv, [](const benchsupport::RecordingReporter& reporter) {
+        printComparison(reporter);
+        printAgainstMinimalReply(reporter);
+    });
 }

@@ -185,8 +185,8 @@ void BM_Chain_debugLog(benchmark::State& state)
     logger.removeAppender(sink);
 }
 
-BENCHMARK(BM_RandomDag)->Arg(1000)->Arg(3000)->Arg(10000)->Unit(benchmark::kMicrosecond)->Complexity(benchmark::oN);
-BENCHMARK(BM_Chain)->Arg(1000)->Arg(3000)->Arg(10000)->Unit(benchmark::kMicrosecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_RandomDag)->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_Chain)->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMicrosecond)->Complexity(benchmark::oN);
 BENCHMARK(BM_Chain_debugLog)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -10,7 +10,8 @@ struct Entry {
 const Entry entries[] = {
     {ExitCodes::Success, "success: no errors found, the run completed, or the question was answered"},
     {ExitCodes::Problems, "problems: verify found errors (or warnings with --strict), run refused a graph with "
-                          "errors, or requests were still unanswered at the time-out"},
+                          "errors, requests were still unanswered at the time-out, or a picture could not "
+                          "be drawn or written"},
     {ExitCodes::InvalidInput, "invalid input: a bad command line, or a file that cannot be read or is not a valid "
                               "graph file"},
     {ExitCodes::Interrupted, "run stopped by SIGINT (what happened so far is printed and written)"},

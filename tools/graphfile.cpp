@@ -497,6 +497,13 @@ const Entry* findNamed(const QList<Entry>& list, const QString& name)
 
 } // namespace
 
+QString GraphFile::Request::describe() const
+{
+    if (kind == Target)
+        return QStringLiteral("target ") + name;
+    return QStringLiteral("resource %1 %2 by %3").arg(name, VelaPowerModuleActions::toString(action), module);
+}
+
 QString GraphFile::Failure::message() const
 {
     QString text = fileName;

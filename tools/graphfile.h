@@ -86,6 +86,9 @@ struct GraphFile {
         TextPlace modulePlace;
         VelaPowerModuleActions::Enum action = VelaPowerModuleActions::hold;
         int atMs = 0;
+
+        // For a timeline: "target active", "resource wifi use by connectivity".
+        QString describe() const;
     };
     // Why a file was refused: where, along the path of keys to the value
     // ("resources[1].requires[0]"), and what is wrong there.

@@ -28,6 +28,7 @@ const Verb verbs[] = {
     {"verify", "Check graph files without running them", verbVerify},
     {"explain", "Explain a target switch, a resource request or a node's state, as the library decides it",
      verbExplain},
+    {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot},
 };
 
 QString help()

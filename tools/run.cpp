@@ -9,6 +9,7 @@
 #include "explainer.h"
 #include "graphfile.h"
 #include "graphverifier.h"
+#include "interactive.h"
 #include "powergraph.h"
 #include "progressline.h"
 #include "runrecorder.h"
@@ -22,7 +23,6 @@
 #include "PowerHandler.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -35,14 +35,6 @@
 namespace {
 
 constexpr int defaultTimeoutMs = 60000;
-
-QString describe(const GraphFile::Request& request)
-{
-    if (request.kind == GraphFile::Request::Target)
-        return "target " + request.name;
-    return "resource " + request.name + " " + VelaPowerModuleActions::toString(request.action) + " by "
-        + request.module;
-}
 
 // Issues the file's requests at their times and counts the answers.
 class Scenario
@@ -94,7 +86,7 @@ public:
             if (!m_sent.at(index))
                 names.append(QStringLiteral("#%1 %2 (due at %3 ms)")
                                  .arg(index + 1)
-                                 .arg(describe(m_requests.at(index)))
+                                 .arg(m_requests.at(index).describe())
                                  .arg(m_requests.at(index).atMs));
         }
         return names;
@@ -106,7 +98,7 @@ private:
         const GraphFile::Request& request = m_requests.at(index);
         const int number = index + 1;
         m_sent[index] = true;
-        m_recorder.requestSent(number, describe(request));
+        m_recorder.requestSent(number, request.describe());
         CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
         reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
             const CMError error = answer.error();
@@ -159,19 +151,6 @@ bool gate(const GraphFile& file, const QString& fileName, bool force)
     std::cerr << "vela-power run: " << errors << (errors == 1 ? " error" : " errors")
               << " in the graph; --force runs it anyway" << std::endl;
     return false;
-}
-
-// The run's clock: the simulated one when the program was started on it,
-// else the wall clock. Either way, microseconds since now.
-RunRecorder::Clock runClock()
-{
-    if (auto* simulated = qobject_cast<SimulatedTimeDispatcher*>(QCoreApplication::eventDispatcher())) {
-        const qint64 startMs = simulated->elapsedMs();
-        return [simulated, startMs]() { return (simulated->elapsedMs() - startMs) * 1000; };
-    }
-    QElapsedTimer wall;
-    wall.start();
-    return [wall]() { return wall.nsecsElapsed() / 1000; };
 }
 
 // The write or revoke message, among those that began while the request was
@@ -327,8 +306,11 @@ int verbRun(const QStringList& arguments)
         QStringLiteral("file"));
     const QCommandLineOption plotOption(
         QStringLiteral("plot"), QStringLiteral("Also write an SVG chart of the run to <file>."), QStringLiteral("file"));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption, realTimeOption, traceOption, eventsOption,
-                              snapshotOption, plotOption});
+    const QCommandLineOption interactiveOption(
+        QStringLiteral("interactive"),
+        QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption, realTimeOption,
+                              traceOption, eventsOption, snapshotOption, plotOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -344,6 +326,8 @@ int verbRun(const QStringList& arguments)
         return exitCode;
     if (!gate(file, fileName, parser.isSet(forceOption)))
         return ExitCodes::Problems;
+    if (parser.isSet(interactiveOption))
+        return InteractiveSession(file, fileName, parser.isSet(verboseOption)).exec();
 
     StopSignals stop;
     QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
@@ -358,7 +342,7 @@ int verbRun(const QStringList& arguments)
             progress.update(recording->requestsAnswered(), recording->requestsSent(), file.requests.size(),
                             recording->nowUs() / 1000);
     };
-    RunRecorder recorder(file, runClock(), [&](const RunRecorder::Event& event) {
+    RunRecorder recorder(file, RunRecorder::eventLoopClock(), [&](const RunRecorder::Event& event) {
         progress.erase();
         timeline.print(event);
         showProgress();

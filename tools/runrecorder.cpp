@@ -1,11 +1,26 @@
 #include "runrecorder.h"
 
 #include "powergraph.h"
+#include "simulatedtimedispatcher.h"
 
 #include "PowerNode.h"
 #include "cmreply.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
 const QString RunRecorder::requestTrack = QStringLiteral("requests");
+
+RunRecorder::Clock RunRecorder::eventLoopClock()
+{
+    if (auto* simulated = qobject_cast<SimulatedTimeDispatcher*>(QCoreApplication::eventDispatcher())) {
+        const qint64 startMs = simulated->elapsedMs();
+        return [simulated, startMs]() { return (simulated->elapsedMs() - startMs) * 1000; };
+    }
+    QElapsedTimer wall;
+    wall.start();
+    return [wall]() { return wall.nsecsElapsed() / 1000; };
+}
 
 RunRecorder::RunRecorder(const GraphFile& file, Clock clock, Listener listener)
     : m_file(file)

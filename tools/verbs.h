@@ -8,5 +8,6 @@
 int verbRun(const QStringList& arguments);
 int verbVerify(const QStringList& arguments);
 int verbExplain(const QStringList& arguments);
+int verbDot(const QStringList& arguments);
 
 #endif

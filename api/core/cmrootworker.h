@@ -9,7 +9,7 @@
 
 #include <functional>
 
-/*
+/**
  * The stand-alone root worker: the object tree of a process that has no
  * platform transport. Modules (or tests, or the host program's simulated
  * platform) register one handler per path; setData and invoke are routed to
@@ -26,28 +26,38 @@
 class VELA_API_EXPORT CMRootWorker : public CMAbstractWorker
 {
 public:
+    /// Answers a write at its path: receives the call and the reply to finish.
     using SetDataHandler =
         std::function<void(const CMPath& path, const QString& key, const QVariant& value, CMReply<QVariant> reply)>;
+    /// Answers an invocation at its path: receives the call and the reply to finish.
     using InvokeHandler = std::function<void(const CMPath& path, const VelaHash& arguments, CMReply<QVariant> reply)>;
 
     CMRootWorker();
     ~CMRootWorker() override;
 
-    // The process-wide instance returned by CMRoot().
+    /// The process-wide instance returned by CMRoot().
     static CMRootWorker* instance();
 
-    // Registering again for a path replaces the earlier handler.
+    /// Routes writes at `path` to `handler`; registering again replaces the earlier handler.
     void registerSetDataHandler(const CMPath& path, SetDataHandler handler);
+    /// Removes the write handler of `path`; later writes there are refused.
     void unregisterSetDataHandler(const CMPath& path);
+    /// Routes invocations at `path` to `handler`; registering again replaces it.
     void registerInvokeHandler(const CMPath& path, InvokeHandler handler);
+    /// Removes the invocation handler of `path`; later invocations there are refused.
     void unregisterInvokeHandler(const CMPath& path);
-    // Forgets every handler (a test's clean slate).
+    /// Forgets every handler (a test's clean slate).
     void clearHandlers();
 
+    /// Hands the write to the handler of `path`, on the calling thread; without one,
+    /// finishes `reply` at once with a NoHandlerError() error. Returns `reply`.
     CMReply<QVariant> setData(const CMPath& path, const QString& key, const QVariant& value,
                               const CMReply<QVariant>& reply) override;
+    /// Hands the invocation to the handler of `path`, on the calling thread; without one,
+    /// finishes `reply` at once with a NoHandlerError() error. Returns `reply`.
     CMReply<QVariant> invoke(const CMPath& path, const VelaHash& arguments, const CMReply<QVariant>& reply) override;
 
+    /// The error name of a call to a path without a handler.
     static QString NoHandlerError();
 
 private:

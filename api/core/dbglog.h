@@ -23,11 +23,11 @@
  */
 
 namespace vela {
-// The "PowerManager" logger. Valid from the moment the library is loaded.
+/// The "PowerManager" logger. Valid from the moment the library is loaded.
 VELA_API_EXPORT log4cplus::Logger& powerManagerLogger();
 } // namespace vela
 
-/*
+/**
  * The text placed between "Enter "/"Leave " and ": " in entry and leave
  * lines: the logger name in brackets followed by the function's qualified
  * name with empty parentheses, without return type, parameter list or
@@ -39,14 +39,14 @@ VELA_API_EXPORT log4cplus::Logger& powerManagerLogger();
  */
 VELA_API_EXPORT std::string dbglog_scopedFunction(const std::string& signature, const std::string& loggerName);
 
-// How names and other Qt strings reach the log: UTF-8 text.
+/// How names and other Qt strings reach the log: UTF-8 text.
 VELA_API_EXPORT std::ostream& operator<<(std::ostream& stream, const QString& text);
 
 namespace vela {
 namespace detail {
-// Builds and writes one record. Kept out of line so that the stream lives
-// only while a record is written: the functions that log keep small stack
-// frames, which matters for the ones that recurse along dependency chains.
+/// Builds and writes one record. Kept out of line so that the stream lives
+/// only while a record is written: the functions that log keep small stack
+/// frames, which matters for the ones that recurse along dependency chains.
 template <typename Build>
 __attribute__((noinline)) void logBuilt(log4cplus::Logger& logger, log4cplus::LogLevel level, const Build& build,
                                         const char* file, int line, const char* function)

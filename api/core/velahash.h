@@ -9,7 +9,7 @@
 
 #include <ostream>
 
-/*
+/**
  * The platform's keyed value map: the storage of every API record and the
  * argument map of an invoked operation. A record is empty when the map holds
  * no entry at all.
@@ -18,10 +18,11 @@ class VELA_API_EXPORT VelaHash : public QHash<QString, QVariant>
 {
 public:
     VelaHash() = default;
+    /// A map holding the entries of `other`.
     VelaHash(const QHash<QString, QVariant>& other) : QHash<QString, QVariant>(other) {}
 };
 
-/*
+/**
  * Log form of a map: "{key: value, ...}" with the keys sorted, so that the
  * same record always prints the same line. Nested maps and lists print
  * recursively; other values print as their string conversion.

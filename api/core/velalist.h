@@ -7,7 +7,7 @@
 
 #include <initializer_list>
 
-/*
+/**
  * The platform's list template: a QList of T that also converts to and from
  * the QVariantList in which records store it. Enumerations travel as their
  * integer values so that every peer can read them without knowing the type.
@@ -17,9 +17,12 @@ class VelaList : public QList<T>
 {
 public:
     VelaList() = default;
+    /// A list of the given values.
     VelaList(std::initializer_list<T> values) : QList<T>(values) {}
+    /// A list holding the elements of `other`.
     VelaList(const QList<T>& other) : QList<T>(other) {}
 
+    /// The record form: one QVariant per element, enumerations as integers.
     QVariantList toVariantList() const
     {
         QVariantList result;
@@ -29,6 +32,7 @@ public:
         return result;
     }
 
+    /// The list stored in a record's QVariantList (the reverse of toVariantList()).
     static VelaList<T> fromVariantList(const QVariantList& list)
     {
         VelaList<T> result;

@@ -10,6 +10,7 @@
 #include "PowerHandler.h"
 #include "PowerNode.h"
 #include "PowerNodeRequest.h"
+#include "requestidentities.h"
 
 #include "capturingappender.h"
 #include "cmerror.h"
@@ -352,7 +353,7 @@ protected:
     // a caller's wish is stored under it: when `request` is resolved, that
     // caller is the one answered. (No entry point makes a caller's own
     // request turn invalid while it waits; this is how a test gets there.)
-    static void reuseIdentityOf(const PowerNodeRequestPtr& request) { PowerNodeRequest::setIdCounter(request->id() - 1); }
+    static void reuseIdentityOf(const PowerNodeRequestPtr& request) { PowerNodeRequestTestAccess::setIdCounter(request->id() - 1); }
 
     // A target that cannot be reached: `module` holds a resource that the
     // target switches off. The hold is answered before this returns.

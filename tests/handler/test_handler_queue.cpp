@@ -592,7 +592,7 @@ TEST_F(PowerHandlerQueue, ErrorWithoutNameButWithMessageCountsAsSuccess)
     ASSERT_TRUE(own->isValid());
     ASSERT_TRUE(handler.addRequest(own));
     // The caller's wish is stored under our request's identity.
-    PowerNodeRequest::setIdCounter(own->id() - 1);
+    PowerNodeRequestTestAccess::setIdCounter(own->id() - 1);
 
     LogCapture log;
     CMReply<QVariant> answer = askTarget("target", target);

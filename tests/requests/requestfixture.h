@@ -7,6 +7,7 @@
 
 #include "PowerNode.h"
 #include "PowerNodeRequest.h"
+#include "requestidentities.h"
 #include "capturingappender.h"
 #include "cmerror.h"
 #include "cmpath.h"

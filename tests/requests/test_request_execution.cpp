@@ -212,6 +212,44 @@ TEST_F(RequestExecution, ExecuteResultOfAFailingWriteFollowsTheNodesSuccessfulRe
     EXPECT_FALSE(request->reply().isFinished());
 }
 
+// A resource whose latest enable transition ended with an error, as a node
+// kind of a service may leave it: asking it to enable again hands out that
+// finished reply, so the change of a module's action fails.
+class FailedEnableResource : public PowerResource
+{
+public:
+    explicit FailedEnableResource(VelaPowerManagerResources::Enum resource)
+        : PowerResource(resource)
+    {
+        m_state = VelaPowerNodeStates::enabled;
+        m_enableReply.setError(CMError(TrString("enable failed in the node")));
+    }
+};
+
+TEST_F(RequestExecution, ExecuteCarriesTheFailedChangeWhileTheRequestSucceeds)
+{
+    registerModule(A);
+    FailedEnableResource executedAlone(static_cast<VelaPowerManagerResources::Enum>(9001));
+    FailedEnableResource processed(static_cast<VelaPowerManagerResources::Enum>(9002));
+
+    // execute() reports the change's error on its own reply ...
+    const PowerNodeRequestPtr direct = requestFor(&executedAlone, A, VelaPowerModuleActions::use);
+    ASSERT_TRUE(direct->resolve());
+    const CMReply<void> executed = direct->execute();
+    ASSERT_TRUE(waitUntil([&executed]() { return executed.isFinished(); }));
+    EXPECT_EQ(executed.error().message().toString(), QStringLiteral("enable failed in the node"));
+    EXPECT_FALSE(direct->reply().isFinished());
+
+    // ... while the same change run by process() leaves the request's reply
+    // successful and the request valid.
+    const PowerNodeRequestPtr request = requestFor(&processed, A, VelaPowerModuleActions::use);
+    const CMReply<void> reply = request->process();
+    ASSERT_TRUE(waitUntil([&reply]() { return reply.isFinished(); }));
+    EXPECT_FALSE(reply.error().isError()) << str(reply.error().message().toString());
+    EXPECT_TRUE(request->isValid());
+    EXPECT_EQ(processed.moduleAction(A), VelaPowerModuleActions::use);
+}
+
 // process() on a request that has already finished, in each of the three
 // ways a request finishes.
 enum class Finished { Succeeded, BornWithoutNode, FailedToResolve };

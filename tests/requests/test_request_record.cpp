@@ -44,7 +44,7 @@ TEST(RequestIdentity, FirstTwoRequestsAfterLoadHaveIdentities1And2)
 TEST_F(RequestRecord, IdentityAfterTheLargestValueStartsAgainAt1)
 {
     PowerResource* resource = makeResource();
-    PowerNodeRequest::setIdCounter(kLargestId - 1);
+    PowerNodeRequestTestAccess::setIdCounter(kLargestId - 1);
     const PowerNodeRequestPtr last = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     const PowerNodeRequestPtr wrapped = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     const PowerNodeRequestPtr next = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
@@ -55,17 +55,17 @@ TEST_F(RequestRecord, IdentityAfterTheLargestValueStartsAgainAt1)
 
 TEST(RequestIdentity, NextIdAfterTheLargestValueIs1AndNeverZeroOrNegative)
 {
-    PowerNodeRequest::setIdCounter(kLargestId);
+    PowerNodeRequestTestAccess::setIdCounter(kLargestId);
     EXPECT_EQ(PowerNodeRequest::nextId(), 1);
     EXPECT_EQ(PowerNodeRequest::nextId(), 2);
-    PowerNodeRequest::setIdCounter(41);
+    PowerNodeRequestTestAccess::setIdCounter(41);
     EXPECT_EQ(PowerNodeRequest::nextId(), 42);
 }
 
 TEST_F(RequestRecord, IdentityNeverChangesWhileTheRequestRuns)
 {
     PowerResource* resource = makeResource();
-    PowerNodeRequest::setIdCounter(99);
+    PowerNodeRequestTestAccess::setIdCounter(99);
     const PowerNodeRequestPtr request = requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);
     runToEnd(request);
     requestFor(resource, QStringLiteral("m"), VelaPowerModuleActions::use);

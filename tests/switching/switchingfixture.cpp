@@ -18,7 +18,11 @@ const Direction kEnabling{"Enable",
                           "enable",
                           kEnableSignature,
                           " already enabled or enable was already requested...",
-                          kEnableActionContinuation};
+                          kEnableActionContinuation,
+                          documentedLine::enableAlreadyRequested,
+                          documentedLine::enableActionFailed,
+                          documentedLine::enabledState,
+                          documentedLine::enableWhileDisabling};
 
 const Direction kDisabling{"Disable",
                            &PowerNode::disable,
@@ -31,6 +35,10 @@ const Direction kDisabling{"Disable",
                            "disable",
                            kDisableSignature,
                            " already disabled or disable was already requested...",
-                           kDisableActionContinuation};
+                           kDisableActionContinuation,
+                           documentedLine::disableAlreadyRequested,
+                           documentedLine::disableActionFailed,
+                           documentedLine::disabledState,
+                           documentedLine::disableWhileEnabling};
 
 } // namespace switching

@@ -94,10 +94,31 @@ inline ::testing::AssertionResult succeeded(const CMVoidReply& reply)
     return ::testing::AssertionSuccess();
 }
 
+/*
+ * The source lines that the node records carry. Log consumers key records on
+ * file and line, so these numbers are fixed by the log contract: written out
+ * here, not looked up in the source, so that a record that moves is caught.
+ */
+namespace documentedLine {
+constexpr int enableAlreadyRequested = 38;
+constexpr int enableWhileDisabling = 42;
+constexpr int lockFailed = 56;
+constexpr int enableActionFailed = 63;
+constexpr int enabledState = 67;
+constexpr int disableAlreadyRequested = 78;
+constexpr int disableWhileEnabling = 92;
+constexpr int disableActionFailed = 101;
+constexpr int disabledState = 105;
+constexpr int unlockFailed = 116;
+constexpr int moduleActionUpdated = 324;
+constexpr int actionFailed = 432;
+constexpr int actionSucceeded = 436;
+} // namespace documentedLine
+
 // The single event with this message, checked for level, source file,
-// function and a positive line number.
+// function and documented line.
 inline ::testing::AssertionResult loggedOnce(const LogCapture& log, const std::string& message,
-                                             log4cplus::LogLevel level, const std::string& function)
+                                             log4cplus::LogLevel level, const std::string& function, int line)
 {
     const auto lines = log.withMessage(message);
     if (lines.size() != 1)
@@ -108,8 +129,9 @@ inline ::testing::AssertionResult loggedOnce(const LogCapture& log, const std::s
         return ::testing::AssertionFailure() << "file " << lines[0].file << " of \"" << message << "\"";
     if (lines[0].function != function)
         return ::testing::AssertionFailure() << "function " << lines[0].function << " of \"" << message << "\"";
-    if (lines[0].line <= 0)
-        return ::testing::AssertionFailure() << "line " << lines[0].line << " of \"" << message << "\"";
+    if (lines[0].line != line)
+        return ::testing::AssertionFailure() << "line " << lines[0].line << " instead of " << line << " of \""
+                                             << message << "\"";
     return ::testing::AssertionSuccess();
 }
 
@@ -289,6 +311,10 @@ struct Direction {
     const char* signature;                           // of enable() or disable()
     const char* alreadyTail;                         // tail of the "already ..." trace line
     const char* actionContinuation;                  // function of the records after the action
+    int alreadyLine;                                 // source line of the "already ..." trace line
+    int actionFailedLine;                            // source line of the FATAL after a failed action
+    int stateLine;                                   // source line of the "enters state" line
+    int assertionLine;                               // source line of the opposite-direction assertion
 };
 
 extern const Direction kEnabling;

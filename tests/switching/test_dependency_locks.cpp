@@ -243,7 +243,7 @@ TEST_F(DependencyLocks, FailedLockIsLoggedAndTheNodeStillRunsItsOwnAction)
     EXPECT_EQ(top->state(), VelaPowerNodeStates::enabled);
     EXPECT_EQ(writesTo(enablePath(top)), 1);
     EXPECT_TRUE(loggedOnce(log, "Failed to lock dependencies for " + str(top->name()) + ", error: lock broken",
-                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation, documentedLine::lockFailed));
 }
 
 TEST_F(DependencyLocks, FailedUnlockIsLoggedForTheDisablingNodeAndTheDisableStillSucceeds)
@@ -264,7 +264,7 @@ TEST_F(DependencyLocks, FailedUnlockIsLoggedForTheDisablingNodeAndTheDisableStil
     EXPECT_TRUE(succeeded(off));
     EXPECT_EQ(top->state(), VelaPowerNodeStates::disabled);
     EXPECT_TRUE(loggedOnce(log, "Failed to unlock all dependencies for " + str(top->name()) + ", error: unlock broken",
-                           log4cplus::FATAL_LOG_LEVEL, kUnlockContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, kUnlockContinuation, documentedLine::unlockFailed));
 }
 
 TEST_F(DependencyLocks, TargetLocksTheResourceItEnablesAndReleasesItWhenDisabled)
@@ -282,4 +282,47 @@ TEST_F(DependencyLocks, TargetLocksTheResourceItEnablesAndReleasesItWhenDisabled
     ASSERT_TRUE(finishes(off));
     EXPECT_EQ(resource->state(), VelaPowerNodeStates::disabled);
     EXPECT_TRUE(resource->lockedBy().isEmpty());
+}
+
+namespace {
+
+// The writes of enabling `node` as the depth-first lock descent makes them
+// when every write is answered at once: each node's required nodes in the
+// order in which it walks them, each one completely (its own required nodes,
+// then its own write) before the next, a node already enabled skipped.
+void expectedEnableWrites(const PowerNode* node, QSet<const PowerNode*>& enabled, QStringList& writes)
+{
+    enabled.insert(node);
+    for (const PowerNode* required : node->requiredNodes(false)) {
+        if (!enabled.contains(required))
+            expectedEnableWrites(required, enabled, writes);
+    }
+    writes << SwitchingTest::enablePath(node);
+}
+
+} // namespace
+
+TEST_F(DependencyLocks, TreeAnsweredAtOnceIsWrittenInDepthFirstOrderWithSharedNodesOnce)
+{
+    // top requires three branches of two levels; two branches share a node.
+    std::vector<TestResource*> nodes;
+    for (int i = 0; i < 10; ++i)
+        nodes.push_back(makeResource(Answer::AtOnce, Answer::AtOnce));
+    const std::vector<std::pair<int, int>> edges{{0, 1}, {0, 2}, {0, 3}, {1, 4}, {1, 5}, {2, 6},
+                                                 {2, 7}, {3, 7}, {3, 8}, {7, 9}};
+    for (const auto& edge : edges)
+        nodes[static_cast<std::size_t>(edge.first)]->requiresNode(nodes[static_cast<std::size_t>(edge.second)]);
+    QSet<const PowerNode*> enabled;
+    QStringList expected;
+    expectedEnableWrites(nodes.front(), enabled, expected);
+
+    ASSERT_TRUE(finishes(nodes.front()->enable()));
+
+    QStringList written;
+    for (const Write& write : m_writes)
+        written << write.path.toString();
+    EXPECT_EQ(written, expected);
+    for (TestResource* node : nodes)
+        EXPECT_EQ(node->state(), VelaPowerNodeStates::enabled) << str(node->name());
+    EXPECT_EQ(nodes[7]->lockedBy(), (QSet<PowerNode*>{nodes[2], nodes[3]}));
 }

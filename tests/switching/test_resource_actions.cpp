@@ -127,6 +127,67 @@ TEST_F(ResourceActions, TargetActionsSucceedAtOnce)
     EXPECT_NE(enabled, disabled) << "each call makes its own reply";
 }
 
+namespace {
+
+// A target whose own switching step, in one direction only, is replaced and
+// counted; the other direction is left to PowerTarget.
+class TargetOverridingOneAction : public PowerTarget
+{
+public:
+    TargetOverridingOneAction(VelaPowerManagerTargets::Enum target, bool overrideEnable)
+        : PowerTarget(target)
+        , m_overrideEnable(overrideEnable)
+    {
+    }
+
+    CMReply<void> onEnableAction() override
+    {
+        return m_overrideEnable ? overridden() : PowerTarget::onEnableAction();
+    }
+    CMReply<void> onDisableAction() override
+    {
+        return m_overrideEnable ? PowerTarget::onDisableAction() : overridden();
+    }
+
+    int overriddenCalls = 0;
+
+private:
+    // Never finishes: a direction that reached it would stay unfinished.
+    CMReply<void> overridden()
+    {
+        ++overriddenCalls;
+        return CMReply<void>();
+    }
+
+    bool m_overrideEnable;
+};
+
+} // namespace
+
+// A subclass overriding one direction leaves the other to PowerTarget: it
+// still succeeds at once, and the override is not called for it.
+class TargetOverridingOneDirection : public ::testing::TestWithParam<bool>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Both, TargetOverridingOneDirection, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? "EnableOverridden" : "DisableOverridden";
+                         });
+
+TEST_P(TargetOverridingOneDirection, OtherDirectionKeepsTheTargetsOwnAction)
+{
+    const bool enableOverridden = GetParam();
+    TargetOverridingOneAction target(VelaPowerManagerTargets::suspend, enableOverridden);
+    const auto untouched = enableOverridden ? &PowerNode::onDisableAction : &PowerNode::onEnableAction;
+    const auto overridden = enableOverridden ? &PowerNode::onEnableAction : &PowerNode::onDisableAction;
+
+    EXPECT_TRUE(succeeded((target.*untouched)()));
+    EXPECT_EQ(target.overriddenCalls, 0);
+    EXPECT_FALSE((target.*overridden)().isFinished());
+    EXPECT_EQ(target.overriddenCalls, 1);
+}
+
 // --- The write --------------------------------------------------------------
 
 TEST_F(ResourceActions, WritePassesPathKeyAndValueToTheHandler)
@@ -182,7 +243,8 @@ TEST_F(ResourceActions, AnswerAtOnceFinishesTheResultWithSuccessAndDebugLog)
     ASSERT_TRUE(finishes(result));
     EXPECT_TRUE(succeeded(result));
     EXPECT_EQ(writesTo(enablePath(node)), 1);
-    EXPECT_TRUE(loggedOnce(log, str(node->name()) + " is now enable", log4cplus::DEBUG_LOG_LEVEL, kActionContinuation));
+    EXPECT_TRUE(loggedOnce(log, str(node->name()) + " is now enable", log4cplus::DEBUG_LOG_LEVEL, kActionContinuation,
+                           documentedLine::actionSucceeded));
 }
 
 TEST_F(ResourceActions, LateAnswerFinishesTheResultOnlyWhenItArrives)
@@ -225,7 +287,7 @@ TEST_F(ResourceActions, ErrorAnswerIsForwardedUnchangedAndLoggedAtError)
     EXPECT_EQ(error.size(), refusal.size());
 
     EXPECT_TRUE(loggedOnce(log, str(node->name()) + " failed to disable Message: bus is down",
-                           log4cplus::ERROR_LOG_LEVEL, kActionContinuation));
+                           log4cplus::ERROR_LOG_LEVEL, kActionContinuation, documentedLine::actionFailed));
     EXPECT_FALSE(log.containsFragment(log4cplus::DEBUG_LOG_LEVEL, " is now ")) << log.dump();
 }
 
@@ -270,7 +332,7 @@ TEST_F(ResourceActions, NeverAnsweredWriteTimesOutWithTheTimeoutError)
     EXPECT_TRUE(isTimeoutError(m_unanswered[0].error())) << "the time-out finishes the watched reply itself";
 
     EXPECT_TRUE(loggedOnce(log, str(node->name()) + " failed to enable Message: " + str(CMVoidReply::ErrorTimeout()),
-                           log4cplus::ERROR_LOG_LEVEL, kActionContinuation));
+                           log4cplus::ERROR_LOG_LEVEL, kActionContinuation, documentedLine::actionFailed));
 }
 
 TEST_F(ResourceActions, DefaultTimeLimitIsUsedByTheOneArgumentConstructor)

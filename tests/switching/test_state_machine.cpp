@@ -167,7 +167,7 @@ TEST_P(TransitionRow, FailedActionEntersTheEndStateAndFinishesTheReplyWithSucces
     EXPECT_TRUE(loggedOnce(log,
                            "Failed to " + std::string(direction().actionName) + " resource " + str(node->name())
                                + ", error: no power",
-                           log4cplus::FATAL_LOG_LEVEL, direction().actionContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, direction().actionContinuation, direction().actionFailedLine));
 }
 
 TEST_F(TransitionTable, DisableOfClaimedNodeKeepsEachStateAndReturnsNewFinishedReply)

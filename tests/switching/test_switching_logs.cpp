@@ -32,9 +32,10 @@ void expectSwitchRecords(const LogCapture& log, const std::string& name, const s
     const std::string updated = "Node: " + name + " updated by: " + module + " with action type: " + actionText;
     const std::string isNow = name + " is now " + direction.actionName;
     const std::string enters = entersLine(name, direction);
-    EXPECT_TRUE(loggedOnce(log, updated, log4cplus::DEBUG_LOG_LEVEL, kSetModuleActionSignature));
-    EXPECT_TRUE(loggedOnce(log, isNow, log4cplus::DEBUG_LOG_LEVEL, kActionContinuation));
-    EXPECT_TRUE(loggedOnce(log, enters, log4cplus::DEBUG_LOG_LEVEL, direction.actionContinuation));
+    EXPECT_TRUE(loggedOnce(log, updated, log4cplus::DEBUG_LOG_LEVEL, kSetModuleActionSignature,
+                           documentedLine::moduleActionUpdated));
+    EXPECT_TRUE(loggedOnce(log, isNow, log4cplus::DEBUG_LOG_LEVEL, kActionContinuation, documentedLine::actionSucceeded));
+    EXPECT_TRUE(loggedOnce(log, enters, log4cplus::DEBUG_LOG_LEVEL, direction.actionContinuation, direction.stateLine));
     EXPECT_EQ(messagesOf(log), (std::vector<std::string>{updated, isNow, enters}));
 }
 
@@ -47,9 +48,10 @@ void expectFailureRecords(const LogCapture& log, const std::string& name, const 
     const std::string failed = name + " failed to " + action + " Message: " + message;
     const std::string fatal = "Failed to " + action + " resource " + name + ", error: " + message;
     const std::string enters = entersLine(name, direction);
-    EXPECT_TRUE(loggedOnce(log, failed, log4cplus::ERROR_LOG_LEVEL, kActionContinuation));
-    EXPECT_TRUE(loggedOnce(log, fatal, log4cplus::FATAL_LOG_LEVEL, direction.actionContinuation));
-    EXPECT_TRUE(loggedOnce(log, enters, log4cplus::DEBUG_LOG_LEVEL, direction.actionContinuation));
+    EXPECT_TRUE(loggedOnce(log, failed, log4cplus::ERROR_LOG_LEVEL, kActionContinuation, documentedLine::actionFailed));
+    EXPECT_TRUE(loggedOnce(log, fatal, log4cplus::FATAL_LOG_LEVEL, direction.actionContinuation,
+                           direction.actionFailedLine));
+    EXPECT_TRUE(loggedOnce(log, enters, log4cplus::DEBUG_LOG_LEVEL, direction.actionContinuation, direction.stateLine));
     EXPECT_EQ(messagesOf(log), (std::vector<std::string>{failed, fatal, enters}));
 }
 
@@ -86,7 +88,7 @@ TEST_F(SwitchingLog, HoldActionIsNamedInTheUpdateLine)
     node->setModuleAction(QStringLiteral("camera-service"), VelaPowerModuleActions::hold);
 
     EXPECT_TRUE(loggedOnce(log, "Node: " + str(node->name()) + " updated by: camera-service with action type: hold",
-                           log4cplus::DEBUG_LOG_LEVEL, kSetModuleActionSignature));
+                           log4cplus::DEBUG_LOG_LEVEL, kSetModuleActionSignature, documentedLine::moduleActionUpdated));
 }
 
 // "already enabled or enable was already requested..." and its disable
@@ -98,13 +100,15 @@ TEST_P(SwitchingLogBothWays, AlreadyDoneAndAlreadyRequestedShareOneTraceLine)
     LogCapture log;
 
     request(node); // running
-    EXPECT_TRUE(loggedOnce(log, alreadyLine(node), log4cplus::TRACE_LOG_LEVEL, direction().signature));
+    EXPECT_TRUE(loggedOnce(log, alreadyLine(node), log4cplus::TRACE_LOG_LEVEL, direction().signature,
+                           direction().alreadyLine));
 
     ASSERT_TRUE(answerPending(ownPath(node)));
     ASSERT_TRUE(waitUntil([&] { return node->state() == direction().reached; }));
     log.clear();
     request(node); // done
-    EXPECT_TRUE(loggedOnce(log, alreadyLine(node), log4cplus::TRACE_LOG_LEVEL, direction().signature));
+    EXPECT_TRUE(loggedOnce(log, alreadyLine(node), log4cplus::TRACE_LOG_LEVEL, direction().signature,
+                           direction().alreadyLine));
 }
 
 TEST_F(SwitchingLog, TraceLinesAreSkippedWhenTraceIsOff)
@@ -152,7 +156,7 @@ TEST_F(SwitchingLog, TargetLockFailureIsLoggedInTheLockContinuation)
     ASSERT_TRUE(finishes(target->enable()));
 
     EXPECT_TRUE(loggedOnce(log, "Failed to lock dependencies for " + str(target->name()) + ", error: gone",
-                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation));
+                           log4cplus::FATAL_LOG_LEVEL, kLockContinuation, documentedLine::lockFailed));
     EXPECT_TRUE(loggedOnce(log, "Node: " + str(target->name()) + " enters state: enabled",
-                           log4cplus::DEBUG_LOG_LEVEL, kEnableActionContinuation));
+                           log4cplus::DEBUG_LOG_LEVEL, kEnableActionContinuation, documentedLine::enabledState));
 }

@@ -14,10 +14,11 @@ QJsonObject ToolRun::json() const
     return QJsonDocument::fromJson(out).object();
 }
 
-ToolRun runTool(const QStringList& arguments)
+static ToolRun runIn(const QStringList& arguments, const QProcessEnvironment& environment)
 {
     ToolRun run;
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.start(QStringLiteral(VELA_POWER_PROGRAM), arguments);
     if (!process.waitForFinished(watchdogMs)) {
         process.kill();
@@ -29,6 +30,20 @@ ToolRun runTool(const QStringList& arguments)
     run.out = process.readAllStandardOutput();
     run.err = process.readAllStandardError();
     return run;
+}
+
+ToolRun runTool(const QStringList& arguments)
+{
+    return runIn(arguments, QProcessEnvironment::systemEnvironment());
+}
+
+ToolRun runToolQuittingMidway(const QStringList& arguments)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const QString options = environment.value(QStringLiteral("ASAN_OPTIONS"));
+    environment.insert(QStringLiteral("ASAN_OPTIONS"),
+                       options + (options.isEmpty() ? "" : ":") + QStringLiteral("detect_leaks=0"));
+    return runIn(arguments, environment);
 }
 
 QString dataFile(const QString& name)

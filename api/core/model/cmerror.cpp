@@ -39,7 +39,16 @@ QString CMError::DefaultTitle()
 
 bool CMError::isError() const
 {
-    return !value(Name()).toString().isEmpty();
+    // Most errors are empty maps (every successful reply): no lookup at all.
+    if (isEmpty())
+        return false;
+    const auto name = constFind(Name());
+    if (name == cend())
+        return false;
+    // A name stored as a string is read in place instead of being converted.
+    if (name->userType() == QMetaType::QString)
+        return !static_cast<const QString*>(name->constData())->isEmpty();
+    return !name->toString().isEmpty();
 }
 
 QString CMError::name() const

@@ -4,7 +4,6 @@
 #include <QThread>
 
 #include <deque>
-#include <vector>
 #include <memory>
 
 namespace {
@@ -55,10 +54,14 @@ void runWatcher(CMReplyWatcher* watcher, const CMVoidReply& reply)
 void runOnThisThread(CMReplyWatcher* watcher, const CMVoidReply& reply)
 {
     DrainLoop& loop = drainLoop();
-    loop.due.push_back(DueWatcher{watcher, reply});
-    if (loop.running)
+    if (loop.running) {
+        loop.due.push_back(DueWatcher{watcher, reply});
         return;
+    }
+    // The outermost completion runs its own watcher straight away (nothing
+    // can be due before it), then whatever that watcher caused.
     loop.running = true;
+    runWatcher(watcher, reply);
     while (!loop.due.empty()) {
         DueWatcher next = std::move(loop.due.front());
         loop.due.pop_front();
@@ -131,6 +134,9 @@ void CMFunctionWatcher::finished(const CMVoidReply& reply)
 
 // --- CMReplyAbstractData ---------------------------------------------------
 
+// The lazily made wait condition is told apart by its one pointer.
+static_assert(sizeof(QWaitCondition) == sizeof(void*), "QWaitCondition is one private pointer");
+
 CMReplyAbstractData::CMReplyAbstractData()
     : m_ref(0)
     , m_finished(false)
@@ -141,11 +147,17 @@ CMReplyAbstractData::~CMReplyAbstractData()
 {
     // Watchers of a reply that never finished are released unrun.
     qDeleteAll(m_watchers);
+    if (m_conditionMade)
+        m_condition.~QWaitCondition();
 }
 
 bool CMReplyAbstractData::waitForFinished(unsigned long time)
 {
     QMutexLocker locker(&m_mutex);
+    if (m_finished)
+        return true;
+    if (!m_conditionMade)
+        new (&m_condition) QWaitCondition;
     while (!m_finished) {
         if (!m_condition.wait(&m_mutex, time))
             return m_finished;
@@ -205,7 +217,8 @@ void CMReplyAbstractData::addWatcher(CMReplyWatcher* watcher)
 QList<CMReplyWatcher*> CMReplyAbstractData::finishLocked()
 {
     m_finished = true;
-    m_condition.wakeAll();
+    if (m_conditionMade)
+        m_condition.wakeAll();
     QList<CMReplyWatcher*> watchers;
     watchers.swap(m_watchers);
     return watchers;
@@ -303,14 +316,19 @@ class JoinState
 public:
     JoinState(int count, const CMReply<QList<CMVoidReply>>& result)
         : m_remaining(count)
-        , m_finished(static_cast<std::size_t>(count))
         , m_result(result)
     {
+        // One slot per joined reply, filled as each finishes (possibly on
+        // different threads, each writing its own slot); the filled list is
+        // then the join's value as it is, without a copy.
+        m_finished.reserve(count);
+        for (int slot = 0; slot < count; ++slot)
+            m_finished.append(CMVoidReply());
     }
 
     void replyFinished(int index, const CMVoidReply& reply)
     {
-        m_finished[static_cast<std::size_t>(index)] = reply;
+        m_finished[index] = reply;
         if (!m_remaining.deref())
             complete();
     }
@@ -318,24 +336,41 @@ public:
 private:
     void complete()
     {
-        QList<CMVoidReply> replies;
-        replies.reserve(static_cast<int>(m_finished.size()));
         CMError firstError;
-        for (const CMVoidReply& reply : m_finished) {
-            replies.append(reply);
-            if (!firstError.isError() && !!reply)
+        for (const CMVoidReply& reply : qAsConst(m_finished)) {
+            if (!!reply) {
                 firstError = reply.error();
+                if (firstError.isError())
+                    break;
+            }
         }
         if (firstError.isError())
             static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())
-                ->finishWithValueAndError(replies, firstError);
+                ->finishWithValueAndError(m_finished, firstError);
         else
-            m_result.setValue(replies);
+            m_result.setValue(m_finished);
     }
 
     QAtomicInt m_remaining;
-    std::vector<CMVoidReply> m_finished;
+    QList<CMVoidReply> m_finished;
     const CMReply<QList<CMVoidReply>> m_result;
+};
+
+// Reports one joined reply to the join, on whatever thread finishes it.
+class JoinWatcher : public CMReplyWatcher
+{
+public:
+    JoinWatcher(std::shared_ptr<JoinState> join, int index)
+        : CMReplyWatcher(nullptr, Qt::DirectConnection)
+        , m_join(std::move(join))
+        , m_index(index)
+    {
+    }
+    void finished(const CMVoidReply& reply) override { m_join->replyFinished(m_index, reply); }
+
+private:
+    const std::shared_ptr<JoinState> m_join;
+    const int m_index;
 };
 
 } // namespace
@@ -353,9 +388,7 @@ CMReply<QList<CMVoidReply>> CMVoidReply::whenAllFinished(const QList<CMVoidReply
         if (!reply)
             join->replyFinished(index, reply);
         else
-            reply.addWatcher(
-                nullptr, [join, index](const CMVoidReply& finished) { join->replyFinished(index, finished); },
-                Qt::DirectConnection);
+            reply.data()->addWatcher(new JoinWatcher(join, index));
     }
     return result;
 }

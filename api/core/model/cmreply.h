@@ -19,8 +19,9 @@
 #include <functional>
 #include <utility>
 
-/*
- * Asynchronous replies.
+/**
+ * \class CMVoidReply
+ * Asynchronous replies: the untyped handle, and the rules of every reply.
  *
  * A reply is a handle (CMVoidReply, CMReply<T>) on shared, reference-counted
  * reply data. Whoever holds a handle can attach continuations, read the
@@ -65,21 +66,41 @@ class CMVoidReply;
 template <typename T>
 class CMReply;
 
-// One continuation of a reply. The reply owns it until it has been run.
+namespace vela {
+/*
+ * Where the wrong-type assertion of a typed continuation reports itself.
+ * These are part of the log contract: consumers key assertion records on
+ * file and line, so the values are fixed here and must not follow edits of
+ * this header.
+ */
+struct CMReplyWrongTypeAssertion {
+    static constexpr const char* where = "CMReply";
+    static constexpr const char* text = "Wrong type passed to CMReply::onFinished()!";
+    static constexpr const char* file = "api/core/model/cmreply";
+    static constexpr int line = 689;
+};
+} // namespace vela
+
+/// One continuation of a reply. The reply owns it until it has been run.
 class VELA_API_EXPORT CMReplyWatcher
 {
 public:
+    /// A continuation that belongs to `context`'s thread (without context:
+    /// the calling thread's) and is delivered by `type`.
     CMReplyWatcher(QObject* context, Qt::ConnectionType type);
     virtual ~CMReplyWatcher();
     CMReplyWatcher(const CMReplyWatcher&) = delete;
     CMReplyWatcher& operator=(const CMReplyWatcher&) = delete;
 
-    // Called once, on the thread chosen by the delivery rules above.
+    /// Called once, on the thread chosen by the delivery rules above.
     virtual void finished(const CMVoidReply& reply) = 0;
 
-    // Delivery bookkeeping, used by the reply data.
+    /// Delivery bookkeeping, used by the reply data: the context object, null
+    /// once destroyed.
     QObject* receiver() const { return m_receiver.data(); }
+    /// Whether the watcher was given a context object (and is dropped with it).
     bool hasReceiver() const { return m_needsReceiver; }
+    /// How the watcher is delivered.
     Qt::ConnectionType connectionType() const { return m_type; }
 
 private:
@@ -88,6 +109,8 @@ private:
     Qt::ConnectionType m_type;
 };
 
+/// The shared state of a reply: reference count, finished flag, error and
+/// continuations, guarded by one mutex, so any thread may finish or read it.
 class VELA_API_EXPORT CMReplyAbstractData
 {
 public:
@@ -96,34 +119,47 @@ public:
     CMReplyAbstractData(const CMReplyAbstractData&) = delete;
     CMReplyAbstractData& operator=(const CMReplyAbstractData&) = delete;
 
-    // Blocks until the reply has finished or `time` milliseconds have passed;
-    // ULONG_MAX waits without limit. Returns whether the reply has finished.
+    /// Blocks until the reply has finished or `time` milliseconds have passed;
+    /// ULONG_MAX waits without limit. Returns whether the reply has finished.
     bool waitForFinished(unsigned long time = ULONG_MAX);
 
+    /// Whether the reply has finished; never blocks.
     bool isFinished() const;
+    /// The error stored at the finish; a success before it.
     CMError error() const;
-    // Stores the error and finishes; ignored when finished already.
+    /// Stores the error and finishes; ignored when finished already.
     void finishWithError(const CMError& error);
-    // Finishes without value (CMReply<void>); ignored when finished already.
+    /// Finishes without value (CMReply<void>); ignored when finished already.
     void finishWithoutValue();
-    // Takes ownership of the watcher.
+    /// Takes ownership of the watcher.
     void addWatcher(CMReplyWatcher* watcher);
 
     QAtomicInt m_ref;
     mutable QMutex m_mutex;
-    QWaitCondition m_condition;
+    /*
+     * The wait condition is made by the first waiter (placement new, with
+     * m_mutex held): most replies are never waited for, and making one costs
+     * an allocation and the set-up of a pthread condition. m_conditionMade
+     * shares its storage and reads null until then; afterwards it reads the
+     * condition's own private pointer, which is never null.
+     */
+    union {
+        QWaitCondition m_condition;
+        void* m_conditionMade = nullptr;
+    };
     bool m_finished;
     CMError m_error;
     QList<CMReplyWatcher*> m_watchers;
 
 protected:
-    // With m_mutex held and the reply not finished: sets the flag, wakes the
-    // waiters and hands out the watchers to deliver once the lock is gone.
+    /// With m_mutex held and the reply not finished: sets the flag, wakes the
+    /// waiters and hands out the watchers to deliver once the lock is gone.
     QList<CMReplyWatcher*> finishLocked();
-    // Outside the lock: delivers each watcher by the rules above.
+    /// Outside the lock: delivers each watcher by the rules above.
     void deliver(const QList<CMReplyWatcher*>& watchers);
 };
 
+/// The shared state of a reply with a value of type T.
 template <typename T>
 class VELA_API_EXPORT CMReplyData : public CMReplyAbstractData
 {
@@ -131,7 +167,7 @@ public:
     CMReplyData() : m_value() {}
     ~CMReplyData() override = default;
 
-    // Blocks without limit until the reply has finished, then copies the value.
+    /// Blocks without limit until the reply has finished, then copies the value.
     virtual T value()
     {
         waitForFinished(ULONG_MAX);
@@ -139,9 +175,10 @@ public:
         return m_value;
     }
 
-    // Finishes with a value carried in a QVariant.
+    /// Finishes with a value carried in a QVariant.
     virtual void setVariant(const QVariant& value) { finishWithValue(value.value<T>()); }
 
+    /// Stores the value and finishes; ignored when finished already.
     void finishWithValue(const T& value)
     {
         QList<CMReplyWatcher*> watchers;
@@ -155,7 +192,7 @@ public:
         deliver(watchers);
     }
 
-    // Value and error together, in one finish (used by whenAllFinished).
+    /// Value and error together, in one finish (used by whenAllFinished).
     void finishWithValueAndError(const T& value, const CMError& error)
     {
         QList<CMReplyWatcher*> watchers;
@@ -174,7 +211,7 @@ protected:
     T m_value;
 };
 
-// A QVariant that itself holds a QVariant stores the inner one.
+/// A QVariant that itself holds a QVariant stores the inner one.
 template <>
 inline void CMReplyData<QVariant>::setVariant(const QVariant& value)
 {
@@ -184,10 +221,11 @@ inline void CMReplyData<QVariant>::setVariant(const QVariant& value)
         finishWithValue(value);
 }
 
-// Runs a std::function with the untyped handle.
+/// Runs a std::function with the untyped handle.
 class VELA_API_EXPORT CMFunctionWatcher : public CMReplyWatcher
 {
 public:
+    /// A continuation that calls `function`; see CMReplyWatcher for the rest.
     CMFunctionWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
                       Qt::ConnectionType type);
     void finished(const CMVoidReply& reply) override;
@@ -199,30 +237,47 @@ private:
 class VELA_API_EXPORT CMVoidReply
 {
 public:
+    /// A handle without data.
     CMVoidReply() : m_d(nullptr) {}
+    /// A handle on `data`, which it shares from now on.
     explicit CMVoidReply(CMReplyAbstractData* data);
+    /// Another handle on the same data.
     CMVoidReply(const CMVoidReply& other);
+    /// Takes over the data of `other`, which is left without data.
     CMVoidReply(CMVoidReply&& other) noexcept : m_d(other.m_d) { other.m_d = nullptr; }
+    /// Shares the data of `other`; the data held before is released.
     CMVoidReply& operator=(const CMVoidReply& other);
+    /// Takes over the data of `other`; the data held before is released.
     CMVoidReply& operator=(CMVoidReply&& other) noexcept;
+    /// Releases the data; the last handle frees it. Continuations not yet
+    /// delivered are freed with it unrun.
     ~CMVoidReply();
 
-    // True for a handle without data.
+    /// True for a handle without data.
     bool operator!() const { return m_d == nullptr; }
+    /// Same data.
     bool operator==(const CMVoidReply& other) const { return m_d == other.m_d; }
+    /// Different data.
     bool operator!=(const CMVoidReply& other) const { return m_d != other.m_d; }
 
+    /// Whether the reply has finished; never blocks. Any thread.
     bool isFinished() const;
+    /// The error stored at the finish; a success while unfinished. Any thread.
     CMError error() const;
-    // Stores the error and finishes the reply; ignored once finished.
+    /// Stores the error and finishes the reply; ignored once finished.
     void setError(const CMError& error) const;
+    /// Blocks until the reply has finished or `time` milliseconds have passed;
+    /// answers whether it has finished. Never call it on the thread that is to
+    /// finish the reply.
     bool waitForFinished(unsigned long time = ULONG_MAX) const;
+    /// Attaches a continuation, run once by the delivery rules above.
     void addWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
                     Qt::ConnectionType type = Qt::AutoConnection) const;
 
+    /// The shared data; null for a handle without data.
     CMReplyAbstractData* data() const { return m_d; }
 
-    /*
+    /**
      * Finishes once every listed reply has finished; at once for an empty
      * list and for handles without data. The value is the list itself, so
      * that each joined reply can be inspected. When some replies failed the
@@ -230,47 +285,54 @@ public:
      * unchanged: its name, message and title; the others are in the value.
      */
     static CMReply<QList<CMVoidReply>> whenAllFinished(const QList<CMVoidReply>& replies);
-    // The message of an action that was given up after its time limit.
+    /// The message of an action that was given up after its time limit.
     static QString ErrorTimeout();
 
 protected:
     CMReplyAbstractData* m_d;
 };
 
-// A handle is one pointer that may be moved in memory: Qt containers keep
-// lists of replies in one array instead of one allocation per element.
+/// A handle is one pointer that may be moved in memory: Qt containers keep
+/// lists of replies in one array instead of one allocation per element.
 Q_DECLARE_TYPEINFO(CMVoidReply, Q_MOVABLE_TYPE);
 Q_DECLARE_METATYPE(CMVoidReply)
 
+/// A reply with a value of type T: the typed handle on CMReplyData<T>.
 template <typename T>
 class CMReply : public CMVoidReply
 {
 public:
+    /// A continuation of the reply.
     using Function = std::function<void(const CMReply<T>&)>;
 
-    // A new handle on fresh, unfinished data.
+    /// A new handle on fresh, unfinished data.
     CMReply() : CMVoidReply(new CMReplyData<T>()) {}
+    /// A handle on existing typed data.
     explicit CMReply(CMReplyData<T>* data) : CMVoidReply(data) {}
-    // Views untyped data as CMReplyData<T>; typed access checks the type.
+    /// Views untyped data as CMReplyData<T>; typed access checks the type.
     explicit CMReply(const CMVoidReply& untyped) : CMVoidReply(untyped) {}
 
-    // Blocking value getter: waits without limit for the finish.
+    /// Blocking value getter: waits without limit for the finish.
     T value() const { return typedData()->value(); }
+    /// Finishes with `value`; ignored once finished. Any thread.
     void setValue(const T& value) const { typedData()->finishWithValue(value); }
 
+    /// Attaches `function`, run once with this reply by the delivery rules
+    /// above, on `context`'s thread; dropped if `context` is destroyed first.
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         VELA_ASSERT_TEXT(m_d, "m_d");
         m_d->addWatcher(new TypedWatcher(context, std::move(function), type));
     }
+    /// Attaches `function` for the calling thread.
     void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         onFinished(nullptr, std::move(function), type);
     }
 
 private:
-    // Holds the typed continuation itself (one object per continuation) and
-    // checks, when the reply finishes, that its data really is of type T.
+    /// Holds the typed continuation itself (one object per continuation) and
+    /// checks, when the reply finishes, that its data really is of type T.
     class TypedWatcher : public CMReplyWatcher
     {
     public:
@@ -281,8 +343,9 @@ private:
         }
         void finished(const CMVoidReply& reply) override
         {
+            using Assertion = vela::CMReplyWrongTypeAssertion;
             auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
-            VELA_ASSERT_TEXT(typed, "Wrong type passed to CMReply::onFinished()!");
+            VELA_ASSERT_X_AT(typed, Assertion::where, Assertion::text, Assertion::file, Assertion::line);
             m_function(CMReply<T>(typed));
         }
 
@@ -299,18 +362,24 @@ private:
     }
 };
 
+/// A reply without value: it only succeeds or fails.
 template <>
 class VELA_API_EXPORT CMReply<void> : public CMVoidReply
 {
 public:
+    /// A continuation of the reply.
     using Function = std::function<void(const CMReply<void>&)>;
 
+    /// A handle on fresh, unfinished data.
     CMReply();
+    /// Another handle on untyped data.
     explicit CMReply(const CMVoidReply& untyped) : CMVoidReply(untyped) {}
 
-    // Finishes with success.
+    /// Finishes with success.
     void setValue() const;
+    /// Attaches `function` for the calling thread, run once by the delivery rules.
     void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
+    /// Attaches `function` for `context`'s thread; dropped with `context`.
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
 };
 

@@ -9,7 +9,7 @@
 
 #include <ostream>
 
-/*
+/**
  * The platform's translatable string: the text of error messages and titles.
  * Registered as the meta-type "TrString" so that it can be read back out of
  * a QVariant; it converts to QString (and a QString converts to it) through
@@ -19,14 +19,21 @@ class VELA_API_EXPORT TrString
 {
 public:
     TrString() = default;
+    /// A string with the given text.
     TrString(const QString& text) : m_text(text) {}
+    /// A string with the given UTF-8 text.
     TrString(const char* text) : m_text(QString::fromUtf8(text)) {}
 
+    /// The text.
     QString toString() const { return m_text; }
+    /// True for an empty text.
     bool isEmpty() const { return m_text.isEmpty(); }
+    /// The string as a QVariant of the "TrString" meta-type.
     operator QVariant() const;
 
+    /// Same text.
     bool operator==(const TrString& other) const { return m_text == other.m_text; }
+    /// Different text.
     bool operator!=(const TrString& other) const { return m_text != other.m_text; }
 
 private:

@@ -1,26 +1,11 @@
 #include "PowerHandler.h"
 
+#include "PowerHandlerQueueState.h"
+
 #include "dbglog.h"
 #include "velaassert.h"
 
 #include <QPointer>
-
-namespace {
-
-/*
- * The queue is busy from the moment processNextRequest() starts looking at
- * the head until that head is resolved: this table holds, per handler of
- * this thread, the head that was started (or null while invalid heads are
- * being answered and dropped). A started head does not always report
- * processing: listeners of nextTargetChanged run before process() is
- * called, and a head whose resolution failed never processes. Callers
- * answered in between may queue new requests; tryProcessNextRequest() must
- * then leave the queue to the running loop instead of starting the same
- * head twice or dropping a head that is about to be resolved.
- */
-thread_local QHash<const PowerHandler*, const PowerNodeRequest*> t_busyQueues;
-
-} // namespace
 
 // A refusal is the caller's answer: the error is set on the reply, logged
 // from the entry point that refused, and nothing is queued.
@@ -34,14 +19,12 @@ thread_local QHash<const PowerHandler*, const PowerNodeRequest*> t_busyQueues;
 PowerHandler::PowerHandler()
     : QObject(nullptr)
 {
+    new PowerHandlerQueueState(this);
 }
 
 // The containers go in reverse order of declaration. The nodes stay alive
 // (they are the service's) and callers still waiting are released unanswered.
-PowerHandler::~PowerHandler()
-{
-    t_busyQueues.remove(this);
-}
+PowerHandler::~PowerHandler() = default;
 
 // --- Registration and introspection ----------------------------------------
 
@@ -136,20 +119,22 @@ void PowerHandler::tryProcessNextRequest()
 {
     VELA_TRACE_ENTER("void PowerHandler::tryProcessNextRequest()", "");
     // A running head starts the next request itself when it is resolved.
-    if (m_requests.isEmpty() || m_requests.first()->isProcessing() || t_busyQueues.contains(this))
+    if (m_requests.isEmpty() || m_requests.first()->isProcessing()
+        || PowerHandlerQueueState::of(this)->isBusy())
         return;
     processNextRequest();
 }
 
 void PowerHandler::processNextRequest()
 {
-    t_busyQueues.insert(this, nullptr);
+    PowerHandlerQueueState* const queue = PowerHandlerQueueState::of(this);
+    queue->startDroppingInvalidHeads();
     // Invalid heads are answered and dropped one after another in this loop
     // rather than by recursion, so a long run of them costs no stack.
     for (;;) {
         VELA_TRACE_ENTER("void PowerHandler::processNextRequest()", "requests: " << m_requests.size());
         if (m_requests.isEmpty()) {
-            t_busyQueues.remove(this);
+            queue->stop();
             return;
         }
         const PowerNodeRequestPtr request = m_requests.first();
@@ -161,7 +146,7 @@ void PowerHandler::processNextRequest()
     }
 
     const PowerNodeRequestPtr request = m_requests.first();
-    t_busyQueues.insert(this, request.data());
+    queue->startHead(request.data());
     const auto target = m_targetRequests.constFind(request->id());
     if (target != m_targetRequests.cend()) {
         // A copy: a listener that queues another target may rehash the table.
@@ -172,9 +157,16 @@ void PowerHandler::processNextRequest()
     // The continuations find out whether the handler still exists: one
     // destroyed while its request ran leaves the rest of the work undone
     // instead of calling into freed memory.
+    // The finish continuation holds its share of the request weakly: it is
+    // stored in the request's own reply, so a strong share would keep a
+    // request whose reply never finishes (a revoke message nobody answers)
+    // alive for ever, even after the handler is gone. While the handler
+    // lives, its queue holds the head, so the share is always there.
     request->process().onFinished(
-        [this, handler = QPointer<PowerHandler>(this), request](const CMReply<void>& processed) {
-            if (!handler)
+        [this, handler = QPointer<PowerHandler>(this), weakRequest = request.toWeakRef()](
+            const CMReply<void>& processed) {
+            const PowerNodeRequestPtr request = weakRequest.toStrongRef();
+            if (!handler || !request)
                 return;
             VELA_INFO("request id: " << request->id() << " finished");
             // After a target request, resources that no switching has touched
@@ -206,25 +198,26 @@ void PowerHandler::resolveNodeRequest(int64_t id, const CMError& error)
                      "id: " << id << " success: " << success);
     // The caller's reply; a request nobody waits for is answered all the
     // same, into a reply of its own.
+    // Entries are removed by key: erasing through an iterator would also
+    // look for the next entry, a walk over empty buckets that grows with the
+    // table while a long queue drains.
     CMVoidReply caller;
-    const auto target = m_targetRequests.find(id);
-    if (target != m_targetRequests.end()) {
+    const auto target = m_targetRequests.constFind(id);
+    if (target != m_targetRequests.cend()) {
         const QPair<VelaPowerManagerTarget, CMReply<QVariant>> entry = target.value();
-        m_targetRequests.erase(target);
+        m_targetRequests.remove(id);
         caller = entry.second;
         if (success)
             emit targetChanged(entry.first);
     }
-    const auto resource = m_resourceRequests.find(id);
-    if (resource != m_resourceRequests.end()) {
+    const auto resource = m_resourceRequests.constFind(id);
+    if (resource != m_resourceRequests.cend()) {
         caller = resource.value();
-        m_resourceRequests.erase(resource);
+        m_resourceRequests.remove(id);
     }
     const CMReply<QVariant> reply = !caller ? CMReply<QVariant>() : CMReply<QVariant>(caller);
     VELA_ASSERT_TEXT(!m_requests.isEmpty(), "!isEmpty()");
-    const auto busy = t_busyQueues.constFind(this);
-    if (busy != t_busyQueues.cend() && busy.value() == m_requests.first().data())
-        t_busyQueues.remove(this);
+    PowerHandlerQueueState::of(this)->headResolving(m_requests.first().data());
     m_requests.removeFirst();
     if (success)
         reply.setValue(QVariant());

@@ -1,4 +1,5 @@
 #include "PowerNode.h"
+#include "PowerNodeGraph_p.h"
 
 #include "cmabstractworker.h"
 #include "dbglog.h"
@@ -8,207 +9,29 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <cstdint>
-#include <memory>
-#include <optional>
 #include <vector>
 
-namespace {
-
 /*
- * The walks below mark every node they reach. A Qt hash allocates one block
- * per entry, which on a graph of thousands of nodes costs more than the walk
- * itself; this open-addressing set of addresses keeps the marks in one
- * array. Keys are node addresses, possibly with a small tag in the low bits
- * (nodes are at least 8-byte aligned).
+ * Source lines of the node records and assertions that log consumers key on
+ * (file and line). They are part of the log contract: fixed numbers that must
+ * not follow edits of this file. The records keep naming this file.
  */
-class AddressSet
-{
-public:
-    AddressSet() : m_slots(64, 0) {}
-
-    // Inserts the key; false when it was there already.
-    bool insert(std::uintptr_t key)
-    {
-        if ((m_size + 1) * 2 > m_slots.size())
-            grow();
-        return place(key);
-    }
-    bool contains(std::uintptr_t key) const
-    {
-        const std::size_t mask = m_slots.size() - 1;
-        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
-                return true;
-            if (m_slots[i] == 0)
-                return false;
-        }
-    }
-
-private:
-    static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
-    {
-        return static_cast<std::size_t>((key >> 3) * 0x9E3779B97F4A7C15ull >> 17) & mask;
-    }
-    bool place(std::uintptr_t key)
-    {
-        const std::size_t mask = m_slots.size() - 1;
-        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
-                return false;
-            if (m_slots[i] == 0) {
-                m_slots[i] = key;
-                ++m_size;
-                return true;
-            }
-        }
-    }
-    void grow()
-    {
-        std::vector<std::uintptr_t> old(m_slots.size() * 2, 0);
-        old.swap(m_slots);
-        m_size = 0;
-        for (std::uintptr_t key : old) {
-            if (key != 0)
-                place(key);
-        }
-    }
-
-    std::vector<std::uintptr_t> m_slots;
-    std::size_t m_size = 0;
-};
-
-std::uintptr_t addressOf(const PowerNode* node)
-{
-    return reinterpret_cast<std::uintptr_t>(node);
-}
-
-} // namespace
-
-/*
- * Graph walks behind the queries.
- *
- * The queries are defined recursively (a node's list is its direct edges
- * followed by each direct dependency's own list, merged without repeats),
- * and computed literally that recursion visits a shared sub-graph once per
- * path: exponential in a ladder of diamonds. These walks give the same
- * results in time linear in the reached sub-graph:
- *  - the recursive set is the closure over the edges, where targets are
- *    listed but never expanded;
- *  - the recursive ordered list is the first-occurrence order of the
- *    depth-first expansion: direct edges first, then each non-target direct
- *    node's expansion in set order. A node expanded once has had all of its
- *    list appended already, so expanding it again would append nothing and
- *    is skipped.
- * The walks keep explicit stacks, so a long chain costs heap, not stack.
- */
-class PowerNodeGraph
-{
-public:
-    enum class Direction { Required, RequiredBy };
-
-    static const QSet<PowerNode*>& edges(const PowerNode* node, Direction direction)
-    {
-        return direction == Direction::Required ? node->m_requiredNodes : node->m_requiredByNodes;
-    }
-
-    static bool isExpandable(const PowerNode* node) { return node->type() != PowerNodeType::PowerTarget; }
-
-    static QSet<PowerNode*> closure(const PowerNode* root, Direction direction)
-    {
-        QSet<PowerNode*> result;
-        walk(root, direction, [&result](PowerNode* node) {
-            result.insert(node);
-            return true;
-        });
-        return result;
-    }
-
-    // Whether `wanted` is in closure(root, direction); stops when found.
-    static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
-    {
-        return !walk(root, direction, [wanted](PowerNode* node) { return node != wanted; });
-    }
-
-    static QList<PowerNode*> orderedClosure(const PowerNode* root, Direction direction)
-    {
-        struct Frame {
-            QSet<PowerNode*>::const_iterator next;
-            QSet<PowerNode*>::const_iterator end;
-        };
-        QList<PowerNode*> result;
-        AddressSet listed;
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<Frame> stack;
-        auto expand = [&](const PowerNode* node) {
-            const QSet<PowerNode*>& children = edges(node, direction);
-            for (PowerNode* child : children) {
-                if (listed.insert(addressOf(child)))
-                    result.append(child);
-            }
-            stack.push_back(Frame{children.cbegin(), children.cend()});
-        };
-        expand(root);
-        while (!stack.empty()) {
-            Frame& frame = stack.back();
-            if (frame.next == frame.end) {
-                stack.pop_back();
-                continue;
-            }
-            const PowerNode* child = *frame.next;
-            ++frame.next;
-            if (!isExpandable(child) || !expanded.insert(addressOf(child)))
-                continue;
-            expand(child);
-        }
-        return result;
-    }
-
-    // The rule of a plain node; a target falls back to it.
-    static bool baseStateReachable(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
-                                   bool recursive)
-    {
-        // Another module holding the node on forbids any change but enabling.
-        for (auto it = node->m_moduleActions.cbegin(); it != node->m_moduleActions.cend(); ++it) {
-            if (!module.isEmpty() && it.key() == module)
-                continue;
-            if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled
-                && state != node->m_state)
-                return false;
-        }
-        if (!recursive)
-            return true;
-        for (const auto& dependency : node->orderedDependencies(state, false)) {
-            if (!dependency.first->isStateReachable(dependency.second, module, recursive))
-                return false;
-        }
-        return true;
-    }
-
-private:
-    // Offers every node reached from `root` to `visit` (once per edge of an
-    // expanded node), expanding each non-target node once. Stops, returning
-    // false, as soon as `visit` does.
-    template <typename Visit>
-    static bool walk(const PowerNode* root, Direction direction, Visit visit)
-    {
-        AddressSet expanded;
-        expanded.insert(addressOf(root));
-        std::vector<const PowerNode*> pending{root};
-        while (!pending.empty()) {
-            const PowerNode* node = pending.back();
-            pending.pop_back();
-            for (PowerNode* next : edges(node, direction)) {
-                if (!visit(next))
-                    return false;
-                if (isExpandable(next) && expanded.insert(addressOf(next)))
-                    pending.push_back(next);
-            }
-        }
-        return true;
-    }
-};
+namespace recordLine {
+constexpr int enableAlreadyRequested = 38;
+constexpr int enableWhileDisabling = 42;
+constexpr int lockFailed = 56;
+constexpr int enableActionFailed = 63;
+constexpr int enabledState = 67;
+constexpr int disableAlreadyRequested = 78;
+constexpr int disableWhileEnabling = 92;
+constexpr int disableActionFailed = 101;
+constexpr int disabledState = 105;
+constexpr int unlockFailed = 116;
+constexpr int moduleActionUpdated = 324;
+constexpr int isEnabledEntry = 348;
+constexpr int actionFailed = 432;
+constexpr int actionSucceeded = 436;
+} // namespace recordLine
 
 namespace {
 
@@ -228,85 +51,6 @@ QList<PowerNode*> listOf(const QSet<PowerNode*>& nodes)
     return QList<PowerNode*>(nodes.cbegin(), nodes.cend());
 }
 
-/*
- * Reachability is asked recursively, node by node, with one module and one
- * `recursive` flag throughout. The answer for a (node, state) pair is the
- * same wherever it is asked within one question, so the outermost call keeps
- * the answers in a memo that nested calls on the same thread share: each
- * pair is decided once per question, and a diamond ladder costs linear time.
- */
-class ReachabilityScope
-{
-public:
-    ReachabilityScope(const QString& module, bool recursive)
-        : m_outer(t_current)
-    {
-        if (m_outer && m_outer->m_module == module && m_outer->m_recursive == recursive) {
-            m_memo = m_outer->m_memo;
-            return;
-        }
-        m_module = module;
-        m_recursive = recursive;
-        m_ownMemo.reset(new Memo);
-        m_memo = m_ownMemo.get();
-        t_current = this;
-    }
-    ~ReachabilityScope()
-    {
-        if (m_ownMemo)
-            t_current = m_outer;
-    }
-    ReachabilityScope(const ReachabilityScope&) = delete;
-    ReachabilityScope& operator=(const ReachabilityScope&) = delete;
-
-    // The answer already given for this node and state, if any.
-    std::optional<bool> find(const PowerNode* node, VelaPowerNodeStates::Enum state) const
-    {
-        const std::uintptr_t key = keyOf(node, state);
-        if (m_memo->reachable.contains(key))
-            return true;
-        if (m_memo->unreachable.contains(key))
-            return false;
-        return std::nullopt;
-    }
-    bool remember(const PowerNode* node, VelaPowerNodeStates::Enum state, bool reachable)
-    {
-        (reachable ? m_memo->reachable : m_memo->unreachable).insert(keyOf(node, state));
-        return reachable;
-    }
-
-private:
-    struct Memo {
-        AddressSet reachable;
-        AddressSet unreachable;
-    };
-    // States 0 to 4 fit the low bits of an aligned node address.
-    static std::uintptr_t keyOf(const PowerNode* node, VelaPowerNodeStates::Enum state)
-    {
-        return addressOf(node) | (static_cast<std::uintptr_t>(state) & 7u);
-    }
-    static thread_local ReachabilityScope* t_current;
-
-    ReachabilityScope* m_outer;
-    QString m_module;
-    bool m_recursive = false;
-    std::unique_ptr<Memo> m_ownMemo;
-    Memo* m_memo = nullptr;
-};
-
-thread_local ReachabilityScope* ReachabilityScope::t_current = nullptr;
-
-// Answers from the question's memo, or decides and remembers.
-template <typename Decide>
-bool memoisedReachability(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
-                          bool recursive, Decide decide)
-{
-    ReachabilityScope scope(module, recursive);
-    if (const std::optional<bool> known = scope.find(node, state))
-        return *known;
-    return scope.remember(node, state, decide());
-}
-
 void mapAllTo(QHash<PowerNode*, VelaPowerNodeStates::Enum>& result, const QSet<PowerNode*>& nodes,
               VelaPowerNodeStates::Enum state)
 {
@@ -314,26 +58,11 @@ void mapAllTo(QHash<PowerNode*, VelaPowerNodeStates::Enum>& result, const QSet<P
         result.insert(node, state);
 }
 
-/*
- * Enabling a node locks its required nodes, each of which enables (and
- * locks its own) before the call returns: the stack grows by a few frames
- * per link of the longest required chain. The steps of that recursion are
- * kept out of line and small, so a chain of ten thousand nodes fits the
- * default stack with room to spare.
- */
-__attribute__((noinline)) QList<CMVoidReply> lockAll(const QSet<PowerNode*>& nodes, PowerNode* holder)
+CMReply<void> finishedReply()
 {
-    QList<CMVoidReply> locks;
-    locks.reserve(nodes.size());
-    for (PowerNode* node : nodes)
-        locks.append(node->nodeLock(holder));
-    return locks;
-}
-
-template <typename Continuation>
-__attribute__((noinline)) void whenAllFinished(const QList<CMVoidReply>& replies, Continuation continuation)
-{
-    CMVoidReply::whenAllFinished(replies).onFinished(std::move(continuation), Qt::AutoConnection);
+    CMReply<void> done;
+    done.setValue();
+    return done;
 }
 
 std::string selfEdgeText(const char* relation, const QString& name)
@@ -366,7 +95,7 @@ VelaPowerNodeStates::Enum PowerNode::state() const
 bool PowerNode::isEnabled() const
 {
     const bool enabled = m_state == VelaPowerNodeStates::enabled;
-    VELA_TRACE_ENTER("bool PowerNode::isEnabled() const", m_name << (enabled ? " enabled" : " disabled"));
+    VELA_TRACE_ENTER_AT(recordLine::isEnabledEntry, "bool PowerNode::isEnabled() const", m_name << (enabled ? " enabled" : " disabled"));
     return enabled;
 }
 
@@ -512,52 +241,101 @@ PowerNode::DependencyList PowerNode::orderedDependencies(const VelaPowerNodeStat
 bool PowerNode::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                  const bool& recursive) const
 {
-    return memoisedReachability(this, state, module, recursive, [&] {
-        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
-    });
+    return PowerNodeGraph::isStateReachable(this, state, module, recursive, PowerNodeGraph::ReachabilityRule::Node);
 }
 
 // --- PowerNode: state machine ----------------------------------------------
 
+/*
+ * Enabling a node locks every node it requires, and each of those enables
+ * (and locks its own) before its lock returns: the whole required sub-graph
+ * is started depth-first before this call goes on. That descent runs here on
+ * an explicit stack of the nodes whose required nodes are being locked, so a
+ * chain of any length costs heap rather than call stack; each node still does
+ * what nodeLock() and its own enable() would do, in the same order. What
+ * follows the locks runs in continuations, carried by the reply model's drain
+ * loop at constant depth.
+ */
 CMReply<void> PowerNode::enable()
 {
-    if (m_state == VelaPowerNodeStates::enabling || m_state == VelaPowerNodeStates::enabled) {
-        VELA_TRACE_LEAVE("CMReply<void> PowerNode::enable()",
-                         "powerNode: " << m_name << " already enabled or enable was already requested...");
-        return m_enableReply;
+    struct Locking {
+        PowerNode* node;
+        // A copy: a continuation run while locking may not rehash what we walk.
+        QSet<PowerNode*> required;
+        QSet<PowerNode*>::const_iterator next;
+        QList<CMVoidReply> locks;
+    };
+    std::vector<Locking> descent;
+    PowerNode* starting = this;
+    for (;;) {
+        CMVoidReply returned;
+        if (starting->m_state == VelaPowerNodeStates::enabling || starting->m_state == VelaPowerNodeStates::enabled) {
+            VELA_TRACE_LEAVE_AT(recordLine::enableAlreadyRequested, "CMReply<void> PowerNode::enable()",
+                                "powerNode: " << starting->m_name
+                                              << " already enabled or enable was already requested...");
+            returned = starting->m_enableReply;
+        } else {
+            VELA_ASSERT_TEXT_AT(starting->m_state != VelaPowerNodeStates::disabling,
+                                "m_state != VelaPowerNodeStates::disabling", recordLine::enableWhileDisabling);
+            starting->m_state = VelaPowerNodeStates::enabling;
+            starting->m_enableReply = CMReply<void>();
+            descent.push_back(Locking{starting, starting->m_requiredNodes, {}, {}});
+            descent.back().next = descent.back().required.cbegin();
+            descent.back().locks.reserve(descent.back().required.size());
+        }
+        // Goes on with the innermost node that has required nodes left to
+        // lock; every node done on the way joins its locks.
+        for (;;) {
+            if (!!returned) {
+                if (descent.empty())
+                    return CMReply<void>(returned);
+                descent.back().locks.append(std::move(returned));
+                returned = CMVoidReply();
+            }
+            Locking& innermost = descent.back();
+            if (innermost.next != innermost.required.cend()) {
+                starting = *innermost.next;
+                ++innermost.next;
+                starting->m_lockedBy.insert(innermost.node);
+                break;
+            }
+            PowerNode* node = innermost.node;
+            const QList<CMVoidReply> locks = std::move(innermost.locks);
+            descent.pop_back();
+            // The reply is captured so that this transition finishes its own
+            // reply, whatever transition runs by the time the continuation is
+            // called.
+            CMVoidReply::whenAllFinished(locks).onFinished(
+                [node, transition = node->m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
+                    const CMError lockError = locked.error();
+                    if (lockError.isError())
+                        VELA_FATAL_AT(recordLine::lockFailed, "Failed to lock dependencies for "
+                                                                  << node->m_name << ", error: " << lockError.message());
+                    // The node's own action runs even when a dependency failed.
+                    node->onEnableAction().onFinished([node, transition](const CMReply<void>& action) mutable {
+                        const CMError actionError = action.error();
+                        if (actionError.isError())
+                            VELA_FATAL_AT(recordLine::enableActionFailed,
+                                          "Failed to enable resource " << node->m_name
+                                                                       << ", error: " << actionError.message());
+                        node->m_state = VelaPowerNodeStates::enabled;
+                        VELA_DEBUG_AT(recordLine::enabledState,
+                                      "Node: " << node->m_name << " enters state: "
+                                               << VelaPowerNodeStates::toString(node->m_state));
+                        transition.setValue();
+                    });
+                },
+                Qt::AutoConnection);
+            returned = node->m_enableReply;
+        }
     }
-    VELA_ASSERT(m_state != VelaPowerNodeStates::disabling);
-    m_state = VelaPowerNodeStates::enabling;
-    m_enableReply = CMReply<void>();
-
-    // Every required node is locked at once; each of them starts its own
-    // enable (and locks its own dependencies) before its call returns.
-    const QList<CMVoidReply> locks = lockAll(m_requiredNodes, this);
-
-    // The reply is captured so that this transition finishes its own reply,
-    // whatever transition runs by the time the continuation is called.
-    whenAllFinished(locks, [this, transition = m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
-        const CMError lockError = locked.error();
-        if (lockError.isError())
-            VELA_FATAL("Failed to lock dependencies for " << m_name << ", error: " << lockError.message());
-        // The node's own action runs even when a dependency failed.
-        onEnableAction().onFinished([this, transition](const CMReply<void>& action) mutable {
-            const CMError actionError = action.error();
-            if (actionError.isError())
-                VELA_FATAL("Failed to enable resource " << m_name << ", error: " << actionError.message());
-            m_state = VelaPowerNodeStates::enabled;
-            VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
-            transition.setValue();
-        });
-    });
-    return m_enableReply;
 }
 
 CMReply<void> PowerNode::disable()
 {
     if (m_state == VelaPowerNodeStates::disabling || m_state == VelaPowerNodeStates::disabled) {
-        VELA_TRACE_LEAVE("CMReply<void> PowerNode::disable()",
-                         "powerNode: " << m_name << " already disabled or disable was already requested...");
+        VELA_TRACE_LEAVE_AT(recordLine::disableAlreadyRequested, "CMReply<void> PowerNode::disable()",
+                            "powerNode: " << m_name << " already disabled or disable was already requested...");
         return m_disableReply;
     }
     // A node that is still wanted stays as it is; its caller is told that
@@ -567,16 +345,18 @@ CMReply<void> PowerNode::disable()
         stays.setValue();
         return stays;
     }
-    VELA_ASSERT(m_state != VelaPowerNodeStates::enabling);
+    VELA_ASSERT_TEXT_AT(m_state != VelaPowerNodeStates::enabling, "m_state != VelaPowerNodeStates::enabling",
+                        recordLine::disableWhileEnabling);
     m_state = VelaPowerNodeStates::disabling;
     m_disableReply = CMReply<void>();
 
     onDisableAction().onFinished([this, transition = m_disableReply](const CMReply<void>& action) mutable {
         const CMError actionError = action.error();
         if (actionError.isError())
-            VELA_FATAL("Failed to disable resource " << m_name << ", error: " << actionError.message());
+            VELA_FATAL_AT(recordLine::disableActionFailed, "Failed to disable resource " << m_name << ", error: " << actionError.message());
         m_state = VelaPowerNodeStates::disabled;
-        VELA_DEBUG("Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
+        VELA_DEBUG_AT(recordLine::disabledState,
+                      "Node: " << m_name << " enters state: " << VelaPowerNodeStates::toString(m_state));
 
         // Released only now: the dependencies stay on until this node is off.
         QList<CMVoidReply> unlocks;
@@ -587,7 +367,7 @@ CMReply<void> PowerNode::disable()
             [this, transition](const CMReply<QList<CMVoidReply>>& unlocked) mutable {
                 const CMError unlockError = unlocked.error();
                 if (unlockError.isError())
-                    VELA_FATAL("Failed to unlock all dependencies for " << m_name
+                    VELA_FATAL_AT(recordLine::unlockFailed, "Failed to unlock all dependencies for " << m_name
                                                                        << ", error: " << unlockError.message());
                 transition.setValue();
             });
@@ -599,7 +379,7 @@ CMReply<void> PowerNode::setModuleAction(const QString& module, const VelaPowerM
 {
     CMReply<void> provisional;
     m_moduleActions.insert(module, action);
-    VELA_DEBUG("Node: " << m_name << " updated by: " << module
+    VELA_DEBUG_AT(recordLine::moduleActionUpdated, "Node: " << m_name << " updated by: " << module
                         << " with action type: " << VelaPowerModuleActions::toString(action));
     if (action != VelaPowerModuleActions::release)
         return enable();
@@ -757,10 +537,10 @@ CMReply<void> PowerResource::executeAction(const QString& action, const CMSetDat
                 timer->stop();
             const CMError error = reply.error();
             if (!error.isError()) {
-                VELA_DEBUG(name() << " is now " << action);
+                VELA_DEBUG_AT(recordLine::actionSucceeded, name() << " is now " << action);
                 result.setValue();
             } else {
-                VELA_ERROR(name() << " failed to " << action << " Message: " << error.message());
+                VELA_ERROR_AT(recordLine::actionFailed, name() << " failed to " << action << " Message: " << error.message());
                 result.setError(error);
             }
         },
@@ -788,16 +568,17 @@ VelaPowerManagerTargets::Enum PowerTarget::target() const
     return m_target;
 }
 
+// A target has no switching step of its own. The two directions share the
+// body, not the virtual: a subclass that overrides one of them must not
+// change the other.
 CMReply<void> PowerTarget::onEnableAction()
 {
-    CMReply<void> done;
-    done.setValue();
-    return done;
+    return finishedReply();
 }
 
 CMReply<void> PowerTarget::onDisableAction()
 {
-    return onEnableAction();
+    return finishedReply();
 }
 
 void PowerTarget::enables(PowerResource* resource)
@@ -866,15 +647,7 @@ PowerNode::DependencyList PowerTarget::orderedDependencies(const VelaPowerNodeSt
 bool PowerTarget::isStateReachable(const VelaPowerNodeStates::Enum& state, const QString& module,
                                    const bool& recursive) const
 {
-    return memoisedReachability(this, state, module, recursive, [&] {
-        // While another target is on, it alone decides which targets follow it.
-        for (const auto& dependency : orderedDependencies(state, false)) {
-            auto* target = dynamic_cast<PowerTarget*>(dependency.first);
-            if (target && target->isEnabled())
-                return target->isReachable(this);
-        }
-        return PowerNodeGraph::baseStateReachable(this, state, module, recursive);
-    });
+    return PowerNodeGraph::isStateReachable(this, state, module, recursive, PowerNodeGraph::ReachabilityRule::Target);
 }
 
 void PowerTarget::setReachableTargets(QList<const PowerTarget*> targets)

@@ -1,26 +1,22 @@
 #include "PowerNodeRequest.h"
 
+#include "PowerNodeRequestSelfShare.h"
+
 #include "cmabstractworker.h"
 #include "dbglog.h"
 #include "velaassert.h"
-
-#include <QWeakPointer>
 
 #include <limits>
 
 namespace {
 
-// Requests share one plain counter: they are made on the handler's thread.
-int64_t s_idCounter = 0;
-
 /*
- * A running request keeps itself alive in its own continuations through a
- * share of itself. create() leaves a weak reference to that share on the
- * object, as a dynamic property, so the request's own layout stays as it
- * is. A request made without create() has none: its owner must then keep it
- * alive until its reply has finished.
+ * Source lines of the constructor's records. They are part of the log
+ * contract: log consumers key records on file and line, so these numbers are
+ * fixed here and must not follow edits of this file.
  */
-const char* const shareProperty = "_q_velaRequestShare";
+constexpr int kConstructorEntryLine = 34;
+constexpr int kNullNodeLine = 36;
 
 using ResourceActions = QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>;
 using ChangedResources = QHash<QString, ResourceActions>;
@@ -56,20 +52,25 @@ VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerMana
 {
     VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
     message.setModuleName(module).setMessageType(type);
+    // Collected first and stored once: the message holds the same list as
+    // when each resource is appended to it in turn, and a message that
+    // revokes nothing has no list at all.
+    VelaList<VelaPowerManagerResources::Enum> revoked;
     for (auto it = resources.cbegin(); it != resources.cend(); ++it) {
-        if (it.value() != VelaPowerModuleActions::release)
-            continue;
-        VelaList<VelaPowerManagerResources::Enum> revoked = message.revokeResources();
-        revoked.append(it.key());
-        message.setRevokeResources(revoked);
+        if (it.value() == VelaPowerModuleActions::release)
+            revoked.append(it.key());
     }
+    if (!revoked.isEmpty())
+        message.setRevokeResources(revoked);
     return message;
 }
 
 /*
  * Builds each changed module's message of the given type and hands it, with
- * the module's registration, to `send`. Modules missing from the request's
- * copy of the registrations are told nothing.
+ * the module's path for that type, to `send`. Modules missing from the
+ * request's copy of the registrations are told nothing. A module without a
+ * path for the type is sent nothing either: its message is only read by the
+ * entry line of notifyModule(), so it is built only when that line is logged.
  */
 template <typename Send>
 void forEachRegisteredModule(const ChangedResources& changed,
@@ -78,19 +79,27 @@ void forEachRegisteredModule(const ChangedResources& changed,
 {
     for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
         const auto registration = modules.constFind(it.key());
-        if (registration != modules.cend())
-            send(registration.value(), revokeMessage(it.key(), type, it.value()));
+        if (registration == modules.cend())
+            continue;
+        const CMPath path = type == VelaPowerManagerMessageTypes::revoke ? registration->revokeResourcesPath()
+                                                                         : registration->postRevokeResourcesPath();
+        if (path.isEmpty() && !vela::powerManagerLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
+            send(path, VelaPowerManagerRevokeMessage{QHash<QString, QVariant>()});
+        else
+            send(path, revokeMessage(it.key(), type, it.value()));
     }
 }
 
 } // namespace
+
+int64_t PowerNodeRequest::s_idCounter = 0;
 
 PowerNodeRequestPtr PowerNodeRequest::create(PowerNode* node, const QString& module,
                                              const VelaPowerModuleActions::Enum& action,
                                              const QHash<QString, VelaPowerManagerModuleRegister>& modules)
 {
     PowerNodeRequestPtr request(new PowerNodeRequest(node, module, action, modules));
-    request->setProperty(shareProperty, QVariant::fromValue(request.toWeakRef()));
+    new PowerNodeRequestSelfShare(request);
     return request;
 }
 
@@ -104,12 +113,13 @@ PowerNodeRequest::PowerNodeRequest(PowerNode* node, const QString& module, const
     , m_modules(modules)
     , m_processing(false)
 {
-    VELA_TRACE_ENTER("PowerNodeRequest::PowerNodeRequest(PowerNode*, const QString&, const "
-                     "VelaPowerModuleActions::Enum&, const QHash<QString, VelaPowerManagerModuleRegister>&)",
-                     "id: " << m_id << " module: " << m_module
-                            << " action: " << VelaPowerModuleActions::toString(m_action));
+    VELA_TRACE_ENTER_AT(kConstructorEntryLine,
+                        "PowerNodeRequest::PowerNodeRequest(PowerNode*, const QString&, const "
+                        "VelaPowerModuleActions::Enum&, const QHash<QString, VelaPowerManagerModuleRegister>&)",
+                        "id: " << m_id << " module: " << m_module
+                               << " action: " << VelaPowerModuleActions::toString(m_action));
     if (!node) {
-        VELA_ERROR("Null node pointer.");
+        VELA_ERROR_AT(kNullNodeLine, "Null node pointer.");
         m_reply.setError(CMError(TrString("Invalid power node pointer")));
     }
 }
@@ -118,7 +128,7 @@ PowerNodeRequest::~PowerNodeRequest() = default;
 
 PowerNodeRequestPtr PowerNodeRequest::sharedFromThis() const
 {
-    return property(shareProperty).value<QWeakPointer<PowerNodeRequest>>().toStrongRef();
+    return PowerNodeRequestSelfShare::of(this);
 }
 
 int64_t PowerNodeRequest::nextId()
@@ -128,11 +138,6 @@ int64_t PowerNodeRequest::nextId()
     else
         ++s_idCounter;
     return s_idCounter;
-}
-
-void PowerNodeRequest::setIdCounter(int64_t value)
-{
-    s_idCounter = value;
 }
 
 int64_t PowerNodeRequest::id() const
@@ -222,9 +227,8 @@ CMReply<void> PowerNodeRequest::notify()
 
     QList<CMVoidReply> notifications;
     forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::revoke,
-                            [this, &notifications](const VelaPowerManagerModuleRegister& registration,
-                                                   const VelaPowerManagerRevokeMessage& message) {
-                                notifications.append(notifyModule(registration.revokeResourcesPath(), message));
+                            [this, &notifications](const CMPath& path, const VelaPowerManagerRevokeMessage& message) {
+                                notifications.append(notifyModule(path, message));
                             });
 
     // The modules' answers are waited for but not judged: a module that
@@ -277,9 +281,8 @@ CMReply<void> PowerNodeRequest::execute()
             VELA_TRACE("nodeRequest id: " << m_id << " all actions finished");
             // Told after the fact; nobody waits for these answers.
             forEachRegisteredModule(changed, m_modules, VelaPowerManagerMessageTypes::postRevoke,
-                                    [this](const VelaPowerManagerModuleRegister& registration,
-                                           const VelaPowerManagerRevokeMessage& message) {
-                                        notifyModule(registration.postRevokeResourcesPath(), message);
+                                    [this](const CMPath& path, const VelaPowerManagerRevokeMessage& message) {
+                                        notifyModule(path, message);
                                     });
             const CMError error = finished.error();
             if (error.isError())

@@ -1,0 +1,378 @@
+#include "PowerNodeGraph_p.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace {
+
+/*
+ * The walks below mark every node they reach. A Qt hash allocates one block
+ * per entry, which on a graph of thousands of nodes costs more than the walk
+ * itself; this open-addressing set of addresses keeps the marks in one
+ * array. Keys are node addresses, possibly with a small tag in the low bits
+ * (nodes are at least 8-byte aligned).
+ */
+class AddressSet
+{
+public:
+    AddressSet() : m_slots(64, 0) {}
+
+    // Inserts the key; false when it was there already.
+    bool insert(std::uintptr_t key)
+    {
+        if ((m_size + 1) * 2 > m_slots.size())
+            grow();
+        return place(key);
+    }
+    bool contains(std::uintptr_t key) const
+    {
+        const std::size_t mask = m_slots.size() - 1;
+        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
+            if (m_slots[i] == key)
+                return true;
+            if (m_slots[i] == 0)
+                return false;
+        }
+    }
+
+private:
+    static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
+    {
+        return static_cast<std::size_t>((key >> 3) * 0x9E3779B97F4A7C15ull >> 17) & mask;
+    }
+    bool place(std::uintptr_t key)
+    {
+        const std::size_t mask = m_slots.size() - 1;
+        for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
+            if (m_slots[i] == key)
+                return false;
+            if (m_slots[i] == 0) {
+                m_slots[i] = key;
+                ++m_size;
+                return true;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<std::uintptr_t> old(m_slots.size() * 2, 0);
+        old.swap(m_slots);
+        m_size = 0;
+        for (std::uintptr_t key : old) {
+            if (key != 0)
+                place(key);
+        }
+    }
+
+    std::vector<std::uintptr_t> m_slots;
+    std::size_t m_size = 0;
+};
+
+std::uintptr_t addressOf(const PowerNode* node)
+{
+    return reinterpret_cast<std::uintptr_t>(node);
+}
+
+} // namespace
+
+// --- Closures ----------------------------------------------------------------
+
+namespace {
+
+bool isExpandable(const PowerNode* node)
+{
+    return node->type() != PowerNodeType::PowerTarget;
+}
+
+// Offers every node reached from `root` to `visit` (once per edge of an
+// expanded node), expanding each non-target node once. Stops, returning
+// false, as soon as `visit` does.
+template <typename Visit>
+bool walk(const PowerNode* root, PowerNodeGraph::Direction direction, Visit visit)
+{
+    AddressSet expanded;
+    expanded.insert(addressOf(root));
+    std::vector<const PowerNode*> pending{root};
+    while (!pending.empty()) {
+        const PowerNode* node = pending.back();
+        pending.pop_back();
+        for (PowerNode* next : PowerNodeGraph::edges(node, direction)) {
+            if (!visit(next))
+                return false;
+            if (isExpandable(next) && expanded.insert(addressOf(next)))
+                pending.push_back(next);
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+const QSet<PowerNode*>& PowerNodeGraph::edges(const PowerNode* node, Direction direction)
+{
+    return direction == Direction::Required ? node->m_requiredNodes : node->m_requiredByNodes;
+}
+
+QSet<PowerNode*> PowerNodeGraph::closure(const PowerNode* root, Direction direction)
+{
+    QSet<PowerNode*> result;
+    walk(root, direction, [&result](PowerNode* node) {
+        result.insert(node);
+        return true;
+    });
+    return result;
+}
+
+bool PowerNodeGraph::closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted)
+{
+    return !walk(root, direction, [wanted](PowerNode* node) { return node != wanted; });
+}
+
+QList<PowerNode*> PowerNodeGraph::orderedClosure(const PowerNode* root, Direction direction)
+{
+    struct Frame {
+        QSet<PowerNode*>::const_iterator next;
+        QSet<PowerNode*>::const_iterator end;
+    };
+    QList<PowerNode*> result;
+    AddressSet listed;
+    AddressSet expanded;
+    expanded.insert(addressOf(root));
+    std::vector<Frame> stack;
+    auto expand = [&](const PowerNode* node) {
+        const QSet<PowerNode*>& children = edges(node, direction);
+        for (PowerNode* child : children) {
+            if (listed.insert(addressOf(child)))
+                result.append(child);
+        }
+        stack.push_back(Frame{children.cbegin(), children.cend()});
+    };
+    expand(root);
+    while (!stack.empty()) {
+        Frame& frame = stack.back();
+        if (frame.next == frame.end) {
+            stack.pop_back();
+            continue;
+        }
+        const PowerNode* child = *frame.next;
+        ++frame.next;
+        if (!isExpandable(child) || !expanded.insert(addressOf(child)))
+            continue;
+        expand(child);
+    }
+    return result;
+}
+
+// --- Reachability --------------------------------------------------------------
+
+namespace {
+
+using State = VelaPowerNodeStates::Enum;
+using Rule = PowerNodeGraph::ReachabilityRule;
+
+/*
+ * One reachability question: a module, the `recursive` flag and the answers
+ * given so far, shared by every node asked while it runs.
+ *
+ * The recursive rule asks each direct dependency, through its virtual
+ * isStateReachable(), whether it may take its state, and stops at the first
+ * refusal. The walk below keeps that order of questions and calls, but not
+ * the nesting: it makes the virtual call itself, and when the node's own
+ * implementation (one of the two rules) receives exactly the call the walk is
+ * making, it hands the node back instead of descending, and the walk decides
+ * it on its own stack. A subclass that answers for itself is called as before
+ * and its answer is used.
+ *
+ * The answer for a (node, state) pair is the same wherever it is asked within
+ * one question, so each pair is decided once and a ladder of diamonds costs
+ * linear time. The question lives while the outermost call runs; nested calls
+ * on the same thread find it through t_current.
+ */
+class ReachabilityQuestion
+{
+public:
+    ReachabilityQuestion(const QString& module, bool recursive)
+        : m_module(module)
+        , m_recursive(recursive)
+        , m_outer(t_current)
+    {
+        t_current = this;
+    }
+    ~ReachabilityQuestion() { t_current = m_outer; }
+    ReachabilityQuestion(const ReachabilityQuestion&) = delete;
+    ReachabilityQuestion& operator=(const ReachabilityQuestion&) = delete;
+
+    // The question running on this thread for this module and flag, if any.
+    static ReachabilityQuestion* running(const QString& module, bool recursive)
+    {
+        ReachabilityQuestion* current = t_current;
+        if (current && current->m_recursive == recursive && current->m_module == module)
+            return current;
+        return nullptr;
+    }
+
+    std::optional<bool> known(const PowerNode* node, State state) const
+    {
+        const std::uintptr_t key = keyOf(node, state);
+        if (m_reachable.contains(key))
+            return true;
+        if (m_unreachable.contains(key))
+            return false;
+        return std::nullopt;
+    }
+
+    // Whether this call is the one the walk is making; if so, the walk takes
+    // the node over under `rule`.
+    bool takeOver(const PowerNode* node, State state, Rule rule)
+    {
+        if (!m_asking || m_askedNode != node || m_askedState != state)
+            return false;
+        m_asking = false;
+        m_handedBack = rule;
+        return true;
+    }
+
+    bool decide(const PowerNode* root, State rootState, Rule rootRule);
+
+private:
+    struct Frame {
+        const PowerNode* node;
+        State state;
+        PowerNode::DependencyList dependencies;
+        int next;
+    };
+
+    // States 0 to 4 fit the low bits of an aligned node address.
+    static std::uintptr_t keyOf(const PowerNode* node, State state)
+    {
+        return addressOf(node) | (static_cast<std::uintptr_t>(state) & 7u);
+    }
+
+    bool remember(const PowerNode* node, State state, bool reachable)
+    {
+        (reachable ? m_reachable : m_unreachable).insert(keyOf(node, state));
+        return reachable;
+    }
+
+    std::optional<bool> open(const PowerNode* node, State state, Rule rule, std::vector<Frame>& walk);
+    std::optional<bool> ask(const PowerNode* node, State state, std::vector<Frame>& walk);
+
+    const QString m_module;
+    const bool m_recursive;
+    ReachabilityQuestion* const m_outer;
+    AddressSet m_reachable;
+    AddressSet m_unreachable;
+    // The virtual call the walk is making, and how its node was handed back.
+    bool m_asking = false;
+    const PowerNode* m_askedNode = nullptr;
+    State m_askedState = VelaPowerNodeStates::initial;
+    std::optional<Rule> m_handedBack;
+
+    static thread_local ReachabilityQuestion* t_current;
+};
+
+thread_local ReachabilityQuestion* ReachabilityQuestion::t_current = nullptr;
+
+} // namespace
+
+bool ReachabilityQuestion::decide(const PowerNode* root, State rootState, Rule rootRule)
+{
+    // A nested walk (reached through a subclass) keeps the outer walk's call.
+    const bool outerAsking = m_asking;
+    const PowerNode* const outerNode = m_askedNode;
+    const State outerState = m_askedState;
+    m_asking = false;
+
+    std::vector<Frame> walk;
+    std::optional<bool> answer = open(root, rootState, rootRule, walk);
+    for (;;) {
+        if (answer) {
+            if (walk.empty())
+                break;
+            Frame& asking = walk.back();
+            if (!*answer) {
+                // The first refusal decides; the rest are not asked.
+                remember(asking.node, asking.state, false);
+                walk.pop_back();
+                continue;
+            }
+            ++asking.next;
+            answer.reset();
+        }
+        Frame& frame = walk.back();
+        if (frame.next == frame.dependencies.size()) {
+            answer = remember(frame.node, frame.state, true);
+            walk.pop_back();
+            continue;
+        }
+        const QPair<PowerNode*, State> dependency = frame.dependencies.at(frame.next);
+        answer = ask(dependency.first, dependency.second, walk);
+    }
+
+    m_asking = outerAsking;
+    m_askedNode = outerNode;
+    m_askedState = outerState;
+    return *answer;
+}
+
+// Runs `node`'s rule up to its questions to the dependencies: answers at once,
+// or opens a frame that asks them.
+std::optional<bool> ReachabilityQuestion::open(const PowerNode* node, State state, Rule rule,
+                                               std::vector<Frame>& walk)
+{
+    if (rule == Rule::Target) {
+        // While another target is on, it alone decides which targets follow it.
+        for (const auto& dependency : node->orderedDependencies(state, false)) {
+            auto* target = dynamic_cast<PowerTarget*>(dependency.first);
+            if (target && target->isEnabled())
+                return remember(node, state, target->isReachable(static_cast<const PowerTarget*>(node)));
+        }
+    }
+    // Another module holding the node on forbids any change but enabling.
+    const QHash<QString, VelaPowerModuleActions::Enum> actions = node->moduleActions();
+    for (auto it = actions.cbegin(); it != actions.cend(); ++it) {
+        if (!m_module.isEmpty() && it.key() == m_module)
+            continue;
+        if (it.value() == VelaPowerModuleActions::hold && state != VelaPowerNodeStates::enabled
+            && state != node->state())
+            return remember(node, state, false);
+    }
+    if (!m_recursive)
+        return remember(node, state, true);
+    walk.push_back(Frame{node, state, node->orderedDependencies(state, false), 0});
+    return std::nullopt;
+}
+
+// Asks `node` through its virtual, as the recursive rule does: a subclass's
+// own answer is taken as it is; one of the two rules hands the node back and
+// it is opened here.
+std::optional<bool> ReachabilityQuestion::ask(const PowerNode* node, State state, std::vector<Frame>& walk)
+{
+    m_asking = true;
+    m_askedNode = node;
+    m_askedState = state;
+    m_handedBack.reset();
+    const bool answer = node->isStateReachable(state, m_module, m_recursive);
+    m_asking = false;
+    if (!m_handedBack)
+        return answer;
+    const Rule rule = *m_handedBack;
+    m_handedBack.reset();
+    return open(node, state, rule, walk);
+}
+
+bool PowerNodeGraph::isStateReachable(const PowerNode* node, VelaPowerNodeStates::Enum state, const QString& module,
+                                      bool recursive, ReachabilityRule rule)
+{
+    if (ReachabilityQuestion* question = ReachabilityQuestion::running(module, recursive)) {
+        if (const std::optional<bool> known = question->known(node, state))
+            return *known;
+        if (question->takeOver(node, state, rule))
+            return false; // not an answer: the walk decides the node itself
+        return question->decide(node, state, rule);
+    }
+    ReachabilityQuestion question(module, recursive);
+    return question.decide(node, state, rule);
+}

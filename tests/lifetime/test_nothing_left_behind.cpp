@@ -1,0 +1,157 @@
+// A handler destroyed while its request is stuck on the platform, then its
+// nodes: nothing that the request, the transitions or the time-outs made may
+// stay behind, whether the platform still holds the unanswered call or has
+// let go of it, and no time-out may fire into a node that is gone.
+
+#include "lifetime_fixture.h"
+
+#include "PowerNodeRequest.h"
+
+#include <QPointer>
+#include <QString>
+
+#include <gtest/gtest.h>
+
+using namespace lifetimetest;
+
+namespace {
+
+class NothingLeftBehind : public LifetimeTest
+{
+protected:
+    // A module uses a resource that a target switches off: asking for the
+    // target sends the module a revoke message that is never answered.
+    PowerTarget* targetStuckOnARevokeMessage()
+    {
+        PowerResource* used = addResource(700, true);
+        claim(used, VelaPowerModuleActions::use);
+        PowerTarget* target = addTarget(700);
+        target->disables(used);
+        m_handler->registerTarget(target);
+        leaveRevokesUnanswered();
+        return target;
+    }
+
+    // The resource's enable write is never answered.
+    PowerResource* resourceStuckOnAWrite() { return addResource(701, false); }
+
+    // The module asks to use the resource, as a caller of the handler does.
+    CMReply<QVariant> askToUse(PowerResource* resource)
+    {
+        CMReply<QVariant> caller;
+        m_handler->requestResource(
+            VelaPowerManagerResourceRequest(resource->resource(), module(), VelaPowerModuleActions::use), caller);
+        settle();
+        return caller;
+    }
+
+    // A request queued and started through the queue's own operations, so
+    // that the test can watch the request object itself; only the handler
+    // and its continuations keep it.
+    QPointer<PowerNodeRequest> startRequest(PowerNode* node, const QString& module,
+                                            VelaPowerModuleActions::Enum action)
+    {
+        const PowerNodeRequestPtr request = m_handler->makeRequest(node, module, action);
+        EXPECT_TRUE(m_handler->addRequest(request));
+        m_handler->tryProcessNextRequest();
+        settle();
+        return QPointer<PowerNodeRequest>(request.data());
+    }
+
+    // The platform lets go last. A caller still waiting when the handler
+    // went was released unanswered.
+    void expectNothingLeftOnceThePlatformLetsGo(const CMReply<QVariant>& caller)
+    {
+        releaseKeptCalls();
+        EXPECT_FALSE(caller.isFinished()) << "a caller still waiting is released unanswered";
+        expectNothingLeaked();
+    }
+};
+
+} // namespace
+
+TEST_P(NothingLeftBehind, TargetRequestWaitingForARevokeAnswer)
+{
+    PowerTarget* target = targetStuckOnARevokeMessage();
+    CMReply<QVariant> caller;
+    m_handler->requestTarget(VelaPowerManagerTarget(target->target()), caller);
+    settle();
+    ASSERT_EQ(m_revokes, 1);
+    ASSERT_EQ(m_handler->pendingRequests(), 1);
+
+    destroyHandler();
+    destroyNodes();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
+}
+
+// Known defect, left open: the write's time-out and the state machine's
+// continuations point at the resource, so a resource destroyed while its
+// write is still pending is read when the time-out fires (heap use after
+// free under ASan). Until the resource's pending actions can be told that it
+// is gone, services must keep a resource alive until its writes are answered
+// or timed out. Disabled so that the suite stays meaningful; run it with
+// --gtest_also_run_disabled_tests to see the defect.
+TEST_P(NothingLeftBehind, DISABLED_ResourceRequestWaitingForAWriteAnswerWhenTheNodesGoBeforeTheTimeOut)
+{
+    PowerResource* resource = resourceStuckOnAWrite();
+    const CMReply<QVariant> caller = askToUse(resource);
+    ASSERT_EQ(m_writes, 1);
+    ASSERT_EQ(resource->state(), VelaPowerNodeStates::enabling);
+
+    destroyHandler();
+    destroyNodes();
+    // The time-out of the write was due after the node had gone.
+    passTheTimeOut();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
+}
+
+TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheTimeOutComesAfterTheHandlerWent)
+{
+    PowerResource* resource = resourceStuckOnAWrite();
+    const CMReply<QVariant> caller = askToUse(resource);
+    ASSERT_EQ(m_writes, 1);
+
+    destroyHandler();
+    passTheTimeOut();
+    // The node finished its transition on its own; the handler's part of the
+    // work was left undone with the handler.
+    EXPECT_EQ(resource->state(), VelaPowerNodeStates::enabled);
+    destroyNodes();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
+}
+
+// In every build: the request object that was stuck is deleted with the
+// handler (and the platform letting go), not kept alive by its own
+// continuations.
+TEST_P(NothingLeftBehind, RequestStuckOnARevokeMessageIsDeleted)
+{
+    PowerTarget* target = targetStuckOnARevokeMessage();
+    const QPointer<PowerNodeRequest> watched =
+        startRequest(target, VelaPowerManagerName(), VelaPowerModuleActions::hold);
+    ASSERT_EQ(m_revokes, 1);
+    ASSERT_FALSE(watched.isNull());
+
+    destroyHandler();
+    destroyNodes();
+    releaseKeptCalls();
+
+    EXPECT_TRUE(watched.isNull());
+}
+
+TEST_P(NothingLeftBehind, RequestStuckOnAWriteIsDeleted)
+{
+    PowerResource* resource = resourceStuckOnAWrite();
+    const QPointer<PowerNodeRequest> watched = startRequest(resource, module(), VelaPowerModuleActions::use);
+    ASSERT_EQ(m_writes, 1);
+    ASSERT_FALSE(watched.isNull());
+
+    destroyHandler();
+    passTheTimeOut();
+    destroyNodes();
+    releaseKeptCalls();
+
+    EXPECT_TRUE(watched.isNull());
+}
+
+INSTANTIATE_TEST_SUITE_P(Platform, NothingLeftBehind, ::testing::Values(Unanswered::Kept, Unanswered::Dropped),
+                         [](const ::testing::TestParamInfo<Unanswered>& info) { return nameOf(info.param); });

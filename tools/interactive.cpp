@@ -1,0 +1,268 @@
+#include "interactive.h"
+
+#include "explainer.h"
+#include "safetext.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTimer>
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace {
+
+// A `wait` longer than an hour is a typing mistake, not a plan.
+constexpr int longestWaitMs = 3600000;
+constexpr int readChunk = 4096;
+
+} // namespace
+
+struct InteractiveSession::Command {
+    const char* name;
+    const char* usage;
+    const char* summary;
+    void (InteractiveSession::*run)(const QStringList& words);
+};
+
+const InteractiveSession::Command InteractiveSession::commands[] = {
+    {"target", "target NAME", "switch to a target", &InteractiveSession::target},
+    {"hold", "hold RESOURCE MODULE", "the module holds the resource (it cannot be taken away)",
+     &InteractiveSession::resourceAction},
+    {"use", "use RESOURCE MODULE", "the module uses the resource (a target may take it, with a revoke message)",
+     &InteractiveSession::resourceAction},
+    {"release", "release RESOURCE MODULE", "the module releases the resource", &InteractiveSession::resourceAction},
+    {"wait", "wait MS", "let MS milliseconds pass before the next command", &InteractiveSession::wait},
+    {"snapshot", "snapshot", "show the state of all nodes (one line of JSON)", &InteractiveSession::snapshot},
+    {"explain", "explain OPTIONS", "as 'vela-power explain GRAPH OPTIONS', on the same graph file",
+     &InteractiveSession::explain},
+    {"help", "help", "show these commands", &InteractiveSession::showHelp},
+    {"quit", "quit", "end the session", &InteractiveSession::quit},
+};
+
+InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fileName, bool showLibraryLog)
+    : m_file(file)
+    , m_fileName(fileName)
+    , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
+    , m_timeline(std::cout)
+    , m_recorder(file, RunRecorder::eventLoopClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
+    , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
+                 [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
+                     m_recorder.platformCall(event, text, call);
+                 })
+    , m_graph(file)
+{
+    if (showLibraryLog)
+        m_recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
+    for (const GraphFile::Reference& edge : m_graph.skippedSelfEdges())
+        m_recorder.add(QStringLiteral("skipped"), edge.name,
+                       QStringLiteral("requires itself (line %1, column %2): not given to the library")
+                           .arg(edge.place.line)
+                           .arg(edge.place.column));
+    m_graph.registerWith(m_handler);
+    m_recorder.watchStates(m_graph);
+    QObject::connect(&m_handler, &PowerHandler::nextTargetChanged, [this](const VelaPowerManagerTarget& target) {
+        m_recorder.add(QStringLiteral("signal"), QStringLiteral("nextTargetChanged"),
+                       VelaPowerManagerTargets::toString(target.target()));
+    });
+    QObject::connect(&m_handler, &PowerHandler::targetChanged, [this](const VelaPowerManagerTarget& target) {
+        m_recorder.add(QStringLiteral("signal"), QStringLiteral("targetChanged"),
+                       VelaPowerManagerTargets::toString(target.target()));
+    });
+    QObject::connect(&m_notifier, &QSocketNotifier::activated, [this]() { readInput(); });
+}
+
+InteractiveSession::~InteractiveSession()
+{
+    // Requests still queued are failed while the handler goes; nobody is
+    // left to read about them.
+    m_quitting = true;
+}
+
+QString InteractiveSession::help()
+{
+    QString text = QStringLiteral("Commands, one per line (names with spaces in quotes):\n");
+    for (const Command& command : commands)
+        text += QStringLiteral("  %1  %2\n").arg(QLatin1String(command.usage), -24).arg(QLatin1String(command.summary));
+    return text + QStringLiteral("The file's own requests are not made: the commands are the scenario. At the end "
+                                 "of the input the session ends once every request is answered.\n");
+}
+
+int InteractiveSession::exec()
+{
+    if (isatty(STDIN_FILENO))
+        std::cerr << "vela-power run: interactive session on " << m_fileName.toStdString()
+                  << "; 'help' lists the commands" << std::endl;
+    QCoreApplication::exec();
+    std::cout << m_answered << " of " << m_sent << " requests answered" << std::endl;
+    return 0;
+}
+
+void InteractiveSession::readInput()
+{
+    // The notifier says there is something to read, so this read does not
+    // block; it returns what is there now.
+    char chunk[readChunk];
+    const ssize_t count = ::read(STDIN_FILENO, chunk, sizeof chunk);
+    if (count <= 0) {
+        m_notifier.setEnabled(false);
+        m_inputEnded = true;
+        if (!m_input.isEmpty())
+            m_pending.append(QString::fromUtf8(m_input));
+        m_input.clear();
+    } else {
+        m_input.append(chunk, int(count));
+        for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
+            m_pending.append(QString::fromUtf8(m_input.left(end)));
+            m_input.remove(0, end + 1);
+        }
+    }
+    runPending();
+}
+
+void InteractiveSession::runPending()
+{
+    while (!m_busy && !m_quitting && !m_pending.isEmpty())
+        execute(m_pending.takeFirst());
+    finishIfDone();
+}
+
+void InteractiveSession::finishIfDone()
+{
+    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_answered == m_sent))
+        QCoreApplication::quit();
+}
+
+void InteractiveSession::error(const QString& message) const
+{
+    std::cerr << "vela-power run: input line " << m_lineNumber << ": " << message.toStdString() << std::endl;
+}
+
+void InteractiveSession::execute(const QString& line)
+{
+    ++m_lineNumber;
+    const QString trimmed = line.trimmed();
+    if (trimmed.isEmpty() || trimmed.startsWith(QLatin1Char('#')))
+        return;
+    const QStringList words = QProcess::splitCommand(trimmed);
+    if (words.isEmpty())
+        return;
+    for (const Command& command : commands) {
+        if (words.constFirst() == QLatin1String(command.name)) {
+            (this->*command.run)(words);
+            return;
+        }
+    }
+    error(QStringLiteral("unknown command %1; 'help' lists the commands").arg(SafeText::quoted(words.constFirst())));
+}
+
+void InteractiveSession::target(const QStringList& words)
+{
+    if (words.size() != 2)
+        return error(QStringLiteral("usage: target NAME"));
+    if (!m_file.target(words.at(1)))
+        return error(QStringLiteral("the graph has no target %1").arg(SafeText::quoted(words.at(1))));
+    GraphFile::Request request;
+    request.name = words.at(1);
+    send(request);
+}
+
+void InteractiveSession::resourceAction(const QStringList& words)
+{
+    if (words.size() != 3)
+        return error(QStringLiteral("usage: %1 RESOURCE MODULE").arg(words.constFirst()));
+    if (!m_file.resource(words.at(1)))
+        return error(QStringLiteral("the graph has no resource %1").arg(SafeText::quoted(words.at(1))));
+    if (!m_file.module(words.at(2)))
+        return error(QStringLiteral("the graph has no module %1").arg(SafeText::quoted(words.at(2))));
+    GraphFile::Request request;
+    request.kind = GraphFile::Request::Resource;
+    request.name = words.at(1);
+    request.module = words.at(2);
+    VelaPowerModuleActions::fromString(words.constFirst(), &request.action);
+    send(request);
+}
+
+void InteractiveSession::send(const GraphFile::Request& request)
+{
+    const int number = ++m_sent;
+    m_recorder.requestSent(number, request.describe());
+    CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
+    reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
+        ++m_answered;
+        if (m_quitting)
+            return;
+        const CMError error = answer.error();
+        if (!error.isError()) {
+            m_recorder.requestAnswered(number, QStringLiteral("done"), false);
+        } else {
+            m_recorder.requestAnswered(number, "failed: " + error.message().toString(), true);
+            const QString reason = Explainer::whyFailed(m_graph, request);
+            if (!reason.isEmpty())
+                m_recorder.add(QStringLiteral("reason"), QStringLiteral("#%1").arg(number), reason);
+        }
+        finishIfDone();
+    });
+}
+
+void InteractiveSession::wait(const QStringList& words)
+{
+    bool valid = false;
+    const int ms = words.size() == 2 ? words.at(1).toInt(&valid) : -1;
+    if (!valid || ms < 0 || ms > longestWaitMs)
+        return error(QStringLiteral("usage: wait MS (0 to %1 milliseconds)").arg(longestWaitMs));
+    m_busy = true;
+    QTimer::singleShot(ms, &m_notifier, [this]() { resume(); });
+}
+
+void InteractiveSession::resume()
+{
+    m_busy = false;
+    runPending();
+}
+
+void InteractiveSession::snapshot(const QStringList& words)
+{
+    if (words.size() != 1)
+        return error(QStringLiteral("usage: snapshot"));
+    m_recorder.add(QStringLiteral("snapshot"), QString(),
+                   QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes()))
+                                         .toJson(QJsonDocument::Compact)));
+}
+
+void InteractiveSession::explain(const QStringList& words)
+{
+    // The explain command itself, in a process of its own: it asks a handler
+    // and platform of its own, which must not share this session's platform
+    // paths, log and node names.
+    m_explain.reset(new QProcess);
+    m_explain->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    QObject::connect(m_explain.get(), QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), [this]() {
+        std::cout << m_explain->readAllStandardOutput().toStdString() << std::flush;
+        // Later, not from inside the process's own signal: the next line may
+        // be another explain, which replaces this process.
+        QMetaObject::invokeMethod(&m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
+    });
+    QObject::connect(m_explain.get(), &QProcess::errorOccurred, [this](QProcess::ProcessError failure) {
+        if (failure != QProcess::FailedToStart)
+            return;
+        error(QStringLiteral("cannot start explain: %1").arg(m_explain->errorString()));
+        QMetaObject::invokeMethod(&m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
+    });
+    m_busy = true;
+    m_explain->start(QCoreApplication::applicationFilePath(),
+                     QStringList{QStringLiteral("explain"), m_fileName} + words.mid(1));
+}
+
+void InteractiveSession::showHelp(const QStringList&)
+{
+    std::cout << help().toStdString() << std::flush;
+}
+
+void InteractiveSession::quit(const QStringList&)
+{
+    m_quitting = true;
+}
