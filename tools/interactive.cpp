@@ -48,7 +48,8 @@ InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fil
     , m_fileName(fileName)
     , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
     , m_timeline(std::cout)
-    , m_recorder(file, RunRecorder::eventLoopClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
+    , m_recorder(file, RunRecorder::eventLoopClock(),
+                 [this](const RunRecorder::Event& event) { m_timeline.print(event); })
     , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
                  [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
                      m_recorder.platformCall(event, text, call);
@@ -228,9 +229,10 @@ void InteractiveSession::snapshot(const QStringList& words)
 {
     if (words.size() != 1)
         return error(QStringLiteral("usage: snapshot"));
-    m_recorder.add(QStringLiteral("snapshot"), QString(),
-                   QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes()))
-                                         .toJson(QJsonDocument::Compact)));
+    m_recorder.add(
+        QStringLiteral("snapshot"), QString(),
+        QString::fromUtf8(
+            QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes())).toJson(QJsonDocument::Compact)));
 }
 
 void InteractiveSession::explain(const QStringList& words)

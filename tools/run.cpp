@@ -159,8 +159,8 @@ QString longestWait(const RunRecorder& recorder, const RunRecorder::Span& reques
 {
     const RunRecorder::Span* longest = nullptr;
     for (const RunRecorder::Span& span : recorder.spans()) {
-        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message)
-            || span.beginUs < request.beginUs || span.beginUs > request.endUs)
+        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message) ||
+            span.beginUs < request.beginUs || span.beginUs > request.endUs)
             continue;
         if (!longest || span.durationUs() > longest->durationUs())
             longest = &span;
@@ -168,7 +168,8 @@ QString longestWait(const RunRecorder& recorder, const RunRecorder::Span& reques
     if (!longest)
         return QStringLiteral("no write or revoke message");
     return QStringLiteral("waited longest on the %1 %2 (%3, %4 ms%5)")
-        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to") : QStringLiteral("revoke answer from"))
+        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to")
+                                                       : QStringLiteral("revoke answer from"))
         .arg(longest->path)
         .arg(longest->track)
         .arg(longest->durationUs() / 1000)
@@ -184,8 +185,8 @@ void printRequestDurations(const RunRecorder& recorder, int requestCount)
         if (!span)
             continue;
         const QString answer = span->outcome.startsWith(QLatin1String("failed")) ? QStringLiteral("failed")
-            : span->outcome == QLatin1String("done")                           ? QStringLiteral("done")
-                                                                                : QStringLiteral("no answer");
+                               : span->outcome == QLatin1String("done")          ? QStringLiteral("done")
+                                                                                 : QStringLiteral("no answer");
         std::cout << QStringLiteral("  %1: %2 after %3 ms; %4\n")
                          .arg(span->name, answer)
                          .arg(span->durationUs() / 1000)
@@ -252,8 +253,7 @@ bool writeFile(const QString& fileName, const QByteArray& content)
     if (fileName.isEmpty())
         return true;
     QFile file(fileName);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size()
-        && file.flush())
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size() && file.flush())
         return true;
     std::cerr << "vela-power run: cannot write " << fileName.toStdString() << ": " << file.errorString().toStdString()
               << std::endl;
@@ -298,19 +298,21 @@ int verbRun(const QStringList& arguments)
         QStringLiteral("Also write the run as a Chrome trace-event file (opens in Perfetto) to <file>."),
         QStringLiteral("file"));
     const QCommandLineOption eventsOption(
-        QStringLiteral("events"), QStringLiteral("Also write the timeline as JSON lines (time in microseconds, kind, "
-                                                 "subject, detail) to <file>."),
+        QStringLiteral("events"),
+        QStringLiteral("Also write the timeline as JSON lines (time in microseconds, kind, "
+                       "subject, detail) to <file>."),
         QStringLiteral("file"));
     const QCommandLineOption snapshotOption(
         QStringLiteral("snapshot"), QStringLiteral("Also write the final state of all nodes as JSON to <file>."),
         QStringLiteral("file"));
-    const QCommandLineOption plotOption(
-        QStringLiteral("plot"), QStringLiteral("Also write an SVG chart of the run to <file>."), QStringLiteral("file"));
+    const QCommandLineOption plotOption(QStringLiteral("plot"),
+                                        QStringLiteral("Also write an SVG chart of the run to <file>."),
+                                        QStringLiteral("file"));
     const QCommandLineOption interactiveOption(
         QStringLiteral("interactive"),
         QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption, realTimeOption,
-                              traceOption, eventsOption, snapshotOption, plotOption});
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption, realTimeOption, traceOption,
+                              eventsOption, snapshotOption, plotOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -350,11 +352,11 @@ int verbRun(const QStringList& arguments)
     recording = &recorder;
     if (parser.isSet(verboseOption))
         recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
-    SimulatedPlatform platform(file, SimulatedPlatform::Answering::AsTheFileSays,
-                               [&recorder](const char* event, const QString& text,
-                                           const SimulatedPlatform::Call& call) {
-                                   recorder.platformCall(event, text, call);
-                               });
+    SimulatedPlatform platform(
+        file, SimulatedPlatform::Answering::AsTheFileSays,
+        [&recorder](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
+            recorder.platformCall(event, text, call);
+        });
     PowerGraph graph(file);
     for (const GraphFile::Reference& edge : graph.skippedSelfEdges())
         recorder.add(QStringLiteral("skipped"), edge.name,
