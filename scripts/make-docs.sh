@@ -1,32 +1,36 @@
 #!/usr/bin/env bash
-# Regenerates the pictures under docs/ that the README shows, from the
-# shipped example graph. Each picture is made by its own function.
-#   bash scripts/make-docs.sh
+# Regenerates the pictures the README shows, under docs/, from the shipped
+# example. One function per picture; run after building vela-power.
+#
+#   scripts/make-docs.sh [BUILD_DIR]      (default: build)
 set -euo pipefail
-cd "$(dirname "$0")/.."
 
-build_dir=${BUILD_DIR:-build}
-example=examples/graphs/handheld.json
-program="$build_dir/tools/vela-power"
-
-build_program() {
-  cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" >/dev/null
-  cmake --build "$build_dir" -j "$(nproc 2>/dev/null || echo 2)" --target vela-power >/dev/null
-}
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$root/build}" && pwd)
+program=$build/tools/vela-power
+example=$root/examples/graphs/handheld.json
+docs=$root/docs
 
 # The example's graph as `vela-power dot` draws it (Graphviz).
-make_graph_picture() {
-  "$program" dot -o docs/example-graph.svg "$example"
-  echo "docs/example-graph.svg: $(wc -c < docs/example-graph.svg) bytes"
+example_graph() {
+    "$program" dot -o "$docs/example-graph.svg" "$example"
+    echo "docs/example-graph.svg: $(wc -c <"$docs/example-graph.svg") bytes"
 }
 
-# The chart of the example's run (simulated time, so the same on every run).
-make_run_chart() {
-  "$program" run --plot docs/example-chart.svg "$example" >/dev/null
-  echo "docs/example-chart.svg: $(wc -c < docs/example-chart.svg) bytes"
+# The chart of the example's run (on simulated time: the same on every run).
+example_chart() {
+    "$program" run --plot "$docs/example-chart.svg" "$example" >/dev/null
+    echo "docs/example-chart.svg: $(wc -c <"$docs/example-chart.svg") bytes"
 }
 
-build_program
-mkdir -p docs
-make_graph_picture
-make_run_chart
+main() {
+    if [[ ! -x $program ]]; then
+        echo "make-docs: $program not found; build the vela-power target first" >&2
+        exit 2
+    fi
+    mkdir -p "$docs"
+    example_graph
+    example_chart
+}
+
+main

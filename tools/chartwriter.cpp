@@ -76,9 +76,9 @@ void mark(QXmlStreamWriter& svg, double x, double middle, bool cross, const char
     const double r = rowHeight / 3.0;
     svg.writeEmptyElement(QStringLiteral("path"));
     if (cross) {
-        svg.writeAttribute(QStringLiteral("d"), QStringLiteral("M%1 %2 L%3 %4 M%1 %4 L%3 %2")
-                                                    .arg(number(x - r), number(middle - r), number(x + r),
-                                                         number(middle + r)));
+        svg.writeAttribute(QStringLiteral("d"),
+                           QStringLiteral("M%1 %2 L%3 %4 M%1 %4 L%3 %2")
+                               .arg(number(x - r), number(middle - r), number(x + r), number(middle + r)));
         svg.writeAttribute(QStringLiteral("stroke"), QLatin1String(colour));
         svg.writeAttribute(QStringLiteral("stroke-width"), QStringLiteral("2"));
     } else {
@@ -207,10 +207,9 @@ void ChartWriter::writeSpan(QXmlStreamWriter& svg, const RunRecorder::Span& span
     if (span.kind == RunRecorder::Span::Write && !span.failed)
         return;
     svg.writeStartElement(QStringLiteral("g"));
-    svg.writeAttribute(QStringLiteral("class"),
-                       span.kind == RunRecorder::Span::Message ? QStringLiteral("mark message")
-                           : span.timedOut                     ? QStringLiteral("mark timed-out-write")
-                                                               : QStringLiteral("mark failed-write"));
+    svg.writeAttribute(QStringLiteral("class"), span.kind == RunRecorder::Span::Message ? QStringLiteral("mark message")
+                                                : span.timedOut ? QStringLiteral("mark timed-out-write")
+                                                                : QStringLiteral("mark failed-write"));
     title(svg, tooltip);
     // A dashed line from the call to its answer or failure, then the mark:
     // a diamond where a message arrived, a cross where a write failed.
@@ -258,8 +257,10 @@ void ChartWriter::writeLegend(QXmlStreamWriter& svg, int top)
         const char* colour;
         const char* label;
         int shape; // 0 bar, 1 cross, 2 diamond
-    } entries[] = {{"#9ec5e8", "request", 0},          {"#7cc47c", "enabling", 0},
-                   {"#f0a860", "disabling", 0},        {"#d62728", "failed or timed-out write", 1},
+    } entries[] = {{"#9ec5e8", "request", 0},
+                   {"#7cc47c", "enabling", 0},
+                   {"#f0a860", "disabling", 0},
+                   {"#d62728", "failed or timed-out write", 1},
                    {"#5b6ee1", "revoke message", 2}};
     for (const auto& entry : entries) {
         if (entry.shape == 0)

@@ -4,7 +4,6 @@
 #include "safetext.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -19,14 +18,6 @@ namespace {
 // A `wait` longer than an hour is a typing mistake, not a plan.
 constexpr int longestWaitMs = 3600000;
 constexpr int readChunk = 4096;
-
-// A session follows the wall clock: microseconds since it started.
-RunRecorder::Clock sessionClock()
-{
-    QElapsedTimer wall;
-    wall.start();
-    return [wall]() { return wall.nsecsElapsed() / 1000; };
-}
 
 } // namespace
 
@@ -57,7 +48,8 @@ InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fil
     , m_fileName(fileName)
     , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
     , m_timeline(std::cout)
-    , m_recorder(file, sessionClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
+    , m_recorder(file, RunRecorder::eventLoopClock(),
+                 [this](const RunRecorder::Event& event) { m_timeline.print(event); })
     , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
                  [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
                      m_recorder.platformCall(event, text, call);
@@ -237,8 +229,10 @@ void InteractiveSession::snapshot(const QStringList& words)
 {
     if (words.size() != 1)
         return error(QStringLiteral("usage: snapshot"));
-    m_recorder.add(QStringLiteral("snapshot"), QString(), QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes()))
-                                                     .toJson(QJsonDocument::Compact)));
+    m_recorder.add(
+        QStringLiteral("snapshot"), QString(),
+        QString::fromUtf8(
+            QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes())).toJson(QJsonDocument::Compact)));
 }
 
 void InteractiveSession::explain(const QStringList& words)

@@ -21,8 +21,8 @@ void destroyOnHeap(PowerNode* node)
 std::size_t arenaSize(const GraphFile& file)
 {
     // Room for the largest node type, with its alignment, for every node.
-    const std::size_t slot = std::max(sizeof(PowerResource), sizeof(PowerTarget))
-        + std::max(alignof(PowerResource), alignof(PowerTarget));
+    const std::size_t slot =
+        std::max(sizeof(PowerResource), sizeof(PowerTarget)) + std::max(alignof(PowerResource), alignof(PowerTarget));
     return slot * static_cast<std::size_t>(file.resources.size() + file.targets.size());
 }
 

@@ -23,7 +23,6 @@
 #include "PowerHandler.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -154,27 +153,14 @@ bool gate(const GraphFile& file, const QString& fileName, bool force)
     return false;
 }
 
-// The run's clock: the simulated one when the program was started on it,
-// else the wall clock. Either way, microseconds since now.
-RunRecorder::Clock runClock()
-{
-    if (auto* simulated = qobject_cast<SimulatedTimeDispatcher*>(QCoreApplication::eventDispatcher())) {
-        const qint64 startMs = simulated->elapsedMs();
-        return [simulated, startMs]() { return (simulated->elapsedMs() - startMs) * 1000; };
-    }
-    QElapsedTimer wall;
-    wall.start();
-    return [wall]() { return wall.nsecsElapsed() / 1000; };
-}
-
 // The write or revoke message, among those that began while the request was
 // open, that took longest to be answered.
 QString longestWait(const RunRecorder& recorder, const RunRecorder::Span& request)
 {
     const RunRecorder::Span* longest = nullptr;
     for (const RunRecorder::Span& span : recorder.spans()) {
-        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message)
-            || span.beginUs < request.beginUs || span.beginUs > request.endUs)
+        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message) ||
+            span.beginUs < request.beginUs || span.beginUs > request.endUs)
             continue;
         if (!longest || span.durationUs() > longest->durationUs())
             longest = &span;
@@ -182,7 +168,8 @@ QString longestWait(const RunRecorder& recorder, const RunRecorder::Span& reques
     if (!longest)
         return QStringLiteral("no write or revoke message");
     return QStringLiteral("waited longest on the %1 %2 (%3, %4 ms%5)")
-        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to") : QStringLiteral("revoke answer from"))
+        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to")
+                                                       : QStringLiteral("revoke answer from"))
         .arg(longest->path)
         .arg(longest->track)
         .arg(longest->durationUs() / 1000)
@@ -198,8 +185,8 @@ void printRequestDurations(const RunRecorder& recorder, int requestCount)
         if (!span)
             continue;
         const QString answer = span->outcome.startsWith(QLatin1String("failed")) ? QStringLiteral("failed")
-            : span->outcome == QLatin1String("done")                           ? QStringLiteral("done")
-                                                                                : QStringLiteral("no answer");
+                               : span->outcome == QLatin1String("done")          ? QStringLiteral("done")
+                                                                                 : QStringLiteral("no answer");
         std::cout << QStringLiteral("  %1: %2 after %3 ms; %4\n")
                          .arg(span->name, answer)
                          .arg(span->durationUs() / 1000)
@@ -266,8 +253,7 @@ bool writeFile(const QString& fileName, const QByteArray& content)
     if (fileName.isEmpty())
         return true;
     QFile file(fileName);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size()
-        && file.flush())
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size() && file.flush())
         return true;
     std::cerr << "vela-power run: cannot write " << fileName.toStdString() << ": " << file.errorString().toStdString()
               << std::endl;
@@ -303,9 +289,6 @@ int verbRun(const QStringList& arguments)
                                            QStringLiteral("Also show the library's own log records."));
     const QCommandLineOption forceOption(QStringLiteral("force"),
                                          QStringLiteral("Run a graph with errors, to watch the library refuse them."));
-    const QCommandLineOption interactiveOption(
-        QStringLiteral("interactive"),
-        QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
     const QCommandLineOption realTimeOption(
         QStringLiteral("real-time"),
         QStringLiteral("Follow the wall clock instead of the simulated one (on which time jumps to the next due "
@@ -315,16 +298,21 @@ int verbRun(const QStringList& arguments)
         QStringLiteral("Also write the run as a Chrome trace-event file (opens in Perfetto) to <file>."),
         QStringLiteral("file"));
     const QCommandLineOption eventsOption(
-        QStringLiteral("events"), QStringLiteral("Also write the timeline as JSON lines (time in microseconds, kind, "
-                                                 "subject, detail) to <file>."),
+        QStringLiteral("events"),
+        QStringLiteral("Also write the timeline as JSON lines (time in microseconds, kind, "
+                       "subject, detail) to <file>."),
         QStringLiteral("file"));
     const QCommandLineOption snapshotOption(
         QStringLiteral("snapshot"), QStringLiteral("Also write the final state of all nodes as JSON to <file>."),
         QStringLiteral("file"));
-    const QCommandLineOption plotOption(
-        QStringLiteral("plot"), QStringLiteral("Also write an SVG chart of the run to <file>."), QStringLiteral("file"));
-    line.parser().addOptions({timeoutOption, verboseOption, forceOption, realTimeOption, traceOption, eventsOption,
-                              snapshotOption, plotOption, interactiveOption});
+    const QCommandLineOption plotOption(QStringLiteral("plot"),
+                                        QStringLiteral("Also write an SVG chart of the run to <file>."),
+                                        QStringLiteral("file"));
+    const QCommandLineOption interactiveOption(
+        QStringLiteral("interactive"),
+        QStringLiteral("Take commands from standard input instead of the file's requests ('help' lists them)."));
+    line.parser().addOptions({timeoutOption, verboseOption, forceOption, interactiveOption, realTimeOption, traceOption,
+                              eventsOption, snapshotOption, plotOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph and scenario file (JSON)."));
     int exitCode = ExitCodes::Success;
     QString fileName;
@@ -356,7 +344,7 @@ int verbRun(const QStringList& arguments)
             progress.update(recording->requestsAnswered(), recording->requestsSent(), file.requests.size(),
                             recording->nowUs() / 1000);
     };
-    RunRecorder recorder(file, runClock(), [&](const RunRecorder::Event& event) {
+    RunRecorder recorder(file, RunRecorder::eventLoopClock(), [&](const RunRecorder::Event& event) {
         progress.erase();
         timeline.print(event);
         showProgress();
@@ -364,11 +352,11 @@ int verbRun(const QStringList& arguments)
     recording = &recorder;
     if (parser.isSet(verboseOption))
         recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
-    SimulatedPlatform platform(file, SimulatedPlatform::Answering::AsTheFileSays,
-                               [&recorder](const char* event, const QString& text,
-                                           const SimulatedPlatform::Call& call) {
-                                   recorder.platformCall(event, text, call);
-                               });
+    SimulatedPlatform platform(
+        file, SimulatedPlatform::Answering::AsTheFileSays,
+        [&recorder](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
+            recorder.platformCall(event, text, call);
+        });
     PowerGraph graph(file);
     for (const GraphFile::Reference& edge : graph.skippedSelfEdges())
         recorder.add(QStringLiteral("skipped"), edge.name,

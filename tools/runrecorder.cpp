@@ -1,11 +1,26 @@
 #include "runrecorder.h"
 
 #include "powergraph.h"
+#include "simulatedtimedispatcher.h"
 
 #include "PowerNode.h"
 #include "cmreply.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
 const QString RunRecorder::requestTrack = QStringLiteral("requests");
+
+RunRecorder::Clock RunRecorder::eventLoopClock()
+{
+    if (auto* simulated = qobject_cast<SimulatedTimeDispatcher*>(QCoreApplication::eventDispatcher())) {
+        const qint64 startMs = simulated->elapsedMs();
+        return [simulated, startMs]() { return (simulated->elapsedMs() - startMs) * 1000; };
+    }
+    QElapsedTimer wall;
+    wall.start();
+    return [wall]() { return wall.nsecsElapsed() / 1000; };
+}
 
 RunRecorder::RunRecorder(const GraphFile& file, Clock clock, Listener listener)
     : m_file(file)
@@ -118,7 +133,8 @@ void RunRecorder::stateChanged(const QString& node, const QString& state)
     int open = m_openTransitions.take(node);
     if (open == 0) {
         // On the way and there within one instant, between two looks.
-        const QString way = state == QLatin1String("enabled") ? QStringLiteral("enabling") : QStringLiteral("disabling");
+        const QString way =
+            state == QLatin1String("enabled") ? QStringLiteral("enabling") : QStringLiteral("disabling");
         open = beginSpan(Span::Transition, node, way, QString(), index);
         m_events[index].beginsSpan = open;
     }
@@ -230,8 +246,8 @@ QString RunRecorder::messageName(const SimulatedPlatform::Call& call) const
 {
     const GraphFile::Module* module = recipient(call.path);
     const bool isRevoke = !module || module->revokePath == call.path;
-    return (isRevoke ? QStringLiteral("revoke ") : QStringLiteral("postRevoke "))
-        + SimulatedPlatform::revokedResources(call.message).join(QStringLiteral(", "));
+    return (isRevoke ? QStringLiteral("revoke ") : QStringLiteral("postRevoke ")) +
+           SimulatedPlatform::revokedResources(call.message).join(QStringLiteral(", "));
 }
 
 bool RunRecorder::answersAtOnce(const QString& path) const

@@ -79,6 +79,10 @@ public:
 
     static const QString requestTrack;
 
+    // The event loop's clock: the simulated one when the application runs
+    // on a SimulatedTimeDispatcher, else the wall clock; zero now.
+    static Clock eventLoopClock();
+
     RunRecorder(const GraphFile& file, Clock clock, Listener listener);
     RunRecorder(const RunRecorder&) = delete;
     RunRecorder& operator=(const RunRecorder&) = delete;

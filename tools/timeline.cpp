@@ -13,10 +13,7 @@ void Timeline::print(const RunRecorder::Event& event)
 
 QString Timeline::line(const RunRecorder::Event& event)
 {
-    return QStringLiteral("[%1 ms] %2%3")
-        .arg(event.timeUs / 1000, 6)
-        .arg(event.kind, -10)
-        .arg(text(event));
+    return QStringLiteral("[%1 ms] %2%3").arg(event.timeUs / 1000, 6).arg(event.kind, -10).arg(text(event));
 }
 
 QString Timeline::text(const RunRecorder::Event& event)

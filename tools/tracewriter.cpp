@@ -63,7 +63,7 @@ QByteArray TraceWriter::write(const RunRecorder& recorder, const QString& runNam
         const int thread = threads.size() + 1;
         threads.insert(track.name, thread);
         const QString prefix = track.kind == RunRecorder::Track::Module ? QStringLiteral("module ")
-            : track.kind == RunRecorder::Track::Node                   ? QStringLiteral("node ")
+                               : track.kind == RunRecorder::Track::Node ? QStringLiteral("node ")
                                                                         : QString();
         events.append(metadata("thread_name", thread, prefix + track.name));
         QJsonObject order = metadata("thread_sort_index", thread, QString());

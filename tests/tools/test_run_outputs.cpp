@@ -22,7 +22,7 @@
 
 namespace {
 
-const QStringList exampleNodes{"backlight", "display", "touch", "audio", "wifi",  "camera",
+const QStringList exampleNodes{"backlight", "display", "touch",   "audio",   "wifi", "camera",
                                "storage",   "active",  "standby", "suspend", "off"};
 const QStringList exampleModules{"ui", "media", "connectivity", "camera-app"};
 
@@ -33,9 +33,9 @@ struct RecordedRun {
 
     explicit RecordedRun(const QString& graph = shippedExample(), const QStringList& extra = {})
     {
-        run = runTool(QStringList{"run", "--trace", path("trace.json"), "--events", path("events.jsonl"),
-                                  "--snapshot", path("snapshot.json"), "--plot", path("chart.svg")}
-                      + extra + QStringList{graph});
+        run = runTool(QStringList{"run", "--trace", path("trace.json"), "--events", path("events.jsonl"), "--snapshot",
+                                  path("snapshot.json"), "--plot", path("chart.svg")} +
+                      extra + QStringList{graph});
     }
     QString path(const QString& name) const { return directory.filePath(name); }
     QByteArray read(const QString& name) const
@@ -157,8 +157,8 @@ TEST(RunOutputs, TargetSwitchSpansFollowItsNodeChanges)
     for (const QJsonObject& span : spansOf(events, "transition")) {
         const double end = span.value("ts").toDouble() + span.value("dur").toDouble();
         if (end >= 200000 && end <= 270000)
-            spans << names.value(span.value("tid").toInt()).mid(QStringLiteral("node ").size()) + " "
-                    + span.value("args").toObject().value("to").toString();
+            spans << names.value(span.value("tid").toInt()).mid(QStringLiteral("node ").size()) + " " +
+                         span.value("args").toObject().value("to").toString();
     }
     EXPECT_EQ(spans.join(", ").toStdString(), changes.join(", ").toStdString());
 }
@@ -196,9 +196,9 @@ TEST(RunOutputs, EventsFileMatchesTheTimelineLineByLine)
         const QString subject = event.value("subject").toString();
         const QString detail = event.value("detail").toString();
         const QString kind = event.value("kind").toString();
-        const QString text = kind == "state" ? subject + " -> " + detail
-            : subject.isEmpty()              ? detail
-                                             : subject + " " + detail;
+        const QString text = kind == "state"     ? subject + " -> " + detail
+                             : subject.isEmpty() ? detail
+                                                 : subject + " " + detail;
         const QString expected = QStringLiteral("[%1 ms] %2%3")
                                      .arg(static_cast<qint64>(event.value("time").toDouble()) / 1000, 6)
                                      .arg(kind, -10)
