@@ -4,6 +4,7 @@
 #include "safetext.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -18,6 +19,14 @@ namespace {
 // A `wait` longer than an hour is a typing mistake, not a plan.
 constexpr int longestWaitMs = 3600000;
 constexpr int readChunk = 4096;
+
+// A session is typed or piped by a person: it always runs on the wall clock.
+RunRecorder::Clock wallClock()
+{
+    QElapsedTimer wall;
+    wall.start();
+    return [wall]() { return wall.nsecsElapsed() / 1000; };
+}
 
 } // namespace
 
@@ -48,25 +57,29 @@ InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fil
     , m_fileName(fileName)
     , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
     , m_timeline(std::cout)
+    , m_recorder(file, wallClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
     , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
-                 [this](const char* event, const QString& text, const SimulatedPlatform::Call&) {
-                     m_timeline.add(event, text);
+                 [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
+                     m_recorder.platformCall(event, text, call);
                  })
     , m_graph(file)
 {
     if (showLibraryLog)
-        m_timeline.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
+        m_recorder.showLibraryLog(log4cplus::TRACE_LOG_LEVEL);
     for (const GraphFile::Reference& edge : m_graph.skippedSelfEdges())
-        m_timeline.add("skipped", QStringLiteral("%1 requires itself (line %2, column %3): not given to the library")
-                                      .arg(edge.name)
-                                      .arg(edge.place.line)
-                                      .arg(edge.place.column));
+        m_recorder.add(QStringLiteral("skipped"), edge.name,
+                       QStringLiteral("requires itself (line %1, column %2): not given to the library")
+                           .arg(edge.place.line)
+                           .arg(edge.place.column));
     m_graph.registerWith(m_handler);
+    m_recorder.watchStates(m_graph);
     QObject::connect(&m_handler, &PowerHandler::nextTargetChanged, [this](const VelaPowerManagerTarget& target) {
-        m_timeline.add("signal", "nextTargetChanged " + VelaPowerManagerTargets::toString(target.target()));
+        m_recorder.add(QStringLiteral("signal"), QStringLiteral("nextTargetChanged"),
+                       VelaPowerManagerTargets::toString(target.target()));
     });
     QObject::connect(&m_handler, &PowerHandler::targetChanged, [this](const VelaPowerManagerTarget& target) {
-        m_timeline.add("signal", "targetChanged " + VelaPowerManagerTargets::toString(target.target()));
+        m_recorder.add(QStringLiteral("signal"), QStringLiteral("targetChanged"),
+                       VelaPowerManagerTargets::toString(target.target()));
     });
     QObject::connect(&m_notifier, &QSocketNotifier::activated, [this]() { readInput(); });
 }
@@ -93,7 +106,8 @@ int InteractiveSession::exec()
         std::cerr << "vela-power run: interactive session on " << m_fileName.toStdString()
                   << "; 'help' lists the commands" << std::endl;
     QCoreApplication::exec();
-    std::cout << m_answered << " of " << m_sent << " requests answered" << std::endl;
+    std::cout << m_recorder.requestsAnswered() << " of " << m_recorder.requestsSent() << " requests answered"
+              << std::endl;
     return 0;
 }
 
@@ -128,7 +142,7 @@ void InteractiveSession::runPending()
 
 void InteractiveSession::finishIfDone()
 {
-    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_answered == m_sent))
+    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_recorder.requestsAnswered() == m_recorder.requestsSent()))
         QCoreApplication::quit();
 }
 
@@ -184,21 +198,20 @@ void InteractiveSession::resourceAction(const QStringList& words)
 
 void InteractiveSession::send(const GraphFile::Request& request)
 {
-    const int number = ++m_sent;
-    m_timeline.add("request", QStringLiteral("#%1 %2").arg(number).arg(request.describe()));
+    const int number = m_recorder.requestsSent() + 1;
+    m_recorder.requestSent(number, request.describe());
     CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
     reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
-        ++m_answered;
         if (m_quitting)
             return;
         const CMError error = answer.error();
         if (!error.isError()) {
-            m_timeline.add("answer", QStringLiteral("#%1 done").arg(number));
+            m_recorder.requestAnswered(number, QStringLiteral("done"), false);
         } else {
-            m_timeline.add("answer", QStringLiteral("#%1 failed: %2").arg(number).arg(error.message().toString()));
+            m_recorder.requestAnswered(number, "failed: " + error.message().toString(), true);
             const QString reason = Explainer::whyFailed(m_graph, request);
             if (!reason.isEmpty())
-                m_timeline.add("reason", QStringLiteral("#%1 %2").arg(number).arg(reason));
+                m_recorder.add(QStringLiteral("reason"), QStringLiteral("#%1").arg(number), reason);
         }
         finishIfDone();
     });
@@ -224,8 +237,8 @@ void InteractiveSession::snapshot(const QStringList& words)
 {
     if (words.size() != 1)
         return error(QStringLiteral("usage: snapshot"));
-    m_timeline.add("snapshot", QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes()))
-                                                     .toJson(QJsonDocument::Compact)));
+    const QJsonDocument nodes(QJsonObject::fromVariantHash(m_handler.listNodes()));
+    m_recorder.add(QStringLiteral("snapshot"), QString(), QString::fromUtf8(nodes.toJson(QJsonDocument::Compact)));
 }
 
 void InteractiveSession::explain(const QStringList& words)

@@ -3,6 +3,7 @@
 
 #include "graphfile.h"
 #include "powergraph.h"
+#include "runrecorder.h"
 #include "simulatedplatform.h"
 #include "timeline.h"
 
@@ -80,11 +81,10 @@ private:
     bool m_inputEnded = false;
     bool m_busy = false;
     bool m_quitting = false;
-    int m_sent = 0;
-    int m_answered = 0;
     std::unique_ptr<QProcess> m_explain;
     QSocketNotifier m_notifier;
     Timeline m_timeline;
+    RunRecorder m_recorder;
     SimulatedPlatform m_platform;
     PowerGraph m_graph;
     // Last: pending requests are answered while it goes, and their
