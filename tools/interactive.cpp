@@ -20,8 +20,9 @@ namespace {
 constexpr int longestWaitMs = 3600000;
 constexpr int readChunk = 4096;
 
-// A session is typed or piped by a person: it always runs on the wall clock.
-RunRecorder::Clock wallClock()
+// A session follows the wall clock (it is typed or piped by a person):
+// microseconds since it started.
+RunRecorder::Clock sessionClock()
 {
     QElapsedTimer wall;
     wall.start();
@@ -57,7 +58,7 @@ InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fil
     , m_fileName(fileName)
     , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
     , m_timeline(std::cout)
-    , m_recorder(file, wallClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
+    , m_recorder(file, sessionClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
     , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
                  [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
                      m_recorder.platformCall(event, text, call);
