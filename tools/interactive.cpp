@@ -4,6 +4,7 @@
 #include "safetext.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -18,6 +19,15 @@ namespace {
 // A `wait` longer than an hour is a typing mistake, not a plan.
 constexpr int longestWaitMs = 3600000;
 constexpr int readChunk = 4096;
+
+// A session follows the wall clock (it is typed or piped by a person):
+// microseconds since it started.
+RunRecorder::Clock sessionClock()
+{
+    QElapsedTimer wall;
+    wall.start();
+    return [wall]() { return wall.nsecsElapsed() / 1000; };
+}
 
 } // namespace
 
@@ -48,8 +58,7 @@ InteractiveSession::InteractiveSession(const GraphFile& file, const QString& fil
     , m_fileName(fileName)
     , m_notifier(STDIN_FILENO, QSocketNotifier::Read)
     , m_timeline(std::cout)
-    , m_recorder(file, RunRecorder::eventLoopClock(),
-                 [this](const RunRecorder::Event& event) { m_timeline.print(event); })
+    , m_recorder(file, sessionClock(), [this](const RunRecorder::Event& event) { m_timeline.print(event); })
     , m_platform(file, SimulatedPlatform::Answering::AsTheFileSays,
                  [this](const char* event, const QString& text, const SimulatedPlatform::Call& call) {
                      m_recorder.platformCall(event, text, call);
@@ -98,7 +107,8 @@ int InteractiveSession::exec()
         std::cerr << "vela-power run: interactive session on " << m_fileName.toStdString()
                   << "; 'help' lists the commands" << std::endl;
     QCoreApplication::exec();
-    std::cout << m_answered << " of " << m_sent << " requests answered" << std::endl;
+    std::cout << m_recorder.requestsAnswered() << " of " << m_recorder.requestsSent() << " requests answered"
+              << std::endl;
     return 0;
 }
 
@@ -133,7 +143,7 @@ void InteractiveSession::runPending()
 
 void InteractiveSession::finishIfDone()
 {
-    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_answered == m_sent))
+    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_recorder.requestsAnswered() == m_recorder.requestsSent()))
         QCoreApplication::quit();
 }
 
@@ -189,11 +199,10 @@ void InteractiveSession::resourceAction(const QStringList& words)
 
 void InteractiveSession::send(const GraphFile::Request& request)
 {
-    const int number = ++m_sent;
+    const int number = m_recorder.requestsSent() + 1;
     m_recorder.requestSent(number, request.describe());
     CMReply<QVariant> reply = Explainer::send(m_handler, m_graph, request);
     reply.onFinished([this, number, request](const CMReply<QVariant>& answer) {
-        ++m_answered;
         if (m_quitting)
             return;
         const CMError error = answer.error();
@@ -229,10 +238,8 @@ void InteractiveSession::snapshot(const QStringList& words)
 {
     if (words.size() != 1)
         return error(QStringLiteral("usage: snapshot"));
-    m_recorder.add(
-        QStringLiteral("snapshot"), QString(),
-        QString::fromUtf8(
-            QJsonDocument(QJsonObject::fromVariantHash(m_handler.listNodes())).toJson(QJsonDocument::Compact)));
+    const QJsonDocument nodes(QJsonObject::fromVariantHash(m_handler.listNodes()));
+    m_recorder.add(QStringLiteral("snapshot"), QString(), QString::fromUtf8(nodes.toJson(QJsonDocument::Compact)));
 }
 
 void InteractiveSession::explain(const QStringList& words)

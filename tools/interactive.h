@@ -3,8 +3,8 @@
 
 #include "graphfile.h"
 #include "powergraph.h"
-#include "simulatedplatform.h"
 #include "runrecorder.h"
+#include "simulatedplatform.h"
 #include "timeline.h"
 
 #include "PowerHandler.h"
@@ -81,8 +81,6 @@ private:
     bool m_inputEnded = false;
     bool m_busy = false;
     bool m_quitting = false;
-    int m_sent = 0;
-    int m_answered = 0;
     std::unique_ptr<QProcess> m_explain;
     QSocketNotifier m_notifier;
     Timeline m_timeline;

@@ -364,3 +364,25 @@ TEST(Dot, LargeGraphHasItsTargetsInOneRankAndItsChainsInDependencyOrder)
         }
     }
 }
+
+TEST(Dot, SnapshotWrittenByRunColoursItsEnabledNodes)
+{
+    QTemporaryDir dir;
+    const QString snapshotFile = dir.filePath("snapshot.json");
+    const ToolRun run = runTool({"run", "--snapshot", snapshotFile, shippedExample()});
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QJsonObject snapshot = QJsonDocument::fromJson(readFile(snapshotFile)).object();
+    const ParsedDot dot = parseDot(dotOf({"--snapshot", snapshotFile, shippedExample()}));
+    int enabled = 0;
+    for (const char* kind : {"targets", "resources"}) {
+        const QJsonObject nodes = snapshot.value(kind).toObject();
+        for (auto node = nodes.constBegin(); node != nodes.constEnd(); ++node) {
+            const bool isEnabled = node.value().toObject().value("isEnabled").toBool();
+            enabled += int(isEnabled);
+            EXPECT_EQ(dot.nodes.value(node.key()).value("fillcolor").toString(),
+                      isEnabled ? DotWriter::enabledColour : DotWriter::disabledColour)
+                << node.key().toStdString();
+        }
+    }
+    EXPECT_GT(enabled, 0) << "a snapshot with nothing enabled shows no colour";
+}
