@@ -143,7 +143,8 @@ void InteractiveSession::runPending()
 
 void InteractiveSession::finishIfDone()
 {
-    if (m_quitting || (m_inputEnded && m_pending.isEmpty() && !m_busy && m_recorder.requestsAnswered() == m_recorder.requestsSent()))
+    if (m_quitting ||
+        (m_inputEnded && m_pending.isEmpty() && !m_busy && m_recorder.requestsAnswered() == m_recorder.requestsSent()))
         QCoreApplication::quit();
 }
 
