@@ -20,7 +20,7 @@ cmake -S . -B "$build_dir" \
   -DVELA_SANITIZE=thread \
   -DVELA_WERROR="${VELA_WERROR:-ON}" \
   -DVELA_BUILD_BENCHMARKS=OFF
-cmake --build "$build_dir" -j "$jobs" --target test_api test_handler
+cmake --build "$build_dir" -j "$jobs" --target test_api test_handler exit_global_handler exit_static_handler
 
 # Qt is not built with ThreadSanitizer: tests/api/tsan_qt_sync.cpp reports
 # the hand-offs inside QMutex, QWaitCondition and queued calls to the
