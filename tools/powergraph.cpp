@@ -3,6 +3,8 @@
 #include "PowerHandler.h"
 #include "PowerNode.h"
 
+#include <QSet>
+
 #include <algorithm>
 #include <new>
 
@@ -44,7 +46,57 @@ PowerGraph::PowerGraph(const GraphFile& file)
         wireTarget(entry);
 }
 
-PowerGraph::~PowerGraph() = default;
+/*
+ * A node goes before the nodes it holds edges to: a dependency that went
+ * first would answer a dependant still waiting on it with an error, which
+ * the dependant would log. The lookups stay valid meanwhile, for whoever
+ * reads the library's records while the nodes go.
+ */
+PowerGraph::~PowerGraph()
+{
+    QHash<PowerNode*, std::size_t> slotOf;
+    slotOf.reserve(static_cast<int>(m_owned.size()));
+    for (std::size_t slot = 0; slot < m_owned.size(); ++slot)
+        slotOf.insert(m_owned[slot].get(), slot);
+    const std::vector<PowerNode*> order = dependenciesFirst();
+    for (auto node = order.rbegin(); node != order.rend(); ++node)
+        m_owned[slotOf.value(*node)].reset();
+}
+
+// A depth-first walk over the required edges, on an explicit stack (chains
+// can be long), listing each node after every node it requires.
+std::vector<PowerNode*> PowerGraph::dependenciesFirst() const
+{
+    struct Visit {
+        PowerNode* node;
+        QList<PowerNode*> required;
+        int next;
+    };
+    std::vector<PowerNode*> order;
+    order.reserve(m_owned.size());
+    QSet<PowerNode*> seen;
+    std::vector<Visit> walk;
+    for (const OwnedNode& root : m_owned) {
+        if (seen.contains(root.get()))
+            continue;
+        seen.insert(root.get());
+        walk.push_back(Visit{root.get(), root->orderedRequiredNodes(false), 0});
+        while (!walk.empty()) {
+            Visit& top = walk.back();
+            if (top.next == top.required.size()) {
+                order.push_back(top.node);
+                walk.pop_back();
+                continue;
+            }
+            PowerNode* next = top.required.at(top.next++);
+            if (seen.contains(next))
+                continue;
+            seen.insert(next);
+            walk.push_back(Visit{next, next->orderedRequiredNodes(false), 0});
+        }
+    }
+    return order;
+}
 
 void PowerGraph::registerWith(PowerHandler& handler) const
 {

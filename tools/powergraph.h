@@ -61,6 +61,7 @@ private:
     PowerNode* edgeEnd(const GraphFile::Target& target, const QString& name) const;
     template <typename Node, typename... Arguments>
     Node* make(Arguments&&... arguments);
+    std::vector<PowerNode*> dependenciesFirst() const;
 
     using OwnedNode = std::unique_ptr<PowerNode, void (*)(PowerNode*)>;
 

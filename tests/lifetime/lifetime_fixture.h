@@ -82,9 +82,9 @@ protected:
 
     // A registered resource with a short time-out whose writes are answered
     // at once, or never when `writesAnswered` is false.
-    PowerResource* addResource(int value, bool writesAnswered)
+    PowerResource* addResource(int value, bool writesAnswered, int timeout = timeoutMs)
     {
-        auto* resource = new PowerResource(static_cast<VelaPowerManagerResources::Enum>(value), timeoutMs);
+        auto* resource = new PowerResource(static_cast<VelaPowerManagerResources::Enum>(value), timeout);
         m_nodes.emplace_back(resource);
         for (const bool on : {true, false}) {
             const CMPath path(QStringLiteral("/lifetime/%1/%2").arg(value).arg(on ? "on" : "off"));

@@ -131,6 +131,24 @@ TEST_P(NothingLeftBehind, ResourceDestroyedWhileItsDisableWriteIsPending)
     expectNothingLeaked();
 }
 
+// A negative time-out never fires (the timer refuses it): only the node
+// going can end the write's wait.
+TEST_P(NothingLeftBehind, ResourceWithANegativeTimeOutDestroyedWhileItsWriteIsPending)
+{
+    PowerResource* resource = addResource(704, false, -1);
+    const CMReply<void> enabling = resource->enable();
+    settle();
+    ASSERT_EQ(m_writes, 1);
+    passTheTimeOut();
+    ASSERT_EQ(resource->state(), VelaPowerNodeStates::enabling) << "nothing ended the write's wait";
+
+    destroyHandler();
+    destroyNodes();
+    EXPECT_TRUE(enabling.isFinished());
+    releaseKeptCalls();
+    expectNothingLeaked();
+}
+
 // A dependant waits for its dependency's enable write; the dependant goes
 // first, as the nodes' ownership rule asks, then the dependency.
 TEST_P(NothingLeftBehind, DependantAndDependencyDestroyedWhileTheDependencyWriteIsPending)

@@ -61,7 +61,7 @@ TEST(Run, RequestsNotSentBeforeTheTimeOutAreNamed)
     // The camera's first write never answers and times out after 50 ms of
     // its own, so the run cannot be done at 100 ms; the requests due at
     // 150 ms and later are never sent.
-    const ToolRun run = runToolQuittingMidway({"run", "--timeout-ms", "100", shippedExample()});
+    const ToolRun run = runTool({"run", "--timeout-ms", "100", shippedExample()});
     ASSERT_TRUE(run.finishedNormally);
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(run.out.contains("not sent before the time-out: #5 target suspend (due at 150 ms); #6 target standby "

@@ -37,15 +37,6 @@ ToolRun runTool(const QStringList& arguments)
     return runIn(arguments, QProcessEnvironment::systemEnvironment());
 }
 
-ToolRun runToolQuittingMidway(const QStringList& arguments)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    const QString options = environment.value(QStringLiteral("ASAN_OPTIONS"));
-    environment.insert(QStringLiteral("ASAN_OPTIONS"),
-                       options + (options.isEmpty() ? "" : ":") + QStringLiteral("detect_leaks=0"));
-    return runIn(arguments, environment);
-}
-
 QString dataFile(const QString& name)
 {
     return QStringLiteral(VELA_TOOLS_DATA_DIR "/") + name;

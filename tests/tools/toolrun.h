@@ -20,10 +20,6 @@ struct ToolRun {
 // Runs vela-power with `arguments` and waits for it to end (bounded by a
 // watchdog that only a hung program reaches).
 ToolRun runTool(const QStringList& arguments);
-// The same with LeakSanitizer off in the program (in sanitizer builds): for a
-// run that quits on purpose while requests are still in flight, whose reply
-// chains keep them alive until answered.
-ToolRun runToolQuittingMidway(const QStringList& arguments);
 
 // A file of tests/tools/data, and the shipped example.
 QString dataFile(const QString& name);

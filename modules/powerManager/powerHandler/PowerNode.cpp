@@ -490,8 +490,9 @@ void abandonWithTransition(const CMVoidReply& transition, const QSharedPointer<A
     transition.addWatcher(
         nullptr,
         [pending = timer.toWeakRef(), result](const CMVoidReply& finished) {
+            // The write's continuation owns the timer until it has run.
             const QSharedPointer<ActionTimer> held = pending.toStrongRef();
-            if (!held || !held->isActive())
+            if (!held)
                 return;
             held->stop();
             held->disconnect();
