@@ -44,7 +44,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kInlineSlots = 16;
+    static constexpr std::size_t kInlineSlots = 64;
 
     static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
     {
@@ -88,6 +88,36 @@ private:
     std::size_t m_size = 0;
 };
 
+// A stack whose first entries live inside it, for the same reason.
+template <typename T, std::size_t InlineCount>
+class InlineStack
+{
+public:
+    bool empty() const { return m_size == 0; }
+    void push(T value)
+    {
+        if (m_size < InlineCount)
+            m_inline[m_size] = value;
+        else
+            m_overflow.push_back(value);
+        ++m_size;
+    }
+    T pop()
+    {
+        --m_size;
+        if (m_size < InlineCount)
+            return m_inline[m_size];
+        const T value = m_overflow.back();
+        m_overflow.pop_back();
+        return value;
+    }
+
+private:
+    std::array<T, InlineCount> m_inline;
+    std::vector<T> m_overflow;
+    std::size_t m_size = 0;
+};
+
 std::uintptr_t addressOf(const PowerNode* node)
 {
     return reinterpret_cast<std::uintptr_t>(node);
@@ -112,15 +142,15 @@ bool walk(const PowerNode* root, PowerNodeGraph::Direction direction, Visit visi
 {
     AddressSet expanded;
     expanded.insert(addressOf(root));
-    std::vector<const PowerNode*> pending{root};
+    InlineStack<const PowerNode*, 32> pending;
+    pending.push(root);
     while (!pending.empty()) {
-        const PowerNode* node = pending.back();
-        pending.pop_back();
+        const PowerNode* node = pending.pop();
         for (PowerNode* next : PowerNodeGraph::edges(node, direction)) {
             if (!visit(next))
                 return false;
             if (isExpandable(next) && expanded.insert(addressOf(next)))
-                pending.push_back(next);
+                pending.push(next);
         }
     }
     return true;
