@@ -149,9 +149,11 @@ protected:
         settle();
     }
 
+    // Last made, first gone: a node goes before the nodes it holds edges to.
     void destroyNodes()
     {
-        m_nodes.clear();
+        while (!m_nodes.empty())
+            m_nodes.pop_back();
         settle();
     }
 

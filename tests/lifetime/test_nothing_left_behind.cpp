@@ -84,14 +84,9 @@ TEST_P(NothingLeftBehind, TargetRequestWaitingForARevokeAnswer)
     expectNothingLeftOnceThePlatformLetsGo(caller);
 }
 
-// Known defect, left open: the write's time-out and the state machine's
-// continuations point at the resource, so a resource destroyed while its
-// write is still pending is read when the time-out fires (heap use after
-// free under ASan). Until the resource's pending actions can be told that it
-// is gone, services must keep a resource alive until its writes are answered
-// or timed out. Disabled so that the suite stays meaningful; run it with
-// --gtest_also_run_disabled_tests to see the defect.
-TEST_P(NothingLeftBehind, DISABLED_ResourceRequestWaitingForAWriteAnswerWhenTheNodesGoBeforeTheTimeOut)
+// The node abandons its pending write as it goes: the time-out that was
+// still due must neither fire into the node nor keep anything alive.
+TEST_P(NothingLeftBehind, ResourceRequestWaitingForAWriteAnswerWhenTheNodesGoBeforeTheTimeOut)
 {
     PowerResource* resource = resourceStuckOnAWrite();
     const CMReply<QVariant> caller = askToUse(resource);
@@ -101,6 +96,55 @@ TEST_P(NothingLeftBehind, DISABLED_ResourceRequestWaitingForAWriteAnswerWhenTheN
     destroyHandler();
     destroyNodes();
     // The time-out of the write was due after the node had gone.
+    passTheTimeOut();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
+}
+
+// The same without ever reaching the time-out: destroying the handler and
+// the nodes is enough to release what the write had made.
+TEST_P(NothingLeftBehind, PendingWriteIsReleasedWithItsNodeWithoutWaitingForTheTimeOut)
+{
+    PowerResource* resource = resourceStuckOnAWrite();
+    const CMReply<QVariant> caller = askToUse(resource);
+    ASSERT_EQ(m_writes, 1);
+
+    destroyHandler();
+    destroyNodes();
+    expectNothingLeftOnceThePlatformLetsGo(caller);
+}
+
+// A resource whose disable write is never answered goes while disabling.
+TEST_P(NothingLeftBehind, ResourceDestroyedWhileItsDisableWriteIsPending)
+{
+    PowerResource* resource = addResource(702, false);
+    const CMReply<void> disabling = resource->disable();
+    settle();
+    ASSERT_EQ(m_writes, 1);
+    ASSERT_EQ(resource->state(), VelaPowerNodeStates::disabling);
+
+    destroyHandler();
+    destroyNodes();
+    EXPECT_TRUE(disabling.isFinished()) << "a transition is answered when its node goes";
+    EXPECT_TRUE(disabling.error().isError());
+    passTheTimeOut();
+    releaseKeptCalls();
+    expectNothingLeaked();
+}
+
+// A dependant waits for its dependency's enable write; the dependant goes
+// first, as the nodes' ownership rule asks, then the dependency.
+TEST_P(NothingLeftBehind, DependantAndDependencyDestroyedWhileTheDependencyWriteIsPending)
+{
+    PowerResource* dependency = resourceStuckOnAWrite();
+    PowerResource* dependant = addResource(703, true);
+    dependant->requiresResource(dependency);
+    const CMReply<QVariant> caller = askToUse(dependant);
+    ASSERT_EQ(m_writes, 1) << "only the dependency's write has started";
+    ASSERT_EQ(dependant->state(), VelaPowerNodeStates::enabling);
+    ASSERT_EQ(dependency->state(), VelaPowerNodeStates::enabling);
+
+    destroyHandler();
+    destroyNodes();
     passTheTimeOut();
     expectNothingLeftOnceThePlatformLetsGo(caller);
 }

@@ -65,6 +65,15 @@ CMReply<void> finishedReply()
     return done;
 }
 
+// Finishes a transition whose node goes away; a finished one is left as it is.
+void abandon(const CMReply<void>& transition, const QString& nodeName)
+{
+    if (transition.isFinished())
+        return;
+    transition.setError(
+        CMError(TrString(QStringLiteral("Power node %1 was destroyed before its transition finished").arg(nodeName))));
+}
+
 std::string selfEdgeText(const char* relation, const QString& name)
 {
     return "node != this (power node " + name.toStdString() + " cannot " + relation + " itself)";
@@ -80,7 +89,22 @@ PowerNode::PowerNode(const QString& name)
 {
 }
 
-PowerNode::~PowerNode() = default;
+/*
+ * A transition still under way ends with its node. Its reply is finished
+ * with an error, which is how the continuations of the transition learn that
+ * the node is gone (they hold the reply, not the node's lifetime), and how a
+ * write of the transition that is still pending stops its time-out and lets
+ * go of the platform's call. Whoever else waits on the transition (a
+ * dependant's locking, a request) is answered rather than left waiting.
+ */
+PowerNode::~PowerNode()
+{
+    if (m_state == VelaPowerNodeStates::enabling)
+        abandon(m_enableReply, m_name);
+    // A disabled node may still be waiting for its dependencies to unlock.
+    if (m_state == VelaPowerNodeStates::disabling || m_state == VelaPowerNodeStates::disabled)
+        abandon(m_disableReply, m_name);
+}
 
 QString PowerNode::name() const
 {
@@ -307,12 +331,17 @@ CMReply<void> PowerNode::enable()
             // called.
             CMVoidReply::whenAllFinished(locks).onFinished(
                 [node, transition = node->m_enableReply](const CMReply<QList<CMVoidReply>>& locked) mutable {
+                    // A transition finished before its end: the node is gone.
+                    if (transition.isFinished())
+                        return;
                     const CMError lockError = locked.error();
                     if (lockError.isError())
                         VELA_FATAL_AT(recordLine::lockFailed, "Failed to lock dependencies for "
                                                                   << node->m_name << ", error: " << lockError.message());
                     // The node's own action runs even when a dependency failed.
                     node->onEnableAction().onFinished([node, transition](const CMReply<void>& action) mutable {
+                        if (transition.isFinished())
+                            return;
                         const CMError actionError = action.error();
                         if (actionError.isError())
                             VELA_FATAL_AT(recordLine::enableActionFailed,
@@ -351,6 +380,9 @@ CMReply<void> PowerNode::disable()
     m_disableReply = CMReply<void>();
 
     onDisableAction().onFinished([this, transition = m_disableReply](const CMReply<void>& action) mutable {
+        // A transition finished before its end: the node is gone.
+        if (transition.isFinished())
+            return;
         const CMError actionError = action.error();
         if (actionError.isError())
             VELA_FATAL_AT(recordLine::disableActionFailed, "Failed to disable resource " << m_name << ", error: " << actionError.message());
@@ -365,6 +397,8 @@ CMReply<void> PowerNode::disable()
             unlocks.append(node->nodeUnlock(this));
         CMVoidReply::whenAllFinished(unlocks).onFinished(
             [this, transition](const CMReply<QList<CMVoidReply>>& unlocked) mutable {
+                if (transition.isFinished())
+                    return;
                 const CMError unlockError = unlocked.error();
                 if (unlockError.isError())
                     VELA_FATAL_AT(recordLine::unlockFailed, "Failed to unlock all dependencies for " << m_name
@@ -406,20 +440,64 @@ CMReply<void> PowerNode::nodeUnlock(PowerNode* node)
 namespace {
 
 /*
- * The timer of an action is deleted when the last continuation that holds
- * it goes away. When that happens inside the timer's own timeout (the
- * time-out finished the reply and its continuation ran at once), deleting it
- * there would pull the object from under its running signal: it is then
- * handed to the event loop instead.
+ * The time limit of one write. The write's continuation owns it, and its
+ * time-out holds the platform's call in turn, so that a call the platform
+ * lets go of unanswered still times out. It may be released from inside its
+ * own timeout signal (the time-out finished the call and the continuation
+ * ran at once); deleting it there would pull the object from under its
+ * running signal, so it is then handed to the event loop instead.
  */
-thread_local const QTimer* t_firingTimer = nullptr;
-
-void releaseActionTimer(QTimer* timer)
+class ActionTimer : public QTimer
 {
-    if (timer == t_firingTimer)
+public:
+    bool firing = false;
+};
+
+void releaseActionTimer(ActionTimer* timer)
+{
+    if (timer->firing)
         timer->deleteLater();
     else
         delete timer;
+}
+
+QSharedPointer<ActionTimer> startActionTimer(const CMReply<QVariant>& watched, int timeout);
+
+// The transition a write of the node belongs to: the one under way, if any.
+CMVoidReply pendingTransition(VelaPowerNodeStates::Enum state, const CMVoidReply& enabling,
+                              const CMVoidReply& disabling)
+{
+    if (state == VelaPowerNodeStates::enabling)
+        return enabling;
+    if (state == VelaPowerNodeStates::disabling)
+        return disabling;
+    return CMVoidReply();
+}
+
+/*
+ * A transition that finishes while its write is still pending was finished
+ * by its node going away: the write is abandoned. Its time-out stops and lets
+ * go of the platform's call (whose answer, if it ever comes, is ignored), and
+ * the write's reply fails, which the node's continuation reads as "gone". On
+ * the ordinary path the write is over before its transition finishes and
+ * this does nothing.
+ */
+void abandonWithTransition(const CMVoidReply& transition, const QSharedPointer<ActionTimer>& timer,
+                           const CMReply<void>& result)
+{
+    if (!transition)
+        return;
+    transition.addWatcher(
+        nullptr,
+        [pending = timer.toWeakRef(), result](const CMVoidReply& finished) {
+            const QSharedPointer<ActionTimer> held = pending.toStrongRef();
+            if (!held || !held->isActive())
+                return;
+            held->stop();
+            held->disconnect();
+            result.setError(finished.error());
+        },
+        Qt::DirectConnection);
 }
 
 CMError actionTimeoutError()
@@ -429,6 +507,23 @@ CMError actionTimeoutError()
     error.insert(CMError::Message(), QVariant::fromValue(TrString(CMVoidReply::ErrorTimeout())));
     error.insert(CMError::Title(), QVariant::fromValue(TrString(CMError::DefaultTitle())));
     return error;
+}
+
+QSharedPointer<ActionTimer> startActionTimer(const CMReply<QVariant>& watched, int timeout)
+{
+    QSharedPointer<ActionTimer> timer(new ActionTimer, &releaseActionTimer);
+    timer->setSingleShot(true);
+    timer->start(timeout);
+    ActionTimer* firing = timer.data();
+    QObject::connect(
+        firing, &QTimer::timeout, firing,
+        [watched, firing]() {
+            firing->firing = true;
+            watched.setError(actionTimeoutError());
+            firing->firing = false;
+        },
+        Qt::DirectConnection);
+    return timer;
 }
 
 } // namespace
@@ -515,32 +610,29 @@ CMReply<void> PowerResource::executeAction(const QString& action, const CMSetDat
 
     // A platform that answered within setData() leaves nothing to time out:
     // the timer would be stopped before it could ever fire, so none is made.
-    QSharedPointer<QTimer> timer;
+    QSharedPointer<ActionTimer> timer;
     if (!watched.isFinished()) {
-        timer.reset(new QTimer, &releaseActionTimer);
-        timer->setSingleShot(true);
-        timer->start(m_actionTimeout);
-        QObject::connect(
-            timer.data(), &QTimer::timeout, timer.data(),
-            [watched, firing = timer.data()]() {
-                t_firingTimer = firing;
-                watched.setError(actionTimeoutError());
-                t_firingTimer = nullptr;
-            },
-            Qt::DirectConnection);
+        timer = startActionTimer(watched, m_actionTimeout);
+        abandonWithTransition(pendingTransition(m_state, m_enableReply, m_disableReply), timer, result);
     }
 
+    // The node's name is copied: the node may be gone when the platform
+    // answers a call that was abandoned with it.
     watched.onFinished(
         nullptr,
-        [this, action, result, timer](const CMReply<QVariant>& reply) mutable {
+        [name = m_name, action, result, timer](const CMReply<QVariant>& reply) mutable {
             if (timer)
                 timer->stop();
+            // Abandoned with its node: there is no one left to tell.
+            if (result.isFinished())
+                return;
             const CMError error = reply.error();
             if (!error.isError()) {
-                VELA_DEBUG_AT(recordLine::actionSucceeded, name() << " is now " << action);
+                VELA_DEBUG_AT(recordLine::actionSucceeded, name << " is now " << action);
                 result.setValue();
             } else {
-                VELA_ERROR_AT(recordLine::actionFailed, name() << " failed to " << action << " Message: " << error.message());
+                VELA_ERROR_AT(recordLine::actionFailed,
+                              name << " failed to " << action << " Message: " << error.message());
                 result.setError(error);
             }
         },
