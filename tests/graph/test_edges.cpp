@@ -283,6 +283,26 @@ TEST(PowerNodeEdges, ChecksSkipNodesByTheirType)
     EXPECT_EQ(b.requiredNodes(false), QSet<PowerNode*>{&a});
 }
 
+// The other way round: a target that reports another kind is looked through,
+// and its edges, stored on its own side only, are followed. Backlight does
+// not know that the target enables it. When backlight then requires display,
+// backlight's side is stored, but display's reverse side finds backlight
+// behind the target and refuses. (A check that walked back from the far end
+// along the other side of each edge would miss this: the target's edge has
+// no other side.)
+TEST(PowerNodeEdges, ChecksFollowTheOneSidedEdgesOfATargetThatReportsAnotherKind)
+{
+    TestTarget unmarked(VelaPowerManagerTargets::active, PowerNodeType::PowerNode);
+    PowerResource display(VelaPowerManagerResources::display), backlight(VelaPowerManagerResources::backlight);
+    unmarked.enables(&backlight);
+    display.requiresNode(&unmarked);
+    ASSERT_TRUE(backlight.requiredByNodes(false).isEmpty());
+    ASSERT_EQ(unmarked.requiredByNodes(false), QSet<PowerNode*>{&display});
+    EXPECT_TRUE(refusedWithoutChange({&display}, [&] { backlight.requiresResource(&display); },
+                                     cycleRequiredByRefusal("display", "backlight"), kNodeRequiredBy));
+    EXPECT_EQ(backlight.requiredNodes(false), QSet<PowerNode*>{&display});
+}
+
 TEST(PowerNodeEdges, BaseRequiresTargetRecordsTheNodeAmongWhatTheTargetDisables)
 {
     PowerTarget t(VelaPowerManagerTargets::active);

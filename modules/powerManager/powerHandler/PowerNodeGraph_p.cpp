@@ -1,5 +1,6 @@
 #include "PowerNodeGraph_p.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,44 +13,54 @@ namespace {
  * per entry, which on a graph of thousands of nodes costs more than the walk
  * itself; this open-addressing set of addresses keeps the marks in one
  * array. Keys are node addresses, possibly with a small tag in the low bits
- * (nodes are at least 8-byte aligned).
+ * (nodes are at least 8-byte aligned). The first slots live inside the set:
+ * the wiring checks run once per edge and mostly touch a handful of nodes,
+ * so most of them never allocate.
  */
 class AddressSet
 {
 public:
-    AddressSet() : m_slots(64, 0) {}
+    AddressSet() { m_inline.fill(0); }
+    AddressSet(const AddressSet&) = delete;
+    AddressSet& operator=(const AddressSet&) = delete;
 
     // Inserts the key; false when it was there already.
     bool insert(std::uintptr_t key)
     {
-        if ((m_size + 1) * 2 > m_slots.size())
+        if ((m_size + 1) * 2 > m_capacity)
             grow();
         return place(key);
     }
     bool contains(std::uintptr_t key) const
     {
-        const std::size_t mask = m_slots.size() - 1;
+        const std::uintptr_t* table = this->table();
+        const std::size_t mask = m_capacity - 1;
         for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
+            if (table[i] == key)
                 return true;
-            if (m_slots[i] == 0)
+            if (table[i] == 0)
                 return false;
         }
     }
 
 private:
+    static constexpr std::size_t kInlineSlots = 64;
+
     static std::size_t slotOf(std::uintptr_t key, std::size_t mask)
     {
         return static_cast<std::size_t>((key >> 3) * 0x9E3779B97F4A7C15ull >> 17) & mask;
     }
+    const std::uintptr_t* table() const { return m_heap.empty() ? m_inline.data() : m_heap.data(); }
+    std::uintptr_t* table() { return m_heap.empty() ? m_inline.data() : m_heap.data(); }
     bool place(std::uintptr_t key)
     {
-        const std::size_t mask = m_slots.size() - 1;
+        std::uintptr_t* table = this->table();
+        const std::size_t mask = m_capacity - 1;
         for (std::size_t i = slotOf(key, mask);; i = (i + 1) & mask) {
-            if (m_slots[i] == key)
+            if (table[i] == key)
                 return false;
-            if (m_slots[i] == 0) {
-                m_slots[i] = key;
+            if (table[i] == 0) {
+                table[i] = key;
                 ++m_size;
                 return true;
             }
@@ -57,16 +68,53 @@ private:
     }
     void grow()
     {
-        std::vector<std::uintptr_t> old(m_slots.size() * 2, 0);
-        old.swap(m_slots);
-        m_size = 0;
-        for (std::uintptr_t key : old) {
-            if (key != 0)
-                place(key);
+        const std::uintptr_t* oldTable = table();
+        std::vector<std::uintptr_t> keys;
+        keys.reserve(m_size);
+        for (std::size_t i = 0; i < m_capacity; ++i) {
+            if (oldTable[i] != 0)
+                keys.push_back(oldTable[i]);
         }
+        m_capacity *= 2;
+        std::vector<std::uintptr_t>(m_capacity, 0).swap(m_heap);
+        m_size = 0;
+        for (std::uintptr_t key : keys)
+            place(key);
     }
 
-    std::vector<std::uintptr_t> m_slots;
+    std::array<std::uintptr_t, kInlineSlots> m_inline;
+    std::vector<std::uintptr_t> m_heap;
+    std::size_t m_capacity = kInlineSlots;
+    std::size_t m_size = 0;
+};
+
+// A stack whose first entries live inside it, for the same reason.
+template <typename T, std::size_t InlineCount>
+class InlineStack
+{
+public:
+    bool empty() const { return m_size == 0; }
+    void push(T value)
+    {
+        if (m_size < InlineCount)
+            m_inline[m_size] = value;
+        else
+            m_overflow.push_back(value);
+        ++m_size;
+    }
+    T pop()
+    {
+        --m_size;
+        if (m_size < InlineCount)
+            return m_inline[m_size];
+        const T value = m_overflow.back();
+        m_overflow.pop_back();
+        return value;
+    }
+
+private:
+    std::array<T, InlineCount> m_inline;
+    std::vector<T> m_overflow;
     std::size_t m_size = 0;
 };
 
@@ -94,15 +142,15 @@ bool walk(const PowerNode* root, PowerNodeGraph::Direction direction, Visit visi
 {
     AddressSet expanded;
     expanded.insert(addressOf(root));
-    std::vector<const PowerNode*> pending{root};
+    InlineStack<const PowerNode*, 32> pending;
+    pending.push(root);
     while (!pending.empty()) {
-        const PowerNode* node = pending.back();
-        pending.pop_back();
+        const PowerNode* node = pending.pop();
         for (PowerNode* next : PowerNodeGraph::edges(node, direction)) {
             if (!visit(next))
                 return false;
             if (isExpandable(next) && expanded.insert(addressOf(next)))
-                pending.push_back(next);
+                pending.push(next);
         }
     }
     return true;
