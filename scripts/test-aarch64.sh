@@ -17,6 +17,8 @@
 #   BUILD_DIR            cross-build folder (default: build-aarch64)
 #   DEVICE_SEEDS         seeds of the handler's property run on the device
 #                        (default: 3; the host runs 100)
+#   DEVICE_GRAPHS        random graphs of the graph differential test on the
+#                        device (default: 1000; the host runs 10,000)
 #   DEVICE_TIMEOUT_S     time limit of the whole emulated run (default: 3600)
 #   DEVICE_SLOW_MS       tests that take at least this long on the device are
 #                        listed with their time (default: 2000)
@@ -54,6 +56,7 @@ done
 build_dir=$(realpath -m "${BUILD_DIR:-build-aarch64}")
 device_dir=$build_dir/device
 device_seeds=${DEVICE_SEEDS:-3}
+device_graphs=${DEVICE_GRAPHS:-1000}
 timeout_s=${DEVICE_TIMEOUT_S:-3600}
 slow_ms=${DEVICE_SLOW_MS:-2000}
 triplet=aarch64-linux-gnu
@@ -232,7 +235,7 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 export HOME=/tmp TMPDIR=/tmp QT_QPA_PLATFORM=offscreen LANG=C.UTF-8
 export LD_LIBRARY_PATH=/lib/$triplet:/usr/lib/$triplet
-export VELA_PROPERTY_SEEDS=$device_seeds
+export VELA_PROPERTY_SEEDS=$device_seeds VELA_GRAPH_COUNT=$device_graphs
 slow_ms=$slow_ms
 cd /tmp
 echo "@@ device \$(uname -m), \$(nproc) CPUs, kernel \$(uname -r)"
@@ -279,7 +282,7 @@ EOF
 
 run_device() {
   local console=$device_dir/console.log
-  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds); console: $console"
+  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds, $device_graphs random graphs); console: $console"
   local start=$SECONDS
   set +e
   # The serial console goes straight to a file, so a run can be followed
