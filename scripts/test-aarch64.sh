@@ -184,7 +184,7 @@ make_initramfs() {
   mapfile -t library_paths < <(find "$build_dir" -path "$device_dir" -prune -o -name 'libvela_*.so*' -printf '%h\n' |
     sort -u)
   declare -gA resolved=()
-  local host_program= image_programs
+  local host_program='' image_programs
   runs_label tools && host_program=$(host_program_path)
   for label in "${labels[@]}"; do
     program=$build_dir/tests/test_$label
