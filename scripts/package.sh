@@ -72,10 +72,10 @@ export DEB_BUILD_OPTIONS="parallel=$(nproc 2>/dev/null || echo 2) noddebs ${DEB_
 extra=${VELA_PACKAGE_PROFILES:-}
 build "$(dpkg --print-architecture)" ${extra:+-P$extra} -us -uc -b
 build arm64 -a arm64 -Pcross,nocheck${extra:+,$extra} -us -uc -b
-mv "$work"/*.deb "$out"/
-
+# lintian reads the .changes files, which name the .deb files beside them.
 echo "== lintian"
 lintian --fail-on error "$work"/*.changes
+mv "$work"/*.deb "$out"/
 echo "== packages in $out"
 (cd "$out" && ls -1 ./*.deb)
 bash tests/package/check_debian_packages.sh "$out" "$source_dir"

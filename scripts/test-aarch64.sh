@@ -8,14 +8,20 @@
 # qemu-user is no option: under it every pthread_create spins forever, and
 # every program that loads log4cplus starts threads.
 #
-# Usage: bash scripts/test-aarch64.sh [--labels api,graph,...] [--no-build]
-#   --labels     run only these test programs (default: all of them)
-#   --no-build   use the programs already in the build folder
+# Usage: bash scripts/test-aarch64.sh [--labels api,graph,...] [--gtest-filter PATTERN] [--no-build]
+#   --labels        run only these test programs (default: all of them); a
+#                   subset builds only its programs and the libraries
+#   --gtest-filter  passed to every test program as --gtest_filter
+#   --no-build      use the programs already in the build folder
 # Environment:
 #   BUILD_DIR            cross-build folder (default: build-aarch64)
 #   DEVICE_SEEDS         seeds of the handler's property run on the device
 #                        (default: 3; the host runs 100)
+#   DEVICE_GRAPHS        random graphs of the graph differential test on the
+#                        device (default: 1000; the host runs 10,000)
 #   DEVICE_TIMEOUT_S     time limit of the whole emulated run (default: 3600)
+#   DEVICE_SLOW_MS       tests that take at least this long on the device are
+#                        listed with their time (default: 2000)
 #   VELA_WERROR          ON to turn warnings into errors
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,13 +30,21 @@ source_dir=$(pwd)
 all_labels=(api graph switching requests handler tools lifetime)
 labels=("${all_labels[@]}")
 build=1
+gtest_filter=
 while [ $# -gt 0 ]; do
   case $1 in
     --labels) IFS=, read -r -a labels <<<"$2"; shift 2 ;;
     --labels=*) IFS=, read -r -a labels <<<"${1#--labels=}"; shift ;;
+    --gtest-filter) gtest_filter=$2; shift 2 ;;
+    --gtest-filter=*) gtest_filter=${1#--gtest-filter=}; shift ;;
     --no-build) build=0; shift ;;
     *) echo "unknown argument: $1" >&2; exit 2 ;;
   esac
+done
+runs_label() { [[ " ${labels[*]} " =~ \ $1\  ]]; }
+whole_suite=1
+for label in "${all_labels[@]}"; do
+  runs_label "$label" || whole_suite=0
 done
 for label in "${labels[@]}"; do
   if [[ ! " ${all_labels[*]} " =~ \ $label\  ]]; then
@@ -42,14 +56,17 @@ done
 build_dir=$(realpath -m "${BUILD_DIR:-build-aarch64}")
 device_dir=$build_dir/device
 device_seeds=${DEVICE_SEEDS:-3}
+device_graphs=${DEVICE_GRAPHS:-1000}
 timeout_s=${DEVICE_TIMEOUT_S:-3600}
+slow_ms=${DEVICE_SLOW_MS:-2000}
 triplet=aarch64-linux-gnu
 
 log() { echo "== $*"; }
 
 host_packages=(crossbuild-essential-arm64 qemu-system-arm cmake pkg-config qtbase5-dev-tools rapidjson-dev file cpio)
-device_packages=(qtbase5-dev:arm64 liblog4cplus-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-  libbenchmark-dev:arm64)
+device_packages=(qtbase5-dev:arm64 liblog4cplus-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
+# Only the whole build has the benchmarks.
+[ "$whole_suite" -eq 1 ] && device_packages+=(libbenchmark-dev:arm64)
 
 missing_packages() {
   local package
@@ -112,11 +129,21 @@ fetch_busybox() {
   busybox=$device_dir/busybox/root/bin/busybox
 }
 
+# The whole suite builds everything; a subset builds its test programs (and
+# with them the two libraries), plus the host program for the tools label.
 cross_build() {
-  log "cross-building into $build_dir"
+  local targets=() label benchmarks=ON
+  if [ "$whole_suite" -eq 0 ]; then
+    benchmarks=OFF
+    for label in "${labels[@]}"; do
+      targets+=(--target "test_$label")
+    done
+    runs_label tools && targets+=(--target vela-power)
+  fi
+  log "cross-building into $build_dir${targets:+ (${targets[*]})}"
   cmake -S "$source_dir" -B "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$source_dir/cmake/toolchain-aarch64.cmake" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELA_WERROR="${VELA_WERROR:-OFF}"
-  cmake --build "$build_dir" -j "$(nproc 2>/dev/null || echo 2)"
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELA_WERROR="${VELA_WERROR:-OFF}" -DVELA_BUILD_BENCHMARKS=$benchmarks
+  cmake --build "$build_dir" -j "$(nproc 2>/dev/null || echo 2)" "${targets[@]}"
 }
 
 # Resolves the shared libraries a program needs, the way the target's loader
@@ -157,14 +184,16 @@ make_initramfs() {
   mapfile -t library_paths < <(find "$build_dir" -path "$device_dir" -prune -o -name 'libvela_*.so*' -printf '%h\n' |
     sort -u)
   declare -gA resolved=()
-  local host_program
-  host_program=$(host_program_path)
+  local host_program='' image_programs
+  runs_label tools && host_program=$(host_program_path)
   for label in "${labels[@]}"; do
     program=$build_dir/tests/test_$label
     [ -x "$program" ] || { echo "missing test program $program" >&2; exit 1; }
     test_programs+=("$program")
   done
-  for program in "${test_programs[@]}" "$host_program"; do
+  image_programs=("${test_programs[@]}")
+  [ -n "$host_program" ] && image_programs+=("$host_program")
+  for program in "${image_programs[@]}"; do
     mkdir -p "$image_root$(dirname "$program")"
     "$triplet-strip" --strip-debug -o "$image_root$program" "$program"
     resolve_needed "$program"
@@ -191,10 +220,11 @@ host_program_path() {
 }
 
 # The device's init: runs each program with its output in a file, prints the
-# summary lines (all of its output when it fails) between markers the host
-# reads, then powers off.
+# summary lines and the slow tests (all of its output when it fails) between
+# markers the host reads, then powers off.
 write_init() {
-  local host_program=$1 program
+  local host_program=$1 program filter_argument=
+  [ -n "$gtest_filter" ] && filter_argument=" --gtest_filter='$gtest_filter'"
   cat <<EOF
 #!/bin/busybox sh
 /bin/busybox --install -s /bin
@@ -205,12 +235,24 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 export HOME=/tmp TMPDIR=/tmp QT_QPA_PLATFORM=offscreen LANG=C.UTF-8
 export LD_LIBRARY_PATH=/lib/$triplet:/usr/lib/$triplet
-export VELA_PROPERTY_SEEDS=$device_seeds
+export VELA_PROPERTY_SEEDS=$device_seeds VELA_GRAPH_COUNT=$device_graphs
+slow_ms=$slow_ms
 cd /tmp
 echo "@@ device \$(uname -m), \$(nproc) CPUs, kernel \$(uname -r)"
 # Hundredths of a second since boot (the 1 in front keeps a leading zero from
 # reading as octal).
 uptime_cs() { read up rest </proc/uptime; echo \$((\${up%.*} * 100 + 1\${up#*.} - 100)); }
+EOF
+  cat <<'EOF'
+# "slow Suite.Test (N ms)" for each passed test of at least slow_ms.
+slow_tests() {
+  awk -v ms="$slow_ms" '/^\[       OK \] .* \([0-9]+ ms\)$/ {
+    time = $0; sub(/.*\(/, "", time); sub(/ ms\)$/, "", time)
+    if (time + 0 >= ms) { name = $0; sub(/^\[       OK \] /, "", name); print "slow " name }
+  }' "$1"
+}
+EOF
+  cat <<EOF
 run() {
   name=\$1; shift
   start=\$(uptime_cs)
@@ -221,15 +263,16 @@ run() {
     sed "s/^/@@ \$name | /" /tmp/\$name.log
   else
     grep -E '^\[==========\]|^\[  (PASSED|FAILED|SKIPPED) |requests answered' /tmp/\$name.log | sed "s/^/@@ \$name | /"
+    slow_tests /tmp/\$name.log | sed "s/^/@@ \$name | /"
   fi
   echo "@@ result \$name \$rc \$((end - start))"
 }
 EOF
   for program in "${test_programs[@]}"; do
-    echo "run $(basename "$program") $program --gtest_brief=1"
+    echo "run $(basename "$program") $program$filter_argument"
   done
   expected_programs=${#test_programs[@]}
-  if [[ " ${labels[*]} " =~ \ tools\  ]]; then
+  if [ -n "$host_program" ]; then
     expected_programs=$((expected_programs + 1))
     echo "run $(basename "$host_program") $host_program run --timeout-ms 60000 $source_dir/examples/graphs/handheld.json"
   fi
@@ -239,7 +282,7 @@ EOF
 
 run_device() {
   local console=$device_dir/console.log
-  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds); console: $console"
+  log "booting the emulated AArch64 machine (${labels[*]}; $device_seeds property seeds, $device_graphs random graphs); console: $console"
   local start=$SECONDS
   set +e
   # The serial console goes straight to a file, so a run can be followed
@@ -299,10 +342,27 @@ report() {
   [ "$failed" -eq 0 ]
 }
 
-setup_packages
-fetch_kernel
-fetch_busybox
-[ "$build" -eq 1 ] && cross_build
-make_initramfs
-run_device
+# Each step's time, printed as it ends and once more before the results. A
+# failing step ends the script (set -e), after the times of the steps before.
+step_times=()
+timed() {
+  local name=$1 start=$SECONDS
+  shift
+  "$@"
+  step_times+=("$name $((SECONDS - start)) s")
+  log "$name: $((SECONDS - start)) s"
+}
+
+fetch_device_files() {
+  fetch_kernel
+  fetch_busybox
+}
+
+[ -n "$gtest_filter" ] && log "gtest filter on the device: $gtest_filter"
+timed set-up setup_packages
+timed "kernel and busybox" fetch_device_files
+[ "$build" -eq 1 ] && timed cross-build cross_build
+timed initramfs make_initramfs
+timed "emulated run" run_device
+log "times: $(printf '%s, ' "${step_times[@]}" | sed 's/, $//')"
 report
