@@ -513,6 +513,8 @@ CMError actionTimeoutError()
 QSharedPointer<ActionTimer> startActionTimer(const CMReply<QVariant>& watched, int timeout)
 {
     QSharedPointer<ActionTimer> timer(new ActionTimer, &releaseActionTimer);
+    // A coarse timer may fire up to 5% early; a write is given its full time.
+    timer->setTimerType(Qt::PreciseTimer);
     timer->setSingleShot(true);
     timer->start(timeout);
     ActionTimer* firing = timer.data();
