@@ -86,6 +86,24 @@ TEST(FieldOrder, PowerNode)
     EXPECT_EQ(offsets.front(), static_cast<std::ptrdiff_t>(sizeof(void*)));
 }
 
+// Every field of the base is one pointer wide, but m_state, whose gap holds
+// the wiring checks' counters: each field sits where it would without them,
+// and the class is no larger.
+TEST(FieldOrder, PowerNodeFieldsAtTheirPlacesAndSize)
+{
+    const PowerResource node(static_cast<VelaPowerManagerResources::Enum>(1));
+    const PowerNode& base = node;
+    const auto word = static_cast<std::ptrdiff_t>(sizeof(void*));
+    const std::vector<std::ptrdiff_t> offsets{
+        OFFSET(base, PowerNode, m_name),          OFFSET(base, PowerNode, m_state),
+        OFFSET(base, PowerNode, m_requiredNodes), OFFSET(base, PowerNode, m_requiredByNodes),
+        OFFSET(base, PowerNode, m_moduleActions), OFFSET(base, PowerNode, m_lockedBy),
+        OFFSET(base, PowerNode, m_enableReply),   OFFSET(base, PowerNode, m_disableReply)};
+    EXPECT_EQ(offsets, (std::vector<std::ptrdiff_t>{word, 2 * word, 3 * word, 4 * word, 5 * word, 6 * word, 7 * word,
+                                                    8 * word}));
+    EXPECT_EQ(sizeof(PowerNode), 9 * sizeof(void*));
+}
+
 TEST(FieldOrder, PowerResourceAfterItsBase)
 {
     const PowerResource node(static_cast<VelaPowerManagerResources::Enum>(1));

@@ -177,14 +177,14 @@ bool PowerNode::hasClaim() const
 
 void PowerNode::addRequiredNode(PowerNode* node)
 {
-    if (node != this)
-        m_requiredNodes.insert(node);
+    if (node != this && PowerNodeGraph::insertEdge(m_requiredNodes, node) && node)
+        PowerNodeGraph::countHolder(this, node->m_requiredHolders);
 }
 
 void PowerNode::addRequiredByNode(PowerNode* node)
 {
-    if (node != this)
-        m_requiredByNodes.insert(node);
+    if (node != this && PowerNodeGraph::insertEdge(m_requiredByNodes, node) && node)
+        PowerNodeGraph::countHolder(this, node->m_requiredByHolders);
 }
 
 // A self-edge would make this pair call each other without end: it is a

@@ -140,6 +140,17 @@ protected:
 
     QString m_name;
     VelaPowerNodeStates::Enum m_state;
+
+private:
+    // How many nodes, targets left out, hold this node in their required set
+    // and in their required-by set. The wiring checks use them to know when a
+    // node's own sets list every edge into it. They live in the alignment gap
+    // after m_state: the size of the class and the offset of every field
+    // above and below are what they were without them.
+    quint16 m_requiredHolders = 0;
+    quint16 m_requiredByHolders = 0;
+
+protected:
     QSet<PowerNode*> m_requiredNodes;
     QSet<PowerNode*> m_requiredByNodes;
     QHash<QString, VelaPowerModuleActions::Enum> m_moduleActions;

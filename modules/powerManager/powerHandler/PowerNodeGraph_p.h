@@ -31,6 +31,8 @@
  *    node's expansion in set order. A node expanded once has had all of its
  *    list appended already, so expanding it again would append nothing and
  *    is skipped;
+ *  - the wiring checks ask whether one node is in another's closure; they
+ *    search from both ends at once and stop when one side is exhausted;
  *  - a reachability question asks the same dependencies in the same order as
  *    the recursive rule, one (node, state) pair at a time, and keeps every
  *    answer for the rest of the question.
@@ -48,8 +50,19 @@ public:
 
     // Everything reached from `root` along `direction`, not expanding targets.
     static QSet<PowerNode*> closure(const PowerNode* root, Direction direction);
-    // Whether `wanted` is in closure(root, direction); stops when found.
+    // Whether `wanted` is in closure(root, direction), by the two-way search
+    // described in the source; it costs about twice the smaller side.
     static bool closureContains(const PowerNode* root, Direction direction, const PowerNode* wanted);
+
+    // Inserts `node` into `edges`; false when it stood there already.
+    static bool insertEdge(QSet<PowerNode*>& edges, PowerNode* node);
+    // Counts `holder` as one more node holding an edge to the node whose
+    // counter `holders` is. Targets are not counted: the walks never pass
+    // through one. The count stops at tooManyHolders.
+    static void countHolder(const PowerNode* holder, quint16& holders);
+    static constexpr quint16 tooManyHolders = 0xFFFF;
+    // How many nodes, targets left out, hold `node` in their `direction` set.
+    static quint16 holderCount(const PowerNode* node, Direction direction);
     // The same nodes as closure(), in the order of the recursive definition.
     static QList<PowerNode*> orderedClosure(const PowerNode* root, Direction direction);
 
