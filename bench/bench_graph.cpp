@@ -31,6 +31,9 @@
 // few resources and are paired the way the handler pairs them at
 // registration (each new target disables every target before it, and each of
 // those disables it). The counter per_edge is the time per edge operation.
+// After the run the program prints the wiring goals: each shape's largest
+// graph under one second, and a time per edge that grows at most twofold from
+// the smallest graph to the largest.
 
 #include "../tests/graph/literal_reference.h"
 
@@ -38,13 +41,15 @@
 
 #include <QCoreApplication>
 
-#include "benchmain.h"
+#include "recordingreporter.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
@@ -206,6 +211,14 @@ struct Wiring {
         for (int i = 0; i < targetCount; ++i)
             targets.emplace_back(new PowerTarget(static_cast<VelaPowerManagerTargets::Enum>(1000 + i)));
     }
+    // Stores the edge on both sides without the checks: the storage cost
+    // alone, as a reference for the checked operations.
+    void store(int from, int to)
+    {
+        resources[static_cast<std::size_t>(from)]->addRequiredNode(resources[static_cast<std::size_t>(to)].get());
+        resources[static_cast<std::size_t>(to)]->addRequiredByNode(resources[static_cast<std::size_t>(from)].get());
+        ++edges;
+    }
     void requires(int from, int to)
     {
         resources[static_cast<std::size_t>(from)]->requiresResource(resources[static_cast<std::size_t>(to)].get());
@@ -297,6 +310,19 @@ void BM_WireChain(benchmark::State& state, ChainOrder order)
     timeWiring(state, static_cast<int>(state.range(0)), 0, [order](Wiring& w) { wireChain(w, order); });
 }
 
+// The same chain stored without checks: what the edge sets cost by
+// themselves (allocation of each set and its entries).
+void BM_StoreChain(benchmark::State& state, ChainOrder order)
+{
+    timeWiring(state, static_cast<int>(state.range(0)), 0, [order](Wiring& w) {
+        const int n = static_cast<int>(w.resources.size());
+        for (int step = 0; step + 1 < n; ++step) {
+            const int i = order == ChainOrder::File ? step : n - 2 - step;
+            w.store(i, i + 1);
+        }
+    });
+}
+
 void BM_WireRandomDag(benchmark::State& state)
 {
     timeWiring(state, static_cast<int>(state.range(0)), 0, wireRandomDag);
@@ -313,12 +339,59 @@ BENCHMARK_CAPTURE(BM_WireChain, FileOrder, ChainOrder::File)
     ->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_WireChain, ReverseOrder, ChainOrder::Reverse)
     ->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StoreChain, FileOrder, ChainOrder::File)
+    ->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StoreChain, ReverseOrder, ChainOrder::Reverse)
+    ->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WireRandomDag)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WireTargets)->Arg(100)->Arg(300)->Arg(1000)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 } // namespace
 
+// The wiring goals for one shape: the largest graph wired in under a second,
+// and a time per edge that stays nearly flat from the smallest graph to the
+// largest (at most twice).
+void printWiringGoal(const benchsupport::RecordingReporter& reporter, const std::string& name, const char* what,
+                     int smallest, int largest)
+{
+    const std::string small = name + "/" + std::to_string(smallest);
+    const std::string large = name + "/" + std::to_string(largest);
+    const double seconds = reporter.cpuNanoseconds(large) / 1e9;
+    const double smallPerEdge = reporter.counter(small, "per_edge");
+    const double largePerEdge = reporter.counter(large, "per_edge");
+    if (seconds <= 0 || smallPerEdge <= 0 || largePerEdge <= 0)
+        return;
+    const double growth = largePerEdge / smallPerEdge;
+    std::printf("%s: %.3f s CPU (goal under 1 s: %s); per edge %.0f ns at %d, %.0f ns at %d, %.2fx (goal at most 2x: "
+                "%s)\n",
+                what, seconds, seconds < 1.0 ? "met" : "not met", smallPerEdge * 1e9, smallest, largePerEdge * 1e9,
+                largest, growth, growth <= 2.0 ? "met" : "not met");
+}
+
+// The checked chain beside the same chain stored without checks, per edge at
+// 100,000 resources: the difference is what the checks add.
+void printCheckShare(const benchsupport::RecordingReporter& reporter, const std::string& order)
+{
+    const double checked = reporter.counter("BM_WireChain/" + order + "/100000", "per_edge");
+    const double stored = reporter.counter("BM_StoreChain/" + order + "/100000", "per_edge");
+    if (checked > 0 && stored > 0)
+        std::printf("  chain in %s at 100,000: %.0f ns per edge checked, %.0f ns of it storing the edge unchecked\n",
+                    order.c_str(), checked * 1e9, stored * 1e9);
+}
+
 int main(int argc, char** argv)
 {
-    return runBenchmarks(argc, argv, vela::powerManagerLogger().getLogLevel());
+    QCoreApplication app(argc, argv);
+    return benchsupport::runWithReporter(argc, argv, [](const benchsupport::RecordingReporter& reporter) {
+        std::printf("\n");
+        printWiringGoal(reporter, "BM_WireChain/FileOrder", "Wiring a chain of 100,000 resources in file order", 1000,
+                        100000);
+        printWiringGoal(reporter, "BM_WireChain/ReverseOrder", "Wiring a chain of 100,000 resources in reverse order",
+                        1000, 100000);
+        printCheckShare(reporter, "FileOrder");
+        printCheckShare(reporter, "ReverseOrder");
+        printWiringGoal(reporter, "BM_WireRandomDag", "Wiring a random DAG of 100,000 resources", 1000, 100000);
+        printWiringGoal(reporter, "BM_WireTargets", "Wiring and pairing 2,000 targets with 5,000 resources", 100,
+                        2000);
+    });
 }

@@ -34,6 +34,8 @@ public:
             if (!run.run_name.args.empty())
                 name += "/" + run.run_name.args;
             Sample& sample = m_samples[name];
+            for (const auto& counter : run.counters)
+                sample.counters[counter.first] = counter.second.value;
             if (run.run_type == Run::RT_Iteration) {
                 sample.total += nanoseconds;
                 sample.cpuTotal += cpuNanoseconds;
@@ -56,8 +58,20 @@ public:
         return figure(name, &Sample::cpuTotal, &Sample::cpuMedian);
     }
 
+    // The last reported value of the user counter `counter` of `name`, or a
+    // negative value when there is none.
+    double counter(const std::string& name, const std::string& counter) const
+    {
+        const auto found = m_samples.find(name);
+        if (found == m_samples.end())
+            return -1.0;
+        const auto value = found->second.counters.find(counter);
+        return value == found->second.counters.end() ? -1.0 : value->second;
+    }
+
 private:
     struct Sample {
+        std::map<std::string, double> counters;
         double total = 0;
         double cpuTotal = 0;
         int count = 0;
