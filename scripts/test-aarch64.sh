@@ -222,26 +222,9 @@ host_program_path() {
 # The device's init: runs each program with its output in a file, prints the
 # summary lines and the slow tests (all of its output when it fails) between
 # markers the host reads, then powers off.
-# The tools tests that draw with Graphviz or rsvg-convert: those programs
-# belong to the workstation and are not on the device.
-drawing_tests=Dot.ExampleIsAcceptedByGraphviz:Dot.LargeGraphHasItsTargetsInOneRankAndItsChainsInDependencyOrder
-drawing_tests+=:Dot.OneDotNodePerGraphNode:Dot.OneEdgePerEdgeInTheStyleOfItsKind:Dot.PngIsDrawn
-drawing_tests+=:Dot.QuotesAndBackslashesInNamesAreDrawnAsWritten:Dot.SnapshotColoursEnabledNodesAndNamesTheirClaims
-drawing_tests+=:Dot.SnapshotWrittenByRunColoursItsEnabledNodes:Dot.SvgIsValidXmlWithOneNodeGroupPerGraphNode
-drawing_tests+=:Dot.TargetsShareOneRank:RunOutputs.ChartRendersWithRsvgConvert
-
-# The --gtest_filter argument of one program: the given filter, and for the
-# tools tests the drawing tests left out as well.
+# The --gtest_filter argument of one program.
 filter_argument_of() {
-  local filter=$gtest_filter
-  if [ "$(basename "$1")" = test_tools ]; then
-    case $filter in
-      "") filter=-$drawing_tests ;;
-      *-*) filter=$filter:$drawing_tests ;;
-      *) filter=$filter-$drawing_tests ;;
-    esac
-  fi
-  [ -n "$filter" ] && echo " --gtest_filter='$filter'"
+  [ -n "$gtest_filter" ] && echo " --gtest_filter='$gtest_filter'"
   return 0
 }
 
@@ -257,7 +240,9 @@ mount -t devtmpfs devtmpfs /dev
 mount -t tmpfs tmpfs /tmp
 export HOME=/tmp TMPDIR=/tmp QT_QPA_PLATFORM=offscreen LANG=C.UTF-8
 export LD_LIBRARY_PATH=/lib/$triplet:/usr/lib/$triplet
-export VELA_PROPERTY_SEEDS=$device_seeds VELA_GRAPH_COUNT=$device_graphs
+# Graphviz and rsvg-convert are workstation programs: the tests that draw
+# with them skip themselves on the device.
+export VELA_PROPERTY_SEEDS=$device_seeds VELA_GRAPH_COUNT=$device_graphs VELA_NO_DRAWING_PROGRAMS=1
 slow_ms=$slow_ms
 cd /tmp
 echo "@@ device \$(uname -m), \$(nproc) CPUs, kernel \$(uname -r)"
@@ -381,9 +366,6 @@ fetch_device_files() {
 }
 
 [ -n "$gtest_filter" ] && log "gtest filter on the device: $gtest_filter"
-if [[ " ${labels[*]} " =~ \ tools\  ]]; then
-  log "left out of test_tools on the device (they run Graphviz or rsvg-convert): $drawing_tests"
-fi
 timed set-up setup_packages
 timed "kernel and busybox" fetch_device_files
 [ "$build" -eq 1 ] && timed cross-build cross_build

@@ -165,6 +165,7 @@ QByteArray readFile(const QString& fileName)
 
 TEST(Dot, ExampleIsAcceptedByGraphviz)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const QByteArray dot = dotOf({shippedExample()});
     const GraphvizRun svg = graphviz({"-Tsvg"}, dot);
     EXPECT_EQ(svg.exitCode, 0) << svg.err.toStdString();
@@ -174,6 +175,7 @@ TEST(Dot, ExampleIsAcceptedByGraphviz)
 
 TEST(Dot, OneDotNodePerGraphNode)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const GraphFile file = loadGraph(shippedExample());
     const ParsedDot dot = parseDot(dotOf({shippedExample()}));
     EXPECT_EQ(toSet(dot.nodes.keys()), nodeNames(file));
@@ -184,6 +186,7 @@ TEST(Dot, OneDotNodePerGraphNode)
 
 TEST(Dot, OneEdgePerEdgeInTheStyleOfItsKind)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const ParsedDot dot = parseDot(dotOf({shippedExample()}));
     const QStringList expected = expectedEdges(loadGraph(shippedExample()));
     EXPECT_EQ(dot.edges, expected);
@@ -195,6 +198,7 @@ TEST(Dot, OneEdgePerEdgeInTheStyleOfItsKind)
 
 TEST(Dot, TargetsShareOneRank)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const ParsedDot dot = parseDot(dotOf({shippedExample()}));
     ASSERT_EQ(dot.subgraphs.size(), 1);
     const QJsonObject rank = dot.subgraphs.at(0).toObject();
@@ -211,6 +215,7 @@ TEST(Dot, TargetsShareOneRank)
 
 TEST(Dot, SnapshotColoursEnabledNodesAndNamesTheirClaims)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const ParsedDot dot = parseDot(dotOf({"--snapshot", dataFile("dot/handheld_snapshot.json"), shippedExample()}));
     const QSet<QString> enabled{"active", "display", "backlight", "touch", "storage", "audio", "wifi"};
     ASSERT_EQ(dot.nodes.size(), 11);
@@ -238,6 +243,7 @@ TEST(Dot, SnapshotThatIsNoSnapshotIsRefused)
 
 TEST(Dot, SvgIsValidXmlWithOneNodeGroupPerGraphNode)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     QTemporaryDir dir;
     const QString svg = dir.filePath("graph.svg");
     const ToolRun run = runTool({"dot", "-o", svg, shippedExample()});
@@ -250,6 +256,7 @@ TEST(Dot, SvgIsValidXmlWithOneNodeGroupPerGraphNode)
 
 TEST(Dot, PngIsDrawn)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     QTemporaryDir dir;
     const QString png = dir.filePath("graph.png");
     const ToolRun run = runTool({"dot", "--snapshot", dataFile("dot/handheld_snapshot.json"), "-o", png,
@@ -294,6 +301,7 @@ TEST(Dot, MissingGraphvizIsAClearError)
 
 TEST(Dot, QuotesAndBackslashesInNamesAreDrawnAsWritten)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     const QString fileName = dataFile("dot/awkward_names.json");
     const GraphFile file = loadGraph(fileName);
     const QByteArray dot = dotOf({fileName});
@@ -341,6 +349,7 @@ double xOf(const QJsonObject& node)
 
 TEST(Dot, LargeGraphHasItsTargetsInOneRankAndItsChainsInDependencyOrder)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     QTemporaryDir dir;
     const QString fileName = dir.filePath("large.json");
     QFile json(fileName);
@@ -367,6 +376,7 @@ TEST(Dot, LargeGraphHasItsTargetsInOneRankAndItsChainsInDependencyOrder)
 
 TEST(Dot, SnapshotWrittenByRunColoursItsEnabledNodes)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("dot");
     QTemporaryDir dir;
     const QString snapshotFile = dir.filePath("snapshot.json");
     const ToolRun run = runTool({"run", "--snapshot", snapshotFile, shippedExample()});

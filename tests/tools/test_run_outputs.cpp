@@ -244,8 +244,8 @@ TEST(RunOutputs, ChartIsValidSvgWithOneRowPerNode)
 
 TEST(RunOutputs, ChartRendersWithRsvgConvert)
 {
+    VELA_REQUIRE_DRAWING_PROGRAM("rsvg-convert");
     const QString converter = QStandardPaths::findExecutable("rsvg-convert");
-    ASSERT_FALSE(converter.isEmpty()) << "rsvg-convert (librsvg2-bin, scripts/setup-deps.sh) is needed";
     RecordedRun recorded;
     QProcess convert;
     convert.start(converter, {"-o", recorded.path("chart.png"), recorded.path("chart.svg")});

@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QProcess>
+#include <QStandardPaths>
 
 namespace {
 
@@ -45,4 +46,9 @@ QString dataFile(const QString& name)
 QString shippedExample()
 {
     return QStringLiteral(VELA_EXAMPLE_GRAPH);
+}
+
+bool programInstalled(const char* program)
+{
+    return !QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty();
 }
