@@ -204,7 +204,7 @@ make_initramfs() {
   done
   # The tests compare log records with the source lines that wrote them, and
   # the tool tests read graph files: the source folders go along, same path.
-  (cd "$source_dir" && find api modules tests tools examples -type f -print0 |
+  (cd "$source_dir" && find api modules tests tools examples docs -type f -print0 |
     cpio --null -pdm --quiet "$image_root$source_dir")
 
   write_init "$host_program" >"$image_root/init"

@@ -5,7 +5,8 @@ target_link_libraries(test_tools PRIVATE vela_sim)
 target_compile_definitions(test_tools PRIVATE
   VELA_POWER_PROGRAM="$<TARGET_FILE:vela-power>"
   VELA_TOOLS_DATA_DIR="${CMAKE_CURRENT_SOURCE_DIR}/tools/data"
-  VELA_EXAMPLE_GRAPH="${PROJECT_SOURCE_DIR}/examples/graphs/handheld.json")
+  VELA_EXAMPLE_GRAPH="${PROJECT_SOURCE_DIR}/examples/graphs/handheld.json"
+  VELA_MANUAL_PAGE="${PROJECT_SOURCE_DIR}/docs/vela-power.1")
 
 # A write never answered times out after 5 s of simulated time; the run must
 # not wait for them on the wall clock. The bound is this test's time-out.
