@@ -211,7 +211,10 @@ Direction opposite(Direction direction)
  * edges are one-sided by design, but a target is passed through only as the
  * root, whose edges are looked up for each member as it joins.
  *
- * The counts assume that a node's type() is the same for its whole life.
+ * The counts assume that a node's type() is the same for its whole life, and
+ * that edges are made through addRequiredNode() and addRequiredByNode() (which
+ * every wiring operation uses): a subclass that inserts into the protected
+ * edge sets itself goes uncounted.
  */
 class TwoWaySearch
 {
