@@ -178,7 +178,7 @@ make_initramfs() {
   local label program library
   image_root=$device_dir/image
   rm -rf "$image_root"
-  mkdir -p "$image_root"/{bin,proc,sys,dev,tmp}
+  mkdir -p "$image_root"/{bin,proc,sys,dev,tmp,scratch}
   cp "$busybox" "$image_root/bin/busybox"
 
   mapfile -t library_paths < <(find "$build_dir" -path "$device_dir" -prune -o -name 'libvela_*.so*' -printf '%h\n' |
@@ -237,14 +237,16 @@ export PATH=/bin
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
-mount -t tmpfs tmpfs /tmp
-export HOME=/tmp TMPDIR=/tmp QT_QPA_PLATFORM=offscreen LANG=C.UTF-8
+# Scratch space of its own: the programs and the source tree sit in the image
+# under their host paths, which may well be below /tmp.
+mount -t tmpfs tmpfs /scratch
+export HOME=/scratch TMPDIR=/scratch QT_QPA_PLATFORM=offscreen LANG=C.UTF-8
 export LD_LIBRARY_PATH=/lib/$triplet:/usr/lib/$triplet
 # Graphviz and rsvg-convert are workstation programs: the tests that draw
 # with them skip themselves on the device.
 export VELA_PROPERTY_SEEDS=$device_seeds VELA_GRAPH_COUNT=$device_graphs VELA_NO_DRAWING_PROGRAMS=1
 slow_ms=$slow_ms
-cd /tmp
+cd /scratch
 echo "@@ device \$(uname -m), \$(nproc) CPUs, kernel \$(uname -r)"
 # Hundredths of a second since boot (the 1 in front keeps a leading zero from
 # reading as octal).
@@ -263,14 +265,14 @@ EOF
 run() {
   name=\$1; shift
   start=\$(uptime_cs)
-  "\$@" >/tmp/\$name.log 2>&1
+  "\$@" >/scratch/\$name.log 2>&1
   rc=\$?
   end=\$(uptime_cs)
   if [ \$rc -ne 0 ]; then
-    sed "s/^/@@ \$name | /" /tmp/\$name.log
+    sed "s/^/@@ \$name | /" /scratch/\$name.log
   else
-    grep -E '^\[==========\]|^\[  (PASSED|FAILED|SKIPPED) |requests answered' /tmp/\$name.log | sed "s/^/@@ \$name | /"
-    slow_tests /tmp/\$name.log | sed "s/^/@@ \$name | /"
+    grep -E '^\[==========\]|^\[  (PASSED|FAILED|SKIPPED) |requests answered' /scratch/\$name.log | sed "s/^/@@ \$name | /"
+    slow_tests /scratch/\$name.log | sed "s/^/@@ \$name | /"
   fi
   echo "@@ result \$name \$rc \$((end - start))"
 }
