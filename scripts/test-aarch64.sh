@@ -222,8 +222,8 @@ host_program_path() {
 # The device's init: runs each program with its output in a file, prints the
 # summary lines and the slow tests (all of its output when it fails) between
 # markers the host reads, then powers off.
-# The --gtest_filter argument of one program.
-filter_argument_of() {
+# The --gtest_filter argument of every test program.
+filter_argument() {
   [ -n "$gtest_filter" ] && echo " --gtest_filter='$gtest_filter'"
   return 0
 }
@@ -278,7 +278,7 @@ run() {
 }
 EOF
   for program in "${test_programs[@]}"; do
-    echo "run $(basename "$program") $program$(filter_argument_of "$program")"
+    echo "run $(basename "$program") $program$(filter_argument)"
   done
   expected_programs=${#test_programs[@]}
   if [ -n "$host_program" ]; then

@@ -134,28 +134,6 @@ bool isExpandable(const PowerNode* node)
     return node->type() != PowerNodeType::PowerTarget;
 }
 
-// Offers every node reached from `root` to `visit` (once per edge of an
-// expanded node), expanding each non-target node once. Stops, returning
-// false, as soon as `visit` does.
-template <typename Visit>
-bool walk(const PowerNode* root, PowerNodeGraph::Direction direction, Visit visit)
-{
-    AddressSet expanded;
-    expanded.insert(addressOf(root));
-    InlineStack<const PowerNode*, 32> pending;
-    pending.push(root);
-    while (!pending.empty()) {
-        const PowerNode* node = pending.pop();
-        for (PowerNode* next : PowerNodeGraph::edges(node, direction)) {
-            if (!visit(next))
-                return false;
-            if (isExpandable(next) && expanded.insert(addressOf(next)))
-                pending.push(next);
-        }
-    }
-    return true;
-}
-
 } // namespace
 
 const QSet<PowerNode*>& PowerNodeGraph::edges(const PowerNode* node, Direction direction)
@@ -163,13 +141,21 @@ const QSet<PowerNode*>& PowerNodeGraph::edges(const PowerNode* node, Direction d
     return direction == Direction::Required ? node->m_requiredNodes : node->m_requiredByNodes;
 }
 
+// Every node reached from `root`, expanding each non-target node once.
 QSet<PowerNode*> PowerNodeGraph::closure(const PowerNode* root, Direction direction)
 {
     QSet<PowerNode*> result;
-    walk(root, direction, [&result](PowerNode* node) {
-        result.insert(node);
-        return true;
-    });
+    AddressSet expanded;
+    expanded.insert(addressOf(root));
+    InlineStack<const PowerNode*, 32> pending;
+    pending.push(root);
+    while (!pending.empty()) {
+        for (PowerNode* next : edges(pending.pop(), direction)) {
+            result.insert(next);
+            if (isExpandable(next) && expanded.insert(addressOf(next)))
+                pending.push(next);
+        }
+    }
     return result;
 }
 
@@ -209,7 +195,9 @@ Direction opposite(Direction direction)
  * candidates fall short of its count stops the backward side. The forward
  * side then finishes alone, as the one-sided walk would. A target's own
  * edges are one-sided by design, but a target is passed through only as the
- * root, whose edges are looked up for each member as it joins.
+ * root, and the forward side expands the root before anything else: every
+ * node the root holds is then known to the forward side when the backward
+ * side meets it.
  *
  * The counts assume that a node's type() is the same for its whole life, and
  * that edges are made through addRequiredNode() and addRequiredByNode() (which
@@ -220,8 +208,7 @@ class TwoWaySearch
 {
 public:
     TwoWaySearch(const PowerNode* root, Direction direction, const PowerNode* wanted)
-        : m_root(root)
-        , m_direction(direction)
+        : m_direction(direction)
     {
         m_forwardSeen.insert(addressOf(root));
         m_forwardPending.push(root);
@@ -231,6 +218,7 @@ public:
 
     bool found()
     {
+        // Ties go forward, so the root is expanded first.
         while (!m_found) {
             if (!m_backwardUsable || m_forwardWork <= m_backwardWork) {
                 if (m_forwardPending.empty())
@@ -246,11 +234,6 @@ public:
     }
 
 private:
-    bool rootReaches(const PowerNode* node) const
-    {
-        return PowerNodeGraph::edges(m_root, m_direction).contains(const_cast<PowerNode*>(node));
-    }
-
     void expandForward(const PowerNode* node)
     {
         for (PowerNode* next : PowerNodeGraph::edges(node, m_direction)) {
@@ -285,19 +268,13 @@ private:
                 m_found = true;
                 return;
             }
-            if (m_backwardSeen.insert(addressOf(holder))) {
-                if (rootReaches(holder)) {
-                    m_found = true;
-                    return;
-                }
+            if (m_backwardSeen.insert(addressOf(holder)))
                 m_backwardPending.push(holder);
-            }
         }
         if (checked != holders)
             m_backwardUsable = false;
     }
 
-    const PowerNode* const m_root;
     const Direction m_direction;
     AddressSet m_forwardSeen;
     AddressSet m_backwardSeen;
