@@ -153,6 +153,8 @@ CMReplyAbstractData::~CMReplyAbstractData()
 
 bool CMReplyAbstractData::waitForFinished(unsigned long time)
 {
+    if (finishedFlag())
+        return true;
     QMutexLocker locker(&m_mutex);
     if (m_finished)
         return true;
@@ -167,12 +169,13 @@ bool CMReplyAbstractData::waitForFinished(unsigned long time)
 
 bool CMReplyAbstractData::isFinished() const
 {
-    QMutexLocker locker(&m_mutex);
-    return m_finished;
+    return finishedFlag();
 }
 
 CMError CMReplyAbstractData::error() const
 {
+    if (finishedFlag())
+        return m_error;
     QMutexLocker locker(&m_mutex);
     return m_error;
 }
@@ -204,7 +207,7 @@ void CMReplyAbstractData::finishWithoutValue()
 
 void CMReplyAbstractData::addWatcher(CMReplyWatcher* watcher)
 {
-    {
+    if (!finishedFlag()) {
         QMutexLocker locker(&m_mutex);
         if (!m_finished) {
             m_watchers.append(watcher);
@@ -216,7 +219,8 @@ void CMReplyAbstractData::addWatcher(CMReplyWatcher* watcher)
 
 QList<CMReplyWatcher*> CMReplyAbstractData::finishLocked()
 {
-    m_finished = true;
+    // Released after the value and the error: see finishedFlag().
+    __atomic_store_n(&m_finished, true, __ATOMIC_RELEASE);
     if (m_conditionMade)
         m_condition.wakeAll();
     QList<CMReplyWatcher*> watchers;
@@ -411,24 +415,7 @@ void CMReply<void>::onFinished(Function function, Qt::ConnectionType type) const
     onFinished(nullptr, std::move(function), type);
 }
 
-namespace {
-class VoidWatcher : public CMReplyWatcher
-{
-public:
-    VoidWatcher(QObject* context, CMReply<void>::Function function, Qt::ConnectionType type)
-        : CMReplyWatcher(context, type)
-        , m_function(std::move(function))
-    {
-    }
-    void finished(const CMVoidReply& reply) override { m_function(CMReply<void>(reply)); }
-
-private:
-    CMReply<void>::Function m_function;
-};
-} // namespace
-
 void CMReply<void>::onFinished(QObject* context, Function function, Qt::ConnectionType type) const
 {
-    VELA_ASSERT_TEXT(m_d, "m_d");
-    m_d->addWatcher(new VoidWatcher(context, std::move(function), type));
+    attach<VoidCall>(context, std::move(function), type);
 }

@@ -17,6 +17,7 @@
 
 #include <climits>
 #include <functional>
+#include <type_traits>
 #include <utility>
 
 /**
@@ -138,6 +139,15 @@ public:
     /// Takes ownership of the watcher.
     void addWatcher(CMReplyWatcher* watcher);
 
+    /*
+     * Whether the reply has finished, read without the lock. The flag is set
+     * once, under the lock, by a release store after the value and the error
+     * have been stored, and neither changes afterwards: a reader that sees it
+     * set may read them without the lock. Most replies are read after their
+     * finish, and a locked read costs two atomic operations every time.
+     */
+    bool finishedFlag() const { return __atomic_load_n(&m_finished, __ATOMIC_ACQUIRE); }
+
     QAtomicInt m_ref;
     mutable QMutex m_mutex;
     /*
@@ -174,8 +184,9 @@ public:
     /// Blocks without limit until the reply has finished, then copies the value.
     virtual T value()
     {
-        waitForFinished(ULONG_MAX);
-        QMutexLocker locker(&m_mutex);
+        // Once finished, the value is never written again (see finishedFlag()).
+        if (!finishedFlag())
+            waitForFinished(ULONG_MAX);
         return m_value;
     }
 
@@ -238,6 +249,28 @@ private:
     std::function<void(const CMVoidReply&)> m_function;
 };
 
+/*
+ * Runs a callable kept in the watcher itself. A std::function keeps a
+ * capturing lambda of more than two pointers on the heap, so storing the
+ * callable here saves an allocation per continuation; the header templates
+ * below attach lambdas this way. `Call` adapts the untyped handle to the
+ * callable's argument.
+ */
+template <typename Callable, typename Call>
+class CMCallableWatcher final : public CMReplyWatcher
+{
+public:
+    CMCallableWatcher(QObject* context, Callable callable, Qt::ConnectionType type)
+        : CMReplyWatcher(context, type)
+        , m_callable(std::move(callable))
+    {
+    }
+    void finished(const CMVoidReply& reply) override { Call::run(m_callable, reply); }
+
+private:
+    Callable m_callable;
+};
+
 class VELA_API_EXPORT CMVoidReply
 {
 public:
@@ -277,6 +310,15 @@ public:
     /// Attaches a continuation, run once by the delivery rules above.
     void addWatcher(QObject* context, std::function<void(const CMVoidReply&)> function,
                     Qt::ConnectionType type = Qt::AutoConnection) const;
+    /// The same for any other callable, kept in the watcher itself.
+    template <typename Callable,
+              typename = std::enable_if_t<
+                  !std::is_same<std::decay_t<Callable>, std::function<void(const CMVoidReply&)>>::value &&
+                  std::is_invocable<std::decay_t<Callable>&, const CMVoidReply&>::value>>
+    void addWatcher(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        attach<UntypedCall>(context, std::forward<Callable>(callable), type);
+    }
 
     /// The shared data; null for a handle without data.
     CMReplyAbstractData* data() const { return m_d; }
@@ -293,6 +335,45 @@ public:
     static QString ErrorTimeout();
 
 protected:
+    /// Passes the untyped handle on as it is.
+    struct UntypedCall {
+        template <typename Callable>
+        static void run(Callable& callable, const CMVoidReply& reply)
+        {
+            callable(reply);
+        }
+    };
+
+    /*
+     * A typed handle that borrows its reference: it neither adds to the count
+     * nor drops it. Continuations are called with one, on data that the
+     * delivering code keeps alive for the call; a counted handle would cost
+     * two atomic operations per continuation. A continuation that keeps the
+     * handle copies it, and the copy counts as usual.
+     */
+    template <typename Handle>
+    class Borrowed : public Handle
+    {
+    public:
+        explicit Borrowed(CMReplyAbstractData* data)
+            : Handle(CMVoidReply())
+        {
+            this->m_d = data;
+        }
+        ~Borrowed() { this->m_d = nullptr; }
+        Borrowed(const Borrowed&) = delete;
+        Borrowed& operator=(const Borrowed&) = delete;
+    };
+
+    /// Attaches `callable`, run through `Call`, in a watcher of its own type.
+    template <typename Call, typename Callable>
+    void attach(QObject* context, Callable&& callable, Qt::ConnectionType type) const
+    {
+        VELA_ASSERT_TEXT(m_d, "m_d");
+        using Stored = std::decay_t<Callable>;
+        m_d->addWatcher(new CMCallableWatcher<Stored, Call>(context, std::forward<Callable>(callable), type));
+    }
+
     CMReplyAbstractData* m_d;
 };
 
@@ -309,6 +390,15 @@ public:
     /// A continuation of the reply.
     using Function = std::function<void(const CMReply<T>&)>;
 
+private:
+    /// A callable, other than Function itself, that takes the typed handle.
+    template <typename Callable>
+    struct IsContinuation
+        : std::integral_constant<bool, !std::is_same<std::decay_t<Callable>, Function>::value &&
+                                           std::is_invocable<std::decay_t<Callable>&, const CMReply<T>&>::value> {
+    };
+
+public:
     /// A new handle on fresh, unfinished data.
     CMReply() : CMVoidReply(new CMReplyData<T>()) {}
     /// A handle on existing typed data.
@@ -325,36 +415,39 @@ public:
     /// above, on `context`'s thread; dropped if `context` is destroyed first.
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
-        VELA_ASSERT_TEXT(m_d, "m_d");
-        m_d->addWatcher(new TypedWatcher(context, std::move(function), type));
+        attach<TypedCall>(context, std::move(function), type);
     }
     /// Attaches `function` for the calling thread.
     void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         onFinished(nullptr, std::move(function), type);
     }
+    /// The same for any other callable (a lambda), kept in the watcher itself.
+    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    void onFinished(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        attach<TypedCall>(context, std::forward<Callable>(callable), type);
+    }
+    /// The same for the calling thread.
+    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    void onFinished(Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        attach<TypedCall>(nullptr, std::forward<Callable>(callable), type);
+    }
 
 private:
-    /// Holds the typed continuation itself (one object per continuation) and
-    /// checks, when the reply finishes, that its data really is of type T.
-    class TypedWatcher : public CMReplyWatcher
-    {
-    public:
-        TypedWatcher(QObject* context, Function function, Qt::ConnectionType type)
-            : CMReplyWatcher(context, type)
-            , m_function(std::move(function))
-        {
-        }
-        void finished(const CMVoidReply& reply) override
+    /// Checks, when the reply finishes, that its data really is of type T,
+    /// and calls the continuation with the typed handle.
+    struct TypedCall {
+        template <typename Callable>
+        static void run(Callable& callable, const CMVoidReply& reply)
         {
             using Assertion = vela::CMReplyWrongTypeAssertion;
             auto* typed = dynamic_cast<CMReplyData<T>*>(reply.data());
             VELA_ASSERT_X_AT(typed, Assertion::where, Assertion::text, Assertion::file, Assertion::line);
-            m_function(CMReply<T>(typed));
+            const Borrowed<CMReply<T>> handle(typed);
+            callable(handle);
         }
-
-    private:
-        Function m_function;
     };
 
     CMReplyData<T>* typedData() const
@@ -374,6 +467,15 @@ public:
     /// A continuation of the reply.
     using Function = std::function<void(const CMReply<void>&)>;
 
+private:
+    /// A callable, other than Function itself, that takes the void handle.
+    template <typename Callable>
+    struct IsContinuation
+        : std::integral_constant<bool, !std::is_same<std::decay_t<Callable>, Function>::value &&
+                                           std::is_invocable<std::decay_t<Callable>&, const CMReply<void>&>::value> {
+    };
+
+public:
     /// A handle on fresh, unfinished data.
     CMReply();
     /// Another handle on untyped data.
@@ -385,6 +487,29 @@ public:
     void onFinished(Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
     /// Attaches `function` for `context`'s thread; dropped with `context`.
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
+    /// The same for any other callable (a lambda), kept in the watcher itself.
+    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    void onFinished(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        attach<VoidCall>(context, std::forward<Callable>(callable), type);
+    }
+    /// The same for the calling thread.
+    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    void onFinished(Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
+    {
+        attach<VoidCall>(nullptr, std::forward<Callable>(callable), type);
+    }
+
+private:
+    /// Calls the continuation with the void handle.
+    struct VoidCall {
+        template <typename Callable>
+        static void run(Callable& callable, const CMVoidReply& reply)
+        {
+            const Borrowed<CMReply<void>> handle(reply.data());
+            callable(handle);
+        }
+    };
 };
 
 using CMVoidReplyList = QList<CMVoidReply>;
