@@ -312,68 +312,77 @@ QString CMVoidReply::ErrorTimeout()
 
 namespace {
 
-// Counts the joined replies down; the last one to finish completes the join.
-// A joined reply is recorded only once it has finished, so that a join never
-// keeps an unfinished reply (and the watcher that points back here) alive.
-class JoinState
+/*
+ * The join's own reply data. It counts the joined replies down, and the last
+ * one to finish completes the join. Each joined reply is written into its
+ * slot of the value only once it has finished (possibly on different
+ * threads, each writing its own slot), so that a join never keeps an
+ * unfinished reply, and the watcher that points back here, alive. Being the
+ * reply data itself, the count costs no allocation of its own.
+ */
+class JoinData : public CMReplyData<QList<CMVoidReply>>
 {
 public:
-    JoinState(int count, const CMReply<QList<CMVoidReply>>& result)
+    explicit JoinData(int count)
         : m_remaining(count)
-        , m_result(result)
     {
-        // One slot per joined reply, filled as each finishes (possibly on
-        // different threads, each writing its own slot); the filled list is
-        // then the join's value as it is, without a copy.
-        m_finished.reserve(count);
+        m_value.reserve(count);
         for (int slot = 0; slot < count; ++slot)
-            m_finished.append(CMVoidReply());
+            m_value.append(CMVoidReply());
     }
 
     void replyFinished(int index, const CMVoidReply& reply)
     {
-        m_finished[index] = reply;
+        m_value[index] = reply;
         if (!m_remaining.deref())
             complete();
     }
 
 private:
+    // The value is in place already: only the error is formed, from the
+    // first failed reply in list order.
     void complete()
     {
         CMError firstError;
-        for (const CMVoidReply& reply : qAsConst(m_finished)) {
+        for (const CMVoidReply& reply : qAsConst(m_value)) {
             if (!!reply) {
                 firstError = reply.error();
                 if (firstError.isError())
                     break;
             }
         }
-        if (firstError.isError())
-            static_cast<CMReplyData<QList<CMVoidReply>>*>(m_result.data())
-                ->finishWithValueAndError(m_finished, firstError);
-        else
-            m_result.setValue(m_finished);
+        QList<CMReplyWatcher*> watchers;
+        {
+            QMutexLocker locker(&m_mutex);
+            if (m_finished)
+                return;
+            if (firstError.isError())
+                m_error = firstError;
+            watchers = finishLocked();
+        }
+        deliver(watchers);
     }
 
     QAtomicInt m_remaining;
-    QList<CMVoidReply> m_finished;
-    const CMReply<QList<CMVoidReply>> m_result;
 };
 
 // Reports one joined reply to the join, on whatever thread finishes it.
 class JoinWatcher : public CMReplyWatcher
 {
 public:
-    JoinWatcher(std::shared_ptr<JoinState> join, int index)
+    JoinWatcher(const CMVoidReply& join, int index)
         : CMReplyWatcher(nullptr, Qt::DirectConnection)
-        , m_join(std::move(join))
+        , m_join(join)
         , m_index(index)
     {
     }
-    void finished(const CMVoidReply& reply) override { m_join->replyFinished(m_index, reply); }
+    void finished(const CMVoidReply& reply) override
+    {
+        static_cast<JoinData*>(m_join.data())->replyFinished(m_index, reply);
+    }
 
 private:
-    const std::shared_ptr<JoinState> m_join;
+    const CMVoidReply m_join;
     const int m_index;
 };
 
@@ -381,18 +390,19 @@ private:
 
 CMReply<QList<CMVoidReply>> CMVoidReply::whenAllFinished(const QList<CMVoidReply>& replies)
 {
-    CMReply<QList<CMVoidReply>> result;
     if (replies.isEmpty()) {
+        CMReply<QList<CMVoidReply>> result;
         result.setValue(replies);
         return result;
     }
-    auto join = std::make_shared<JoinState>(replies.size(), result);
+    auto* join = new JoinData(replies.size());
+    const CMReply<QList<CMVoidReply>> result(join);
     for (int index = 0; index < replies.size(); ++index) {
         const CMVoidReply& reply = replies.at(index);
         if (!reply)
             join->replyFinished(index, reply);
         else
-            reply.data()->addWatcher(new JoinWatcher(join, index));
+            reply.data()->addWatcher(new JoinWatcher(result, index));
     }
     return result;
 }

@@ -166,11 +166,15 @@ void PowerNode::removeAction(QList<VelaPowerModuleActions::Enum>& actions, const
     actions.erase(kept, actions.end());
 }
 
+// Whether any module's action is other than a release: what is left of the
+// actions once the releases are removed, found without copying them.
 bool PowerNode::hasClaim() const
 {
-    QList<VelaPowerModuleActions::Enum> actions = m_moduleActions.values();
-    removeAction(actions, VelaPowerModuleActions::release);
-    return !actions.isEmpty();
+    for (auto it = m_moduleActions.cbegin(); it != m_moduleActions.cend(); ++it) {
+        if (it.value() != VelaPowerModuleActions::release)
+            return true;
+    }
+    return false;
 }
 
 // --- PowerNode: edges ------------------------------------------------------
