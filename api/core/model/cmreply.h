@@ -60,7 +60,9 @@
  *
  * A reply may be finished from any thread; the mutex guards the finished
  * flag, the value, the error and the watcher list, and waitForFinished()
- * blocks on the wait condition.
+ * blocks on the wait condition. Once the flag is set, the value and the
+ * error never change again, and readers that see it set read them without
+ * the lock.
  */
 
 class CMVoidReply;
