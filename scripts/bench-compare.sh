@@ -51,19 +51,19 @@ for round in $(seq "$rounds"); do
     build=$build_dir
     [ "$side" = reference ] && build=build-bench-reference/build
     for bench in $benches; do
-      "$build/bench/$bench" --benchmark_filter="$filter" \
-        --benchmark_out="$results/$side.$bench.$round.csv" --benchmark_out_format=csv >/dev/null 2>&1
+      "$build/bench/$bench" --benchmark_filter="$filter" --benchmark_color=false \
+        >"$results/$side.$bench.$round.txt" 2>/dev/null
     done
   done
 done
 
-# One line per benchmark and side: name, CPU time in ns.
+# One line per benchmark and side: name, CPU time in ns, from the console
+# table (name, time, unit, CPU time, unit, iterations, counters).
 collect() {
-  cat "$results"/"$1".*.csv | awk -F, '
-    /^"BM_/ && $2 ~ /^[0-9]+$/ && $0 !~ /_BigO|_RMS/ {
-      name = $1; gsub(/"/, "", name)
+  cat "$results"/"$1".*.txt | awk '
+    NF >= 6 && $3 ~ /^(ns|us|ms|s)$/ && $5 ~ /^(ns|us|ms|s)$/ && $6 ~ /^[0-9]+$/ {
       scale = ($5 == "ms") ? 1e6 : ($5 == "us") ? 1e3 : ($5 == "s") ? 1e9 : 1
-      print name, $4 * scale
+      print $1, $4 * scale
     }'
 }
 
