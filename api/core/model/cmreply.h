@@ -141,7 +141,7 @@ public:
     /// Takes ownership of the watcher.
     void addWatcher(CMReplyWatcher* watcher);
 
-    /*
+    /**
      * Whether the reply has finished, read without the lock. The flag is set
      * once, under the lock, by a release store after the value and the error
      * have been stored, and neither changes afterwards: a reader that sees it
@@ -251,7 +251,7 @@ private:
     std::function<void(const CMVoidReply&)> m_function;
 };
 
-/*
+/**
  * Runs a callable kept in the watcher itself. A std::function keeps a
  * capturing lambda of more than two pointers on the heap, so storing the
  * callable here saves an allocation per continuation; the header templates
@@ -262,6 +262,7 @@ template <typename Callable, typename Call>
 class CMCallableWatcher final : public CMReplyWatcher
 {
 public:
+    /// A continuation that runs `callable`; see CMReplyWatcher for the rest.
     CMCallableWatcher(QObject* context, Callable callable, Qt::ConnectionType type)
         : CMReplyWatcher(context, type)
         , m_callable(std::move(callable))
@@ -339,6 +340,7 @@ public:
 protected:
     /// Passes the untyped handle on as it is.
     struct UntypedCall {
+        /// Calls `callable` with `reply`.
         template <typename Callable>
         static void run(Callable& callable, const CMVoidReply& reply)
         {
@@ -346,7 +348,7 @@ protected:
         }
     };
 
-    /*
+    /**
      * A typed handle that borrows its reference: it neither adds to the count
      * nor drops it. Continuations are called with one, on data that the
      * delivering code keeps alive for the call; a counted handle would cost
@@ -357,6 +359,7 @@ protected:
     class Borrowed : public Handle
     {
     public:
+        /// A handle on `data`, which the caller keeps alive meanwhile.
         explicit Borrowed(CMReplyAbstractData* data)
             : Handle(CMVoidReply())
         {
