@@ -276,6 +276,14 @@ private:
 
 class VELA_API_EXPORT CMVoidReply
 {
+protected:
+    /// Enables the callable overloads for a callable, other than `Function`
+    /// itself, that takes a `Handle`: a std::function goes to the exported
+    /// overloads as it is.
+    template <typename Handle, typename Function, typename Callable>
+    using IfContinuation = std::enable_if_t<!std::is_same<std::decay_t<Callable>, Function>::value &&
+                                            std::is_invocable<std::decay_t<Callable>&, const Handle&>::value>;
+
 public:
     /// A handle without data.
     CMVoidReply() : m_d(nullptr) {}
@@ -315,9 +323,7 @@ public:
                     Qt::ConnectionType type = Qt::AutoConnection) const;
     /// The same for any other callable, kept in the watcher itself.
     template <typename Callable,
-              typename = std::enable_if_t<
-                  !std::is_same<std::decay_t<Callable>, std::function<void(const CMVoidReply&)>>::value &&
-                  std::is_invocable<std::decay_t<Callable>&, const CMVoidReply&>::value>>
+              typename = IfContinuation<CMVoidReply, std::function<void(const CMVoidReply&)>, Callable>>
     void addWatcher(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         attach<UntypedCall>(context, std::forward<Callable>(callable), type);
@@ -395,15 +401,6 @@ public:
     /// A continuation of the reply.
     using Function = std::function<void(const CMReply<T>&)>;
 
-private:
-    /// A callable, other than Function itself, that takes the typed handle.
-    template <typename Callable>
-    struct IsContinuation
-        : std::integral_constant<bool, !std::is_same<std::decay_t<Callable>, Function>::value &&
-                                           std::is_invocable<std::decay_t<Callable>&, const CMReply<T>&>::value> {
-    };
-
-public:
     /// A new handle on fresh, unfinished data.
     CMReply() : CMVoidReply(new CMReplyData<T>()) {}
     /// A handle on existing typed data.
@@ -428,13 +425,13 @@ public:
         onFinished(nullptr, std::move(function), type);
     }
     /// The same for any other callable (a lambda), kept in the watcher itself.
-    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    template <typename Callable, typename = IfContinuation<CMReply<T>, Function, Callable>>
     void onFinished(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         attach<TypedCall>(context, std::forward<Callable>(callable), type);
     }
     /// The same for the calling thread.
-    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    template <typename Callable, typename = IfContinuation<CMReply<T>, Function, Callable>>
     void onFinished(Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         attach<TypedCall>(nullptr, std::forward<Callable>(callable), type);
@@ -472,15 +469,6 @@ public:
     /// A continuation of the reply.
     using Function = std::function<void(const CMReply<void>&)>;
 
-private:
-    /// A callable, other than Function itself, that takes the void handle.
-    template <typename Callable>
-    struct IsContinuation
-        : std::integral_constant<bool, !std::is_same<std::decay_t<Callable>, Function>::value &&
-                                           std::is_invocable<std::decay_t<Callable>&, const CMReply<void>&>::value> {
-    };
-
-public:
     /// A handle on fresh, unfinished data.
     CMReply();
     /// Another handle on untyped data.
@@ -493,13 +481,13 @@ public:
     /// Attaches `function` for `context`'s thread; dropped with `context`.
     void onFinished(QObject* context, Function function, Qt::ConnectionType type = Qt::AutoConnection) const;
     /// The same for any other callable (a lambda), kept in the watcher itself.
-    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    template <typename Callable, typename = IfContinuation<CMReply<void>, Function, Callable>>
     void onFinished(QObject* context, Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         attach<VoidCall>(context, std::forward<Callable>(callable), type);
     }
     /// The same for the calling thread.
-    template <typename Callable, typename = std::enable_if_t<IsContinuation<Callable>::value>>
+    template <typename Callable, typename = IfContinuation<CMReply<void>, Function, Callable>>
     void onFinished(Callable&& callable, Qt::ConnectionType type = Qt::AutoConnection) const
     {
         attach<VoidCall>(nullptr, std::forward<Callable>(callable), type);
