@@ -165,9 +165,11 @@ bool PowerNodeRequest::isProcessing() const
     return m_processing;
 }
 
+// A reply's error is stored only as it finishes: an unfinished reply has
+// none, and is told so without reading the error under the reply's lock.
 bool PowerNodeRequest::isValid() const
 {
-    return !m_reply.error().isError();
+    return !m_reply.isFinished() || !m_reply.error().isError();
 }
 
 CMReply<void> PowerNodeRequest::reply() const
