@@ -69,10 +69,12 @@ collect() {
 
 median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
+reference_times=$(collect reference)
+current_times=$(collect current)
 printf '%-52s %14s %14s %8s\n' benchmark "reference ns" "current ns" ratio
-collect reference | awk '{ print $1 }' | sort -u | while read -r name; do
-  ref=$(collect reference | awk -v n="$name" '$1 == n { print $2 }' | median)
-  cur=$(collect current | awk -v n="$name" '$1 == n { print $2 }' | median)
+echo "$reference_times" | awk '{ print $1 }' | sort -u | while read -r name; do
+  ref=$(echo "$reference_times" | awk -v n="$name" '$1 == n { print $2 }' | median)
+  cur=$(echo "$current_times" | awk -v n="$name" '$1 == n { print $2 }' | median)
   [ -n "$cur" ] || continue
   awk -v n="$name" -v r="$ref" -v c="$cur" 'BEGIN { printf "%-52s %14.0f %14.0f %8.3f\n", n, r, c, c / r }'
 done

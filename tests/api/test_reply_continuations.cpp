@@ -223,18 +223,28 @@ TEST(ReplyContinuations, JoinOfRepliesFinishedLaterCarriesTheListAndTheFirstErro
     EXPECT_EQ(error, QStringLiteral("Second"));
 }
 
-TEST(ReplyContinuations, UnfinishedJoinIsReleasedWithItsReplies)
+TEST(ReplyContinuations, UnfinishedJoinIsReleasedWithItsLastHandle)
 {
-    // The join's data is held by the watchers it leaves on its replies: when
-    // those replies go unfinished, the join goes with them.
-    CMVoidReply join;
-    {
-        CMReply<void> pending;
-        join = CMVoidReply::whenAllFinished({pending});
-    }
-    // Only this handle is left: the join is released with it (ASan would
-    // report a leak or a double release otherwise) and never finished.
-    EXPECT_FALSE(join.isFinished());
+    // A finished member sits in the join's value; the unfinished one holds
+    // the join through the watcher it carries. Once that member is gone, the
+    // join's own handle is all that keeps the join, and with it the finished
+    // member, alive.
+    bool finishedDestroyed = false;
+    bool pendingDestroyed = false;
+    auto finished = std::make_unique<CMReply<QVariant>>(new TrackedData(&finishedDestroyed));
+    finished->setValue(1);
+    auto pending = std::make_unique<CMReply<QVariant>>(new TrackedData(&pendingDestroyed));
+    auto join = std::make_unique<CMVoidReply>(CMVoidReply::whenAllFinished({*finished, *pending}));
+
+    finished.reset();
+    EXPECT_FALSE(finishedDestroyed);
+    pending.reset();
+    EXPECT_TRUE(pendingDestroyed);
+    EXPECT_FALSE(finishedDestroyed);
+    EXPECT_FALSE(join->isFinished());
+
+    join.reset();
+    EXPECT_TRUE(finishedDestroyed);
 }
 
 TEST(ReplyContinuationsDeathTest, StdFunctionContinuationOnReplyOfAnotherTypeStops)
