@@ -22,7 +22,7 @@ filter=${2:-.}
 benches=${BENCHES:-bench_reply bench_handler bench_switching}
 rounds=${ROUNDS:-3}
 build_dir=${BUILD_DIR:-build}
-reference_tree=build-bench-reference/tree
+reference_tree="build-bench-reference/tree"
 
 if ! commit=$(git rev-parse --verify --quiet "$reference^{commit}"); then
   echo "bench-compare: no such revision: $reference" >&2
@@ -49,7 +49,7 @@ results=$(mktemp -d)
 for round in $(seq "$rounds"); do
   for side in reference current; do
     build=$build_dir
-    [ "$side" = reference ] && build=build-bench-reference/build
+    [ "$side" = reference ] && build="build-bench-reference/build"
     for bench in $benches; do
       "$build/bench/$bench" --benchmark_filter="$filter" --benchmark_color=false \
         >"$results/$side.$bench.$round.txt" 2>/dev/null
