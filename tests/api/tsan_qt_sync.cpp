@@ -74,12 +74,16 @@ private:
         auto* self = static_cast<SynchronisedSlot*>(base);
         switch (which) {
         case Destroy:
+            // The last reference may be dropped on the posting thread after
+            // the call ran on the receiver's: the call happens before this.
+            __tsan_acquire(self);
             self->m_inner->destroyIfLastRef();
             delete self;
             break;
         case Call:
             __tsan_acquire(self);
             self->m_inner->call(receiver, args);
+            __tsan_release(self);
             break;
         case Compare:
             *result = self->m_inner->compare(args);
