@@ -428,5 +428,56 @@ TEST_F(RequestNotification, NotifyWaitsForEveryModuleAndIgnoresTheirOutcome)
     EXPECT_EQ(graph.resources[0]->moduleAction(A), VelaPowerModuleActions::use);
 }
 
+/*
+ * Many modules losing several resources each: the messages go out module by
+ * module, and list the resources, in the order of a table of tables filled
+ * change by change from the resolved nodes (the order the request has always
+ * used). The expected order is computed here that literal way, from a twin
+ * request resolved on the same graph.
+ */
+TEST_F(RequestNotification, ManyModulesAreToldInTheOrderOfTheChangeTable)
+{
+    const QString modules[] = {A, B, C, D, QStringLiteral("E")};
+    PowerTarget* target = makeTarget();
+    for (int i = 0; i < 15; ++i) {
+        PowerResource* resource = makeClaimedResource(
+            {{modules[i % 5], VelaPowerModuleActions::use}, {modules[(i * 2 + 1) % 5], VelaPowerModuleActions::use}});
+        target->disables(resource);
+    }
+    for (const QString& module : modules)
+        registerModule(module);
+
+    QHash<QString, QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>> table;
+    const PowerNodeRequestPtr twin = targetRequest(target);
+    ASSERT_TRUE(twin->resolve());
+    for (const PowerNodeRequest::NodeInfo& info : twin->nodes()) {
+        auto* resource = dynamic_cast<PowerResource*>(info.node);
+        for (auto it = info.moduleActions.cbegin(); it != info.moduleActions.cend(); ++it) {
+            if (resource && it.value() != info.node->moduleAction(it.key()))
+                table[it.key()][resource->resource()] = it.value();
+        }
+    }
+    ASSERT_EQ(table.size(), 5);
+
+    const CMReply<void> reply = runToEnd(targetRequest(target));
+    EXPECT_FALSE(reply.error().isError());
+
+    std::vector<std::string> expectedOrder;
+    std::vector<std::string> toldOrder;
+    for (auto it = table.cbegin(); it != table.cend(); ++it) {
+        expectedOrder.push_back("pre " + str(it.key()));
+        const std::vector<Invocation> told = invocationsAt(revokePath(it.key()));
+        ASSERT_EQ(told.size(), 1u) << str(it.key()) << "\n" << eventDump();
+        const VelaList<VelaPowerManagerResources::Enum> listed =
+            VelaPowerManagerRevokeMessage(told[0].arguments).revokeResources();
+        EXPECT_EQ(listed, VelaList<VelaPowerManagerResources::Enum>(it.value().keys())) << str(it.key());
+    }
+    for (const Invocation& invocation : m_invocations) {
+        if (invocation.label.compare(0, 4, "pre ") == 0)
+            toldOrder.push_back(invocation.label);
+    }
+    EXPECT_EQ(toldOrder, expectedOrder) << eventDump();
+}
+
 } // namespace
 } // namespace requests

@@ -19,13 +19,70 @@ constexpr int kConstructorEntryLine = 34;
 constexpr int kNullNodeLine = 36;
 
 using ResourceActions = QHash<VelaPowerManagerResources::Enum, VelaPowerModuleActions::Enum>;
-using ChangedResources = QHash<QString, ResourceActions>;
+
+/*
+ * The resources whose module action a request changes, by module: which
+ * modules are told, and what each of them loses. Nearly every request
+ * changes one resource for one module. That change is kept in place, and the
+ * table of tables (five allocations, built twice per request) is made only
+ * from a second change on, by the same insertions in the same order as if it
+ * had been made from the first: it is then iterated in the same order, and so
+ * are the messages and the resources in them.
+ */
+class ChangedResources
+{
+public:
+    void record(const QString& module, VelaPowerManagerResources::Enum resource, VelaPowerModuleActions::Enum action)
+    {
+        if (m_changes == 0) {
+            m_module = module;
+            m_resource = resource;
+            m_action = action;
+            m_changes = 1;
+            return;
+        }
+        if (m_changes == 1) {
+            if (resource == m_resource && module == m_module) {
+                m_action = action;
+                return;
+            }
+            m_table[m_module][m_resource] = m_action;
+            m_changes = 2;
+        }
+        m_table[module][resource] = action;
+    }
+
+    // Calls visit(module, forEachResource) for each changed module, where
+    // forEachResource(f) calls f(resource, action) for each of its resources.
+    template <typename Visit>
+    void forEachModule(Visit visit) const
+    {
+        if (m_changes == 1) {
+            visit(m_module, [this](auto f) { f(m_resource, m_action); });
+            return;
+        }
+        for (auto it = m_table.cbegin(); it != m_table.cend(); ++it) {
+            const ResourceActions& resources = it.value();
+            visit(it.key(), [&resources](auto f) {
+                for (auto resource = resources.cbegin(); resource != resources.cend(); ++resource)
+                    f(resource.key(), resource.value());
+            });
+        }
+    }
+
+private:
+    int m_changes = 0;
+    QString m_module;
+    VelaPowerManagerResources::Enum m_resource = VelaPowerManagerResources::Enum();
+    VelaPowerModuleActions::Enum m_action = VelaPowerModuleActions::Enum();
+    QHash<QString, ResourceActions> m_table;
+};
 
 void recordChange(ChangedResources& table, PowerNode* node, const QString& module,
                   VelaPowerModuleActions::Enum action)
 {
     if (auto* resource = dynamic_cast<PowerResource*>(node))
-        table[module][resource->resource()] = action;
+        table.record(module, resource->resource(), action);
 }
 
 /*
@@ -47,8 +104,9 @@ void forEachChange(const QList<PowerNodeRequest::NodeInfo>& nodes, Change change
 
 // Only released resources are revoked; the list holds the resources'
 // integer values.
+template <typename ForEachResource>
 VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerManagerMessageTypes::Enum type,
-                                            const ResourceActions& resources)
+                                            ForEachResource forEachResource)
 {
     VelaPowerManagerRevokeMessage message{QHash<QString, QVariant>()};
     message.setModuleName(module).setMessageType(type);
@@ -56,10 +114,10 @@ VelaPowerManagerRevokeMessage revokeMessage(const QString& module, VelaPowerMana
     // when each resource is appended to it in turn, and a message that
     // revokes nothing has no list at all.
     VelaList<VelaPowerManagerResources::Enum> revoked;
-    for (auto it = resources.cbegin(); it != resources.cend(); ++it) {
-        if (it.value() == VelaPowerModuleActions::release)
-            revoked.append(it.key());
-    }
+    forEachResource([&revoked](VelaPowerManagerResources::Enum resource, VelaPowerModuleActions::Enum action) {
+        if (action == VelaPowerModuleActions::release)
+            revoked.append(resource);
+    });
     if (!revoked.isEmpty())
         message.setRevokeResources(revoked);
     return message;
@@ -77,17 +135,17 @@ void forEachRegisteredModule(const ChangedResources& changed,
                              const QHash<QString, VelaPowerManagerModuleRegister>& modules,
                              VelaPowerManagerMessageTypes::Enum type, Send send)
 {
-    for (auto it = changed.cbegin(); it != changed.cend(); ++it) {
-        const auto registration = modules.constFind(it.key());
+    changed.forEachModule([&](const QString& module, auto forEachResource) {
+        const auto registration = modules.constFind(module);
         if (registration == modules.cend())
-            continue;
+            return;
         const CMPath path = type == VelaPowerManagerMessageTypes::revoke ? registration->revokeResourcesPath()
                                                                          : registration->postRevokeResourcesPath();
         if (path.isEmpty() && !vela::powerManagerLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
             send(path, VelaPowerManagerRevokeMessage{QHash<QString, QVariant>()});
         else
-            send(path, revokeMessage(it.key(), type, it.value()));
-    }
+            send(path, revokeMessage(module, type, forEachResource));
+    });
 }
 
 } // namespace
