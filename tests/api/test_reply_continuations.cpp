@@ -223,6 +223,45 @@ TEST(ReplyContinuations, JoinOfRepliesFinishedLaterCarriesTheListAndTheFirstErro
     EXPECT_EQ(error, QStringLiteral("Second"));
 }
 
+TEST(ReplyContinuations, JoinOfFinishedRepliesOutsideAnyContinuationIsFinishedAtOnce)
+{
+    CMReply<QVariant> first;
+    CMReply<void> second;
+    first.setValue(1);
+    second.setError(CMError(QStringLiteral("Second"), TrString(QStringLiteral("done"))));
+
+    const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished({first, CMVoidReply(), second});
+
+    ASSERT_TRUE(all.isFinished());
+    EXPECT_EQ(all.value(), (QList<CMVoidReply>{first, CMVoidReply(), second}));
+    EXPECT_EQ(all.error().name(), QStringLiteral("Second"));
+}
+
+TEST(ReplyContinuations, JoinMadeInsideAContinuationCountsAFinishedReplyInTurn)
+{
+    // Inside a continuation, a finished member is counted when its turn in
+    // the drain loop comes: after what was due before it, so the join's own
+    // continuation runs after one queued by the same continuation later on.
+    CMReply<void> trigger;
+    CMReply<void> finished;
+    finished.setValue();
+    CMReply<void> later;
+    QList<QString> runs;
+    bool joinFinishedAtOnce = true;
+    later.onFinished([&runs](const CMReply<void>&) { runs.append(QStringLiteral("later")); });
+    trigger.onFinished([&](const CMReply<void>&) {
+        const CMReply<QList<CMVoidReply>> all = CMVoidReply::whenAllFinished({finished});
+        joinFinishedAtOnce = all.isFinished();
+        all.onFinished([&runs](const CMReply<QList<CMVoidReply>>&) { runs.append(QStringLiteral("join")); });
+        later.setValue();
+    });
+
+    trigger.setValue();
+
+    EXPECT_FALSE(joinFinishedAtOnce);
+    EXPECT_EQ(runs, (QList<QString>{QStringLiteral("later"), QStringLiteral("join")}));
+}
+
 TEST(ReplyContinuations, UnfinishedJoinIsReleasedWithItsLastHandle)
 {
     // A finished member sits in the join's value; the unfinished one holds

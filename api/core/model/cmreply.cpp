@@ -397,9 +397,14 @@ CMReply<QList<CMVoidReply>> CMVoidReply::whenAllFinished(const QList<CMVoidReply
     }
     auto* join = new JoinData(replies.size());
     const CMReply<QList<CMVoidReply>> result(join);
+    // A watcher added to a finished reply outside the drain loop runs before
+    // addWatcher() returns, and nothing else runs with it: a finished reply is
+    // then counted in at once, without making that watcher. Inside the loop
+    // it would wait its turn, so the watcher is made as for a running reply.
+    const bool deliveredAtOnce = !drainLoop().running;
     for (int index = 0; index < replies.size(); ++index) {
         const CMVoidReply& reply = replies.at(index);
-        if (!reply)
+        if (!reply || (deliveredAtOnce && reply.data()->finishedFlag()))
             join->replyFinished(index, reply);
         else
             reply.data()->addWatcher(new JoinWatcher(result, index));
