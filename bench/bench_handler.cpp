@@ -142,6 +142,79 @@ void BM_ResourceRequestOneAtATimeUnchanged(benchmark::State& state)
 }
 BENCHMARK(BM_ResourceRequestOneAtATimeUnchanged);
 
+/*
+ * The reply operations of one switching resource request, and nothing else:
+ * the replies, joins and continuations that the request's path makes, in the
+ * same nesting, with captures of the same kinds (handles, and a shared
+ * pointer where the request keeps itself alive), every write answered at
+ * once. No request, node, record, hash or log check is made. Beside
+ * BM_ResourceRequestOneAtATimeSwitching in the same run it tells how much of
+ * a request the reply model's own work is: the floor that a request keeping
+ * this sequence of replies cannot go below.
+ */
+void BM_ReplyOperationsOfOneRequest(benchmark::State& state)
+{
+    const auto request = QSharedPointer<int>::create(0);
+    for (auto _ : state) {
+        CMReply<QVariant> caller;
+        CMReply<void> answer; // the request's own reply
+        // process(): the revoke notifications (none sent) are joined.
+        CMReply<QVariant> nothingSent;
+        nothingSent.setValue(QVariant());
+        CMReply<void> notified;
+        CMVoidReply::whenAllFinished({nothingSent})
+            .onFinished([keepAlive = request, notified](const CMReply<QList<CMVoidReply>>&) { notified.setValue(); },
+                        Qt::AutoConnection);
+        // The handler waits for the request, then for the clean-ups (none).
+        answer.onFinished(
+            [keepAlive = request, caller](const CMReply<void>& processed) {
+                CMVoidReply::whenAllFinished(QList<CMVoidReply>())
+                    .addWatcher(
+                        nullptr,
+                        [keepAlive, caller, processed](const CMVoidReply&) {
+                            if (!processed.error().isError())
+                                caller.setValue(QVariant());
+                        },
+                        Qt::AutoConnection);
+            },
+            Qt::AutoConnection);
+        // execute(): the node's transition locks nothing, writes, finishes.
+        notified.onFinished(
+            [keepAlive = request, answer](const CMReply<void>&) {
+                CMReply<void> transition;
+                CMVoidReply::whenAllFinished(QList<CMVoidReply>())
+                    .onFinished(
+                        [transition](const CMReply<QList<CMVoidReply>>&) {
+                            CMReply<void> action;
+                            CMReply<QVariant> write;
+                            write.onFinished(
+                                nullptr,
+                                [action](const CMReply<QVariant>& written) {
+                                    if (!written.error().isError())
+                                        action.setValue();
+                                },
+                                Qt::AutoConnection);
+                            write.setValue(QVariant(true));
+                            action.onFinished([transition](const CMReply<void>&) { transition.setValue(); },
+                                              Qt::AutoConnection);
+                        },
+                        Qt::AutoConnection);
+                CMReply<void> executed;
+                CMVoidReply::whenAllFinished({transition})
+                    .onFinished([keepAlive, executed](const CMReply<QList<CMVoidReply>>&) { executed.setValue(); },
+                                Qt::AutoConnection);
+                executed.onFinished([keepAlive, answer](const CMReply<void>&) { answer.setValue(); },
+                                    Qt::AutoConnection);
+            },
+            Qt::AutoConnection);
+        if (!caller.isFinished()) {
+            state.SkipWithError("the reply chain did not finish");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_ReplyOperationsOfOneRequest);
+
 // 10,000 switching requests queued behind one whose write is pending, then
 // drained by answering that write: the time covers queuing and draining.
 void BM_ResourceRequestsQueued(benchmark::State& state)
@@ -265,6 +338,11 @@ int main(int argc, char** argv)
         std::printf("\n");
         printGoal(reporter, "BM_ResourceRequestOneAtATimeSwitching",
                   "A resource request that switches its resource, end to end", 1e3, "us", 2.0);
+        const double floor = reporter.cpuNanoseconds("BM_ReplyOperationsOfOneRequest");
+        const double whole = reporter.cpuNanoseconds("BM_ResourceRequestOneAtATimeSwitching");
+        if (floor > 0 && whole > 0)
+            std::printf("  of which the reply operations alone: %.3f us CPU (%.0f%% of the request)\n", floor / 1e3,
+                        100.0 * floor / whole);
         printGoal(reporter, "BM_ResourceRequestsQueued/100000", "100,000 queued resource requests, queued and drained",
                   1e9, "s", 1.0);
     });
