@@ -479,5 +479,21 @@ TEST_F(RequestNotification, ManyModulesAreToldInTheOrderOfTheChangeTable)
     EXPECT_EQ(toldOrder, expectedOrder) << eventDump();
 }
 
+// A node that resolution lists twice is one change: its module hears of the
+// resource once, in one message that lists it once.
+TEST_F(RequestNotification, ResourceListedTwiceIsRevokedOnce)
+{
+    ScriptedTarget* target = makeScriptedTarget();
+    PowerResource* resource = makeClaimedResource({{A, VelaPowerModuleActions::use}});
+    target->script = {qMakePair(static_cast<PowerNode*>(resource), VelaPowerNodeStates::disabled),
+                      qMakePair(static_cast<PowerNode*>(resource), VelaPowerNodeStates::disabled)};
+    registerModule(A);
+
+    const CMReply<void> reply = runToEnd(targetRequest(target));
+
+    EXPECT_FALSE(reply.error().isError());
+    EXPECT_TRUE(toldOnce(A, VelaPowerManagerMessageTypes::revoke, {resource}));
+}
+
 } // namespace
 } // namespace requests
