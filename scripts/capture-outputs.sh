@@ -27,6 +27,7 @@ for graph in "${graphs[@]}"; do
       --plot "$dir/plot$force" --snapshot "$dir/snapshot$force" >"$dir/run$force.out" 2>"$dir/run$force.err"
     echo "exit $?" >>"$dir/run$force.err"
   done
+  "$program" run "$graph" --force --verbose --timeout-ms 20000 >"$dir/run-verbose.out" 2>&1
   "$program" verify --format json "$graph" >"$dir/verify.json" 2>&1; echo "exit $?" >>"$dir/verify.json"
   "$program" verify "$graph" >"$dir/verify.txt" 2>&1; echo "exit $?" >>"$dir/verify.txt"
   "$program" dot "$graph" -o "$dir/graph.dot" >"$dir/dot.out" 2>&1; echo "exit $?" >>"$dir/dot.out"

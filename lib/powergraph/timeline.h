@@ -1,0 +1,35 @@
+#ifndef VELA_POWERGRAPH_TIMELINE_H
+#define VELA_POWERGRAPH_TIMELINE_H
+
+#include "runrecorder.h"
+
+#include <QString>
+
+#include <ostream>
+
+/*
+ * A run's events as text, one line each, with the time since the run
+ * started:
+ *   [    0 ms] request   #1 target active
+ *   [    0 ms] write     /modules/display/power on = true
+ *   [    0 ms] state     display -> enabled
+ */
+class Timeline
+{
+public:
+    explicit Timeline(std::ostream& out);
+    Timeline(const Timeline&) = delete;
+    Timeline& operator=(const Timeline&) = delete;
+
+    void print(const RunRecorder::Event& event);
+
+    // The line of an event, without its end of line.
+    static QString line(const RunRecorder::Event& event);
+    // What an event says after its kind ("display -> enabled").
+    static QString text(const RunRecorder::Event& event);
+
+private:
+    std::ostream& m_out;
+};
+
+#endif
