@@ -51,6 +51,7 @@ void RunRecorder::watchStates(const PowerGraph& graph)
     }
     for (int track = 1; track <= m_graph.resources.size(); ++track)
         m_neverSwitched.append(track);
+    m_isCandidate = QVector<bool>(m_tracks.size(), false);
 }
 
 void RunRecorder::showLibraryLog(log4cplus::LogLevel level)
@@ -154,7 +155,7 @@ void RunRecorder::noteNodesToLookAt(const LibraryRecord& record)
     case LibraryRecord::Kind::ModuleActionSet: {
         const int track = m_tracksByName.value(record.node);
         if (m_nodes.value(track))
-            tracks.append(track);
+            m_lookOnce.append(track);
         break;
     }
     case LibraryRecord::Kind::StateChanged:
@@ -178,15 +179,20 @@ void RunRecorder::noteNodesToLookAt(const LibraryRecord& record)
 
 void RunRecorder::addCandidates(const QVector<int>& tracks)
 {
-    if (tracks.isEmpty())
-        return;
-    m_candidates += tracks;
-    if (m_candidatesExpire)
+    for (int track : tracks) {
+        if (!m_isCandidate.at(track)) {
+            m_isCandidate[track] = true;
+            m_candidates.append(track);
+        }
+    }
+    if (m_candidates.isEmpty() || m_candidatesExpire)
         return;
     m_candidatesExpire = true;
     QMetaObject::invokeMethod(
         &m_expiry,
         [this]() {
+            for (int track : qAsConst(m_candidates))
+                m_isCandidate[track] = false;
             m_candidates.clear();
             m_candidatesExpire = false;
         },
@@ -234,12 +240,15 @@ void RunRecorder::stateChanged(const QString& node, const QString& state)
  */
 void RunRecorder::openTransitions()
 {
-    if (m_nodes.isEmpty() || m_events.isEmpty() || (m_candidates.isEmpty() && m_awaitingLock.isEmpty()))
+    if (m_nodes.isEmpty() || m_events.isEmpty() ||
+        (m_lookOnce.isEmpty() && m_candidates.isEmpty() && m_awaitingLock.isEmpty()))
         return;
     QVector<int> found;
     QSet<int> awaited(m_awaitingLock.constBegin(), m_awaitingLock.constEnd());
     QVector<int> toLook = m_awaitingLock;
     m_awaitingLock.clear();
+    toLook += m_lookOnce;
+    m_lookOnce.clear();
     // A candidate at rest (or not yet moved) is kept until it expires; one
     // that has moved and come to rest again is done.
     int kept = 0;
@@ -250,6 +259,8 @@ void RunRecorder::openTransitions()
                           state == VelaPowerNodeStates::disabled;
         if (!done)
             m_candidates[kept++] = track;
+        else
+            m_isCandidate[track] = false;
         toLook.append(track);
     }
     m_candidates.resize(kept);

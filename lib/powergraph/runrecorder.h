@@ -147,10 +147,15 @@ private:
     QVector<const PowerNode*> m_nodes;
     QHash<const PowerNode*, int> m_nodeTracks;
     QHash<QString, int> m_tracksByName;
-    // Nodes that may set off on a transition, from what the library just
-    // logged: looked at until the library has gone back to its event loop
-    // (by then it has done all it was doing when it logged).
+    // Nodes whose module action was just set: the library enables or
+    // disables them right away, so one look at the next event tells.
+    QVector<int> m_lookOnce;
+    // Nodes that the library may set off on a transition in a loop it has
+    // just begun (releasing a node's dependencies, cleaning up after a
+    // request): looked at until the library has gone back to its event loop,
+    // by when it has done all it was doing when it logged. Each node once.
     QVector<int> m_candidates;
+    QVector<bool> m_isCandidate;
     bool m_candidatesExpire = false;
     QObject m_expiry;
     // Nodes that an enabling node is about to lock: looked at until they

@@ -1,8 +1,54 @@
 #include "runsummary.h"
 
+#include <algorithm>
+
 RunSummary::RunSummary(const RunRecorder& recorder)
     : m_recorder(recorder)
 {
+    indexWaits();
+}
+
+void RunSummary::indexWaits()
+{
+    for (const RunRecorder::Span& span : m_recorder.spans()) {
+        if (span.kind == RunRecorder::Span::Write || span.kind == RunRecorder::Span::Message)
+            m_waits.append(&span);
+    }
+    const auto longer = [this](int first, int second) {
+        return m_waits.at(second)->durationUs() > m_waits.at(first)->durationUs() ? second : first;
+    };
+    QVector<int> level(m_waits.size());
+    for (int index = 0; index < level.size(); ++index)
+        level[index] = index;
+    m_longest.append(level);
+    for (int width = 2; width <= m_waits.size(); width *= 2) {
+        const QVector<int>& below = m_longest.constLast();
+        QVector<int> next(m_waits.size() - width + 1);
+        for (int index = 0; index < next.size(); ++index)
+            next[index] = longer(below.at(index), below.at(index + width / 2));
+        m_longest.append(next);
+    }
+}
+
+// The first of the writes and messages that began between `beginUs` and
+// `endUs` and took longest; null when none did.
+const RunRecorder::Span* RunSummary::longestWaitIn(qint64 beginUs, qint64 endUs) const
+{
+    const auto beginsBefore = [](const RunRecorder::Span* span, qint64 us) { return span->beginUs < us; };
+    const auto beginsAfter = [](qint64 us, const RunRecorder::Span* span) { return us < span->beginUs; };
+    const int first = static_cast<int>(
+        std::lower_bound(m_waits.constBegin(), m_waits.constEnd(), beginUs, beginsBefore) - m_waits.constBegin());
+    const int end = static_cast<int>(
+        std::upper_bound(m_waits.constBegin(), m_waits.constEnd(), endUs, beginsAfter) - m_waits.constBegin());
+    if (first >= end)
+        return nullptr;
+    int level = 0;
+    while ((2 << level) <= end - first)
+        ++level;
+    const int left = m_longest.at(level).at(first);
+    const int right = m_longest.at(level).at(end - (1 << level));
+    const int longest = m_waits.at(right)->durationUs() > m_waits.at(left)->durationUs() ? right : left;
+    return m_waits.at(longest);
 }
 
 RunSummary::WriteCounts RunSummary::writes() const
@@ -26,14 +72,7 @@ RunSummary::WriteCounts RunSummary::writes() const
 // open, that took longest to be answered.
 QString RunSummary::longestWait(const RunRecorder::Span& request) const
 {
-    const RunRecorder::Span* longest = nullptr;
-    for (const RunRecorder::Span& span : m_recorder.spans()) {
-        if ((span.kind != RunRecorder::Span::Write && span.kind != RunRecorder::Span::Message) ||
-            span.beginUs < request.beginUs || span.beginUs > request.endUs)
-            continue;
-        if (!longest || span.durationUs() > longest->durationUs())
-            longest = &span;
-    }
+    const RunRecorder::Span* longest = longestWaitIn(request.beginUs, request.endUs);
     if (!longest)
         return QStringLiteral("no write or revoke message");
     return QStringLiteral("waited longest on the %1 %2 (%3, %4 ms%5)")

@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 /*
  * What a recorded run comes to, read from its spans: how many set-data
@@ -30,8 +31,16 @@ public:
 
 private:
     QString longestWait(const RunRecorder::Span& request) const;
+    const RunRecorder::Span* longestWaitIn(qint64 beginUs, qint64 endUs) const;
+    void indexWaits();
 
     const RunRecorder& m_recorder;
+    // The writes and revoke messages, in the order they began (their begin
+    // times never decrease), and for every run of 2^k of them the one that
+    // took longest (the first of equals): any range is then answered with
+    // two lookups, whatever the number of requests.
+    QVector<const RunRecorder::Span*> m_waits;
+    QVector<QVector<int>> m_longest;
 };
 
 #endif

@@ -12,7 +12,8 @@ class QSocketNotifier;
  * so that a run can stop cleanly (name what is unanswered, write its files)
  * instead of dying mid-way. The handler only writes the signal's number to
  * a socket pair; a socket notifier reads it in the event loop and emits
- * stopRequested(). The previous handlers come back when it is destroyed.
+ * stopRequested(). A second signal ends the process at once, killed by that
+ * signal. The previous handlers come back when it is destroyed.
  *
  *   StopSignals stop;
  *   QObject::connect(&stop, &StopSignals::stopRequested, [](int) { QCoreApplication::quit(); });
