@@ -11,6 +11,28 @@
 // names involved, where in the file, and a sentence for a person.
 struct Finding {
     enum Severity { Error, Warning };
+    enum class Code {
+        SelfEdge,
+        Cycle,
+        EnableDisableConflict,
+        SelfReference,
+        UnregisteredModule,
+        UnreachableTarget,
+        BlockedTarget,
+        UntouchedResource,
+        SilentUse,
+        NameClash,
+        DuplicateEntry,
+        DormantClaim,
+    };
+    // A row of the table of codes: every code, its severity and what it
+    // means in one line (the graph file's manual page lists the same table).
+    struct Kind {
+        Code code;
+        const char* name;
+        Severity severity;
+        const char* meaning;
+    };
 
     Severity severity = Error;
     QString code;
@@ -18,6 +40,10 @@ struct Finding {
     TextPlace place;
     QString message;
 
+    static Finding make(Code code, const QStringList& nodes, const TextPlace& place, const QString& message);
+    // The whole table, in the order of Code.
+    static const Kind* kinds(int* count);
+    static const Kind& kind(Code code);
     static QString severityName(Severity severity) { return severity == Error ? "error" : "warning"; }
 };
 

@@ -87,10 +87,9 @@ void GraphVerifier::index()
     }
 }
 
-void GraphVerifier::add(Finding::Severity severity, const char* code, const QStringList& nodes,
-                        const TextPlace& place, const QString& message)
+void GraphVerifier::add(Finding::Code code, const QStringList& nodes, const TextPlace& place, const QString& message)
 {
-    m_findings.append(Finding{severity, QLatin1String(code), nodes, place, message});
+    m_findings.append(Finding::make(code, nodes, place, message));
 }
 
 QString GraphVerifier::resourceName(int index) const
@@ -140,7 +139,7 @@ void GraphVerifier::checkSelfEdgesAndDuplicates()
     for (const GraphFile::Resource& resource : m_file.resources) {
         for (const GraphFile::Reference& required : resource.required) {
             if (required.name == resource.name)
-                add(Finding::Error, "self-edge", {resource.name}, required.place,
+                add(Finding::Code::SelfEdge, {resource.name}, required.place,
                     resource.name + " requires itself");
         }
         checkDuplicates(resource.required, resource.name, "requires");
@@ -168,7 +167,7 @@ void GraphVerifier::checkDuplicates(const GraphFile::ReferenceList& list, const 
             seen.insert(entry.name);
         }
         if (repeated)
-            add(Finding::Warning, "duplicate-entry", {owner, entry.name}, entry.place,
+            add(Finding::Code::DuplicateEntry, {owner, entry.name}, entry.place,
                 QStringLiteral("%1 is listed twice in the %2 list of %3").arg(entry.name, QLatin1String(listName), owner));
     }
 }
@@ -219,7 +218,7 @@ void GraphVerifier::reportCycle(const std::vector<int>& path, int from, const Ed
     QStringList nodes;
     for (size_t i = static_cast<size_t>(from); i < path.size(); ++i)
         nodes.append(resourceName(path[i]));
-    add(Finding::Error, "cycle", nodes, edge.place,
+    add(Finding::Code::Cycle, nodes, edge.place,
         QStringLiteral("requires edges form a cycle: %1").arg(chain(nodes + QStringList{nodes.first()})));
 }
 
@@ -252,7 +251,7 @@ void GraphVerifier::checkConflicts()
             QStringList nodes{target.name, name};
             if (route.size() > 1)
                 nodes.append(route.first());
-            add(Finding::Error, "enable-disable-conflict", nodes, edges.disablePlaces.at(i),
+            add(Finding::Code::EnableDisableConflict, nodes, edges.disablePlaces.at(i),
                 why + QStringLiteral("; the library refuses: \"Tried to make power target %1 disable node %2, but it "
                                      "already enables that node.\"")
                           .arg(target.name, name));
@@ -270,13 +269,13 @@ void GraphVerifier::checkSelfReferences()
         for (const auto& list : lists) {
             for (const GraphFile::Reference& entry : *list.first) {
                 if (entry.name == target.name && !m_resourceIndex.contains(entry.name))
-                    add(Finding::Warning, "self-reference", {target.name}, entry.place,
+                    add(Finding::Code::SelfReference, {target.name}, entry.place,
                         QStringLiteral("%1 %2 itself: the library drops that edge").arg(target.name, list.second));
             }
         }
         for (const GraphFile::Reference& entry : target.reachable) {
             if (entry.name == target.name)
-                add(Finding::Warning, "self-reference", {target.name}, entry.place,
+                add(Finding::Code::SelfReference, {target.name}, entry.place,
                     QStringLiteral("%1 lists itself as reachable: a target is never switched to from itself, so the "
                                    "entry means nothing")
                         .arg(target.name));
@@ -292,7 +291,7 @@ void GraphVerifier::checkModules()
     for (const GraphFile::Resource& resource : m_file.resources) {
         for (const GraphFile::Claim& claim : resource.modules) {
             if (!declared.contains(claim.module))
-                add(Finding::Warning, "unregistered-module", {claim.module, resource.name}, claim.place,
+                add(Finding::Code::UnregisteredModule, {claim.module, resource.name}, claim.place,
                     QStringLiteral("module %1 has a starting action on %2 but is not declared in \"modules\"")
                         .arg(claim.module, resource.name));
         }
@@ -300,7 +299,7 @@ void GraphVerifier::checkModules()
     for (int i = 0; i < m_file.requests.size(); ++i) {
         const GraphFile::Request& request = m_file.requests.at(i);
         if (request.kind == GraphFile::Request::Resource && !declared.contains(request.module))
-            add(Finding::Warning, "unregistered-module", {request.module, request.name}, request.modulePlace,
+            add(Finding::Code::UnregisteredModule, {request.module, request.name}, request.modulePlace,
                 QStringLiteral("request %1 comes from module %2, which is not declared in \"modules\": the handler "
                                "refuses it")
                     .arg(i + 1)
@@ -323,7 +322,7 @@ void GraphVerifier::checkUnreachableTargets()
         return;
     for (const GraphFile::Target& target : m_file.targets) {
         if (!listed.contains(target.name))
-            add(Finding::Warning, "unreachable-target", {target.name}, target.place,
+            add(Finding::Code::UnreachableTarget, {target.name}, target.place,
                 QStringLiteral("no other target lists %1 as reachable: once any target is enabled, %1 can no longer "
                                "be switched to")
                     .arg(target.name));
@@ -350,7 +349,7 @@ void GraphVerifier::checkBlockedTargets()
             const QString how = disabled == node
                 ? QStringLiteral("%1 disables %2").arg(target.name, resource.name)
                 : QStringLiteral("%1 disables %2, which %3 requires").arg(target.name, resourceName(disabled), resource.name);
-            add(Finding::Warning, "blocked-target", {target.name, resource.name, holder->module},
+            add(Finding::Code::BlockedTarget, {target.name, resource.name, holder->module},
                 edges.disablePlaces.at(edges.disables.indexOf(disabled)),
                 QStringLiteral("with the file's starting claims and no target enabled yet, the power manager cannot "
                                "switch to %1: %2 holds %3 with hold, and %4; once an enabled target lists %1 as "
@@ -381,7 +380,7 @@ void GraphVerifier::checkUntouchedResources()
     for (size_t i = 0; i < touched.size(); ++i) {
         const GraphFile::Resource& resource = m_file.resources.at(static_cast<int>(i));
         if (!touched[i])
-            add(Finding::Warning, "untouched-resource", {resource.name}, resource.place,
+            add(Finding::Code::UntouchedResource, {resource.name}, resource.place,
                 QStringLiteral("no target, module, request or requires edge names %1: nothing ever switches it")
                     .arg(resource.name));
     }
@@ -405,7 +404,7 @@ void GraphVerifier::checkSilentUse()
         if (!used.contains(module.name) || !module.revokePath.isEmpty() || !module.postRevokePath.isEmpty())
             continue;
         const QStringList resources = used.value(module.name);
-        add(Finding::Warning, "silent-use", QStringList{module.name} + resources, module.place,
+        add(Finding::Code::SilentUse, QStringList{module.name} + resources, module.place,
             QStringLiteral("%1 uses %2 but has no revoke path: it would never be told that a target took its "
                            "resource")
                 .arg(module.name, resources.join(QStringLiteral(", "))));
@@ -416,7 +415,7 @@ void GraphVerifier::checkNameClashes()
 {
     for (const GraphFile::Target& target : m_file.targets) {
         if (m_resourceIndex.contains(target.name))
-            add(Finding::Warning, "name-clash", {target.name}, target.place,
+            add(Finding::Code::NameClash, {target.name}, target.place,
                 QStringLiteral("%1 names both a resource and a target: lists of resources mean the resource, log "
                                "lines cannot tell them apart")
                     .arg(target.name));
@@ -443,7 +442,7 @@ void GraphVerifier::checkDormantClaims()
         const GraphFile::Resource& resource = m_file.resources.at(i);
         for (const GraphFile::Claim& claim : resource.modules) {
             if (isClaim(claim.action))
-                add(Finding::Warning, "dormant-claim", {resource.name, claim.module}, claim.place,
+                add(Finding::Code::DormantClaim, {resource.name, claim.module}, claim.place,
                     QStringLiteral("%1's %2 claim on %3 switches nothing: no target enables %3, directly or through "
                                    "requires, and no request asks for it")
                         .arg(claim.module, VelaPowerModuleActions::toString(claim.action), resource.name));

@@ -42,8 +42,7 @@ private:
     };
 
     void index();
-    void add(Finding::Severity severity, const char* code, const QStringList& nodes, const TextPlace& place,
-             const QString& message);
+    void add(Finding::Code code, const QStringList& nodes, const TextPlace& place, const QString& message);
     QString resourceName(int index) const;
 
     void checkSelfEdgesAndDuplicates();

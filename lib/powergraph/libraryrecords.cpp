@@ -207,7 +207,7 @@ LibraryRecord LibraryRecord::decode(log4cplus::LogLevel level, const std::string
 {
     LibraryRecord record;
     record.level = level;
-    record.message = QString::fromStdString(message);
+    record.message = message;
     if (decodeNodeLine(message, &record))
         return record;
     // The remaining texts are specific enough to be told apart by their

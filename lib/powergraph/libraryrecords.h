@@ -37,7 +37,8 @@ struct LibraryRecord {
 
     Kind kind = Kind::Other;
     log4cplus::LogLevel level = log4cplus::TRACE_LOG_LEVEL;
-    QString message;
+    // The record's text as the library wrote it (UTF-8).
+    std::string message;
     // The node the record is about (StateChanged, ModuleActionSet,
     // ActionDone, ActionFailed, TransitionFailed, EdgeRefused,
     // TargetUnreachable).
@@ -58,6 +59,9 @@ struct LibraryRecord {
     qint64 requestId = 0;
 
     static LibraryRecord decode(log4cplus::LogLevel level, const std::string& message);
+    // The record's text; made only when asked for, since most records are
+    // read for their fields alone.
+    QString text() const { return QString::fromStdString(message); }
 };
 
 /*

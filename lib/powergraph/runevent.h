@@ -2,6 +2,7 @@
 #define VELA_POWERGRAPH_RUNEVENT_H
 
 #include <QString>
+#include <QTypeInfo>
 #include <QtGlobal>
 
 /*
@@ -41,6 +42,9 @@ struct RunEvent {
     // "request", "answer", "reason", ...: the name the timeline and the
     // events file give the kind.
     static QString kindName(Kind kind);
+    static const char* kindText(Kind kind);
 };
+// Moved, not copied, when a vector of events grows.
+Q_DECLARE_TYPEINFO(RunEvent, Q_MOVABLE_TYPE);
 
 #endif

@@ -52,6 +52,8 @@ void RunRecorder::watchStates(const PowerGraph& graph)
     for (int track = 1; track <= m_graph.resources.size(); ++track)
         m_neverSwitched.append(track);
     m_isCandidate = QVector<bool>(m_tracks.size(), false);
+    m_lookedAt = QVector<quint64>(m_tracks.size(), 0);
+    m_awaitedAt = QVector<quint64>(m_tracks.size(), 0);
 }
 
 void RunRecorder::showLibraryLog(log4cplus::LogLevel level)
@@ -127,13 +129,13 @@ void RunRecorder::takeLibraryRecord(const LibraryRecord& record)
     if (record.kind == LibraryRecord::Kind::StateChanged) {
         stateChanged(record.node, record.state);
     } else if (record.level >= log4cplus::FATAL_LOG_LEVEL) {
-        this->record(Event::Kind::Fatal, QString(), record.message);
+        this->record(Event::Kind::Fatal, QString(), record.text());
     } else if (record.level >= log4cplus::ERROR_LOG_LEVEL) {
-        const int index = this->record(Event::Kind::Error, QString(), record.message);
+        const int index = this->record(Event::Kind::Error, QString(), record.text());
         if (record.kind == LibraryRecord::Kind::ActionFailed)
             actionFailed(record, index);
     } else if (record.level >= m_shownLevel) {
-        this->record(Event::Kind::Log, QString(), record.message);
+        this->record(Event::Kind::Log, QString(), record.text());
     }
     publish();
     noteNodesToLookAt(record);
@@ -243,10 +245,11 @@ void RunRecorder::openTransitions()
     if (m_nodes.isEmpty() || m_events.isEmpty() ||
         (m_lookOnce.isEmpty() && m_candidates.isEmpty() && m_awaitingLock.isEmpty()))
         return;
-    QVector<int> found;
-    QSet<int> awaited(m_awaitingLock.constBegin(), m_awaitingLock.constEnd());
-    QVector<int> toLook = m_awaitingLock;
-    m_awaitingLock.clear();
+    const quint64 look = ++m_looks;
+    QVector<int> toLook;
+    toLook.swap(m_awaitingLock);
+    for (int track : qAsConst(toLook))
+        m_awaitedAt[track] = look;
     toLook += m_lookOnce;
     m_lookOnce.clear();
     // A candidate at rest (or not yet moved) is kept until it expires; one
@@ -264,12 +267,12 @@ void RunRecorder::openTransitions()
         toLook.append(track);
     }
     m_candidates.resize(kept);
-    QSet<int> looked;
+    QVector<int> found;
     for (int next = 0; next < toLook.size(); ++next) {
         const int track = toLook.at(next);
-        if (looked.contains(track))
+        if (m_lookedAt.at(track) == look)
             continue;
-        looked.insert(track);
+        m_lookedAt[track] = look;
         if (m_openTransitions.contains(m_tracks.at(track).name))
             continue;
         const VelaPowerNodeStates::Enum state = m_nodes.at(track)->state();
@@ -280,10 +283,15 @@ void RunRecorder::openTransitions()
             const int before = toLook.size();
             lookAtRequiredNodes(track, &toLook);
             for (int index = before; index < toLook.size(); ++index)
-                awaited.insert(toLook.at(index));
+                m_awaitedAt[toLook.at(index)] = look;
         }
     }
-    for (int track : qAsConst(awaited)) {
+    // An enabling node locks every node it requires before it goes on, so
+    // one still at rest is about to be locked.
+    for (int track : qAsConst(toLook)) {
+        if (m_awaitedAt.at(track) != look)
+            continue;
+        m_awaitedAt[track] = 0;
         const VelaPowerNodeStates::Enum state = m_nodes.at(track)->state();
         if (state == VelaPowerNodeStates::initial || state == VelaPowerNodeStates::disabled)
             m_awaitingLock.append(track);

@@ -156,6 +156,11 @@ private:
     // by when it has done all it was doing when it logged. Each node once.
     QVector<int> m_candidates;
     QVector<bool> m_isCandidate;
+    // Marks of one look over the nodes (its serial number), by track: looked
+    // at, or awaited as a node an enabling node locks.
+    QVector<quint64> m_lookedAt;
+    QVector<quint64> m_awaitedAt;
+    quint64 m_looks = 0;
     bool m_candidatesExpire = false;
     QObject m_expiry;
     // Nodes that an enabling node is about to lock: looked at until they
@@ -167,5 +172,8 @@ private:
     // Last: records arrive as soon as it exists and use the members above.
     LibraryLogWatcher m_log;
 };
+
+// Moved, not copied, when the vector of spans grows.
+Q_DECLARE_TYPEINFO(RunRecorder::Span, Q_MOVABLE_TYPE);
 
 #endif

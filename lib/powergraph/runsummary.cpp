@@ -75,13 +75,12 @@ QString RunSummary::longestWait(const RunRecorder::Span& request) const
     const RunRecorder::Span* longest = longestWaitIn(request.beginUs, request.endUs);
     if (!longest)
         return QStringLiteral("no write or revoke message");
-    return QStringLiteral("waited longest on the %1 %2 (%3, %4 ms%5)")
-        .arg(longest->kind == RunRecorder::Span::Write ? QStringLiteral("write to")
-                                                       : QStringLiteral("revoke answer from"))
-        .arg(longest->path)
-        .arg(longest->track)
-        .arg(longest->durationUs() / 1000)
-        .arg(longest->timedOut ? QStringLiteral(", timed out") : QString());
+    return QLatin1String("waited longest on the ") +
+           (longest->kind == RunRecorder::Span::Write ? QLatin1String("write to ")
+                                                      : QLatin1String("revoke answer from ")) +
+           longest->path + QLatin1String(" (") + longest->track + QLatin1String(", ") +
+           QString::number(longest->durationUs() / 1000) + QLatin1String(" ms") +
+           (longest->timedOut ? QLatin1String(", timed out)") : QLatin1String(")"));
 }
 
 QStringList RunSummary::requestLines(int requestCount) const
@@ -94,10 +93,8 @@ QStringList RunSummary::requestLines(int requestCount) const
         const QString answer = span->outcome.startsWith(QLatin1String("failed")) ? QStringLiteral("failed")
                                : span->outcome == QLatin1String("done")          ? QStringLiteral("done")
                                                                                  : QStringLiteral("no answer");
-        lines.append(QStringLiteral("%1: %2 after %3 ms; %4")
-                         .arg(span->name, answer)
-                         .arg(span->durationUs() / 1000)
-                         .arg(longestWait(*span)));
+        lines.append(span->name + QLatin1String(": ") + answer + QLatin1String(" after ") +
+                     QString::number(span->durationUs() / 1000) + QLatin1String(" ms; ") + longestWait(*span));
     }
     return lines;
 }

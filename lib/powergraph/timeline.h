@@ -17,7 +17,12 @@
 class Timeline
 {
 public:
-    explicit Timeline(std::ostream& out);
+    // Each line at once (someone watches it live), or when the stream's
+    // buffer is full (the output goes to a file or pipe, and a large run
+    // would spend its time flushing).
+    enum class Flushing { EachLine, WhenFull };
+
+    explicit Timeline(std::ostream& out, Flushing flushing = Flushing::EachLine);
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
 
@@ -30,6 +35,7 @@ public:
 
 private:
     std::ostream& m_out;
+    Flushing m_flushing;
 };
 
 #endif

@@ -1,5 +1,5 @@
-#ifndef VELA_TOOLS_GRAPHINPUT_H
-#define VELA_TOOLS_GRAPHINPUT_H
+#ifndef VELA_POWER_GRAPHINPUT_H
+#define VELA_POWER_GRAPHINPUT_H
 
 #include "graphfile.h"
 

@@ -1,5 +1,5 @@
-#ifndef VELA_TOOLS_INTERACTIVE_H
-#define VELA_TOOLS_INTERACTIVE_H
+#ifndef VELA_POWER_INTERACTIVE_H
+#define VELA_POWER_INTERACTIVE_H
 
 #include "graphfile.h"
 #include "runrecorder.h"

@@ -10,7 +10,6 @@
 #include <QCoreApplication>
 #include <QHash>
 
-#include <cstring>
 #include <iostream>
 
 namespace {
@@ -19,16 +18,22 @@ struct Verb {
     const char* name;
     const char* summary;
     int (*run)(const QStringList& arguments);
+    // Whether the command, with these arguments, runs on simulated time;
+    // null for a command that never does. Asked before the application
+    // object exists, which is when the event dispatcher is chosen.
+    bool (*onSimulatedTime)(const QStringList& arguments);
 };
 
 // When adding a command or changing a summary, update the "vela-power"
 // section of the README as well.
 const Verb verbs[] = {
-    {"run", "Run a graph and its requests against a simulated platform and show the timeline", verbRun},
-    {"verify", "Check graph files without running them", verbVerify},
+    {"run", "Run a graph and its requests against a simulated platform and show the timeline", verbRun,
+     runIsOnSimulatedTime},
+    {"verify", "Check graph files without running them", verbVerify, nullptr},
     {"explain", "Explain a target switch, a resource request or a node's state, as the library decides it",
-     verbExplain},
-    {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot},
+     verbExplain, nullptr},
+    {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot,
+     nullptr},
 };
 
 QString help()
@@ -43,19 +48,13 @@ QString help()
     return text + ExitCodes::table();
 }
 
-// A run follows a simulated clock unless the user asks for the wall clock
-// (or types commands, which happen in the user's time). The dispatcher must
-// be chosen before the application object exists, so this looks at the raw
-// arguments.
-bool runsOnSimulatedTime(int argc, char** argv)
+const Verb* findVerb(const QString& name)
 {
-    if (argc < 2 || std::strcmp(argv[1], "run") != 0)
-        return false;
-    for (int index = 2; index < argc; ++index) {
-        if (std::strcmp(argv[index], "--real-time") == 0 || std::strcmp(argv[index], "--interactive") == 0)
-            return false;
+    for (const Verb& verb : verbs) {
+        if (name == QLatin1String(verb.name))
+            return &verb;
     }
-    return true;
+    return nullptr;
 }
 
 } // namespace
@@ -66,7 +65,11 @@ int main(int argc, char** argv)
     // the order in which the library walks its sets: two runs of one graph
     // print the same timeline.
     qSetGlobalQHashSeed(0);
-    if (runsOnSimulatedTime(argc, argv))
+    QStringList rawArguments;
+    for (int index = 1; index < argc; ++index)
+        rawArguments.append(QString::fromLocal8Bit(argv[index]));
+    const Verb* chosen = rawArguments.isEmpty() ? nullptr : findVerb(rawArguments.constFirst());
+    if (chosen && chosen->onSimulatedTime && chosen->onSimulatedTime(rawArguments))
         QCoreApplication::setEventDispatcher(new SimulatedTimeDispatcher);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("vela-power"));
@@ -81,10 +84,8 @@ int main(int argc, char** argv)
         std::cout << help().toStdString();
         return ExitCodes::Success;
     }
-    for (const Verb& verb : verbs) {
-        if (command == QLatin1String(verb.name))
-            return verb.run(arguments.mid(1));
-    }
+    if (const Verb* verb = findVerb(command))
+        return verb->run(arguments.mid(1));
     std::cerr << "vela-power: unknown command " << SafeText::quoted(command).toStdString() << "\n"
               << "Try 'vela-power --help'." << std::endl;
     return ExitCodes::InvalidInput;

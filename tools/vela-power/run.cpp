@@ -29,6 +29,8 @@
 #include <QJsonObject>
 #include <QTimer>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <iostream>
 
@@ -123,6 +125,11 @@ bool writeOutputs(const OutputFiles& files, const RunRecorder& recorder, const Q
 
 } // namespace
 
+bool runIsOnSimulatedTime(const QStringList& arguments)
+{
+    return !arguments.contains(QStringLiteral("--real-time")) && !arguments.contains(QStringLiteral("--interactive"));
+}
+
 int verbRun(const QStringList& arguments)
 {
     CommandLine line(QStringLiteral("run"), QStringLiteral("GRAPH"),
@@ -184,7 +191,9 @@ int verbRun(const QStringList& arguments)
     OutputFiles outputs{parser.value(traceOption), parser.value(eventsOption), parser.value(snapshotOption),
                         parser.value(plotOption)};
 
-    Timeline timeline(std::cout);
+    // Live on a terminal or on the wall clock; else at the end of each buffer.
+    const bool watched = parser.isSet(realTimeOption) || isatty(STDOUT_FILENO);
+    Timeline timeline(std::cout, watched ? Timeline::Flushing::EachLine : Timeline::Flushing::WhenFull);
     ProgressLine progress;
     RunRecorder* recording = nullptr;
     const auto showProgress = [&progress, &recording, &file]() {

@@ -1,5 +1,5 @@
-#ifndef VELA_TOOLS_VERBS_H
-#define VELA_TOOLS_VERBS_H
+#ifndef VELA_POWER_VERBS_H
+#define VELA_POWER_VERBS_H
 
 #include <QStringList>
 
@@ -9,5 +9,10 @@ int verbRun(const QStringList& arguments);
 int verbVerify(const QStringList& arguments);
 int verbExplain(const QStringList& arguments);
 int verbDot(const QStringList& arguments);
+
+// Whether `run` with these arguments (starting with "run") follows the
+// simulated clock: unless the wall clock is asked for (--real-time) or
+// commands are typed (--interactive), which happen in the user's time.
+bool runIsOnSimulatedTime(const QStringList& arguments);
 
 #endif
