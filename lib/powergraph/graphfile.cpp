@@ -196,14 +196,24 @@ private:
         return true;
     }
 
-    bool parseModules(const JsonNode* list)
+    // Calls `parse` for each entry of the top-level list `key` (none when the
+    // key is absent), with the entry's place; stops at the first refusal.
+    template <typename Parse>
+    bool forEachEntry(const JsonNode* list, const char* key, Parse parse)
     {
-        const Where listWhere(top, "modules");
+        const Where listWhere(top, key);
         if (!array(list, listWhere))
             return false;
         for (size_t i = 0; list && i < list->members.size(); ++i) {
-            const JsonNode& entry = list->item(i);
-            const Where where(listWhere, static_cast<int>(i));
+            if (!parse(list->item(i), Where(listWhere, static_cast<int>(i))))
+                return false;
+        }
+        return true;
+    }
+
+    bool parseModules(const JsonNode* list)
+    {
+        return forEachEntry(list, "modules", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Module module;
             if (!namedEntry(entry, where, {"name", "revokePath", "postRevokePath"}, "module", &m_moduleNames,
                             &module.name, &module.place)
@@ -211,8 +221,8 @@ private:
                 || !member(entry, "postRevokePath", where, false, SafeText::maximumPathLength, &module.postRevokePath))
                 return false;
             m_graph->modules.append(module);
-        }
-        return true;
+            return true;
+        });
     }
 
     bool write(const JsonNode& resource, const char* key, const Where& where, GraphFile::Write* out)
@@ -233,26 +243,40 @@ private:
         return true;
     }
 
-    bool claims(const JsonNode& node, const Where& where, QList<GraphFile::Claim>* out)
+    // Calls `parse` for each member of the optional object `object` at
+    // `where`, whose keys are names (`keyKind`, at most `maximumLength`
+    // characters) with a value each; stops at the first refusal.
+    template <typename Parse>
+    bool forEachKey(const JsonNode* object, const Where& where, const char* keyKind, int maximumLength, Parse parse)
     {
-        const JsonNode* entries = node.member(QLatin1String("modules"));
-        if (!entries)
+        if (!object)
             return true;
-        const Where here(where, "modules");
-        if (!expectKind(*entries, JsonNode::Object, here))
+        if (!expectKind(*object, JsonNode::Object, where))
             return false;
-        for (const JsonMember& entry : entries->members) {
-            const QString problem = SafeText::problem(entry.key, SafeText::maximumNameLength);
+        for (const JsonMember& entry : object->members) {
+            const QString problem = SafeText::problem(entry.key, maximumLength);
             if (!problem.isEmpty())
-                return fail(entry.place, here, "module name " + SafeText::quoted(entry.key) + ": " + problem);
-            GraphFile::Claim claim;
-            claim.module = entry.key;
-            claim.place = entry.place;
-            if (!action(entry.value, Where(here, entry.key), &claim.action))
+                return fail(entry.place, where,
+                            QLatin1String(keyKind) + ' ' + SafeText::quoted(entry.key) + ": " + problem);
+            if (!parse(entry, Where(where, entry.key)))
                 return false;
-            out->append(claim);
         }
         return true;
+    }
+
+    bool claims(const JsonNode& node, const Where& where, QList<GraphFile::Claim>* out)
+    {
+        const Where here(where, "modules");
+        return forEachKey(node.member(QLatin1String("modules")), here, "module name", SafeText::maximumNameLength,
+                          [this, out](const JsonMember& entry, const Where& claimWhere) {
+                              GraphFile::Claim claim;
+                              claim.module = entry.key;
+                              claim.place = entry.place;
+                              if (!action(entry.value, claimWhere, &claim.action))
+                                  return false;
+                              out->append(claim);
+                              return true;
+                          });
     }
 
     // The lowest value from *candidate up that the file has not used. The
@@ -296,12 +320,7 @@ private:
 
     bool parseResources(const JsonNode* list)
     {
-        const Where listWhere(top, "resources");
-        if (!array(list, listWhere))
-            return false;
-        for (size_t i = 0; list && i < list->members.size(); ++i) {
-            const JsonNode& entry = list->item(i);
-            const Where where(listWhere, static_cast<int>(i));
+        return forEachEntry(list, "resources", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Resource resource;
             if (!namedEntry(entry, where, {"name", "value", "timeoutMs", "enable", "disable", "requires", "modules"},
                             "resource", &m_resourceNames, &resource.name, &resource.place))
@@ -313,18 +332,13 @@ private:
                 || !references(entry, "requires", where, &resource.required) || !claims(entry, where, &resource.modules))
                 return false;
             m_graph->resources.append(resource);
-        }
-        return true;
+            return true;
+        });
     }
 
     bool parseTargets(const JsonNode* list)
     {
-        const Where listWhere(top, "targets");
-        if (!array(list, listWhere))
-            return false;
-        for (size_t i = 0; list && i < list->members.size(); ++i) {
-            const JsonNode& entry = list->item(i);
-            const Where where(listWhere, static_cast<int>(i));
+        return forEachEntry(list, "targets", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Target target;
             if (!namedEntry(entry, where, {"name", "value", "enables", "disables", "reachable"}, "target",
                             &m_targetNames, &target.name, &target.place))
@@ -337,8 +351,8 @@ private:
                 || !references(entry, "reachable", where, &target.reachable))
                 return false;
             m_graph->targets.append(target);
-        }
-        return true;
+            return true;
+        });
     }
 
     bool answer(const JsonNode& node, const Where& where, GraphFile::Answer* parsed)
@@ -371,31 +385,19 @@ private:
 
     bool parsePlatform(const JsonNode* paths)
     {
-        if (!paths)
-            return true;
-        const Where platform(top, "platform");
-        if (!expectKind(*paths, JsonNode::Object, platform))
-            return false;
-        for (const JsonMember& entry : paths->members) {
-            const QString problem = SafeText::problem(entry.key, SafeText::maximumPathLength);
-            if (!problem.isEmpty())
-                return fail(entry.place, platform, "path " + SafeText::quoted(entry.key) + ": " + problem);
-            GraphFile::Answer parsed;
-            if (!answer(entry.value, Where(platform, entry.key), &parsed))
-                return false;
-            m_graph->platform.insert(entry.key, parsed);
-        }
-        return true;
+        return forEachKey(paths, Where(top, "platform"), "path", SafeText::maximumPathLength,
+                          [this](const JsonMember& entry, const Where& where) {
+                              GraphFile::Answer parsed;
+                              if (!answer(entry.value, where, &parsed))
+                                  return false;
+                              m_graph->platform.insert(entry.key, parsed);
+                              return true;
+                          });
     }
 
     bool parseRequests(const JsonNode* list)
     {
-        const Where listWhere(top, "requests");
-        if (!array(list, listWhere))
-            return false;
-        for (size_t i = 0; list && i < list->members.size(); ++i) {
-            const JsonNode& entry = list->item(i);
-            const Where where(listWhere, static_cast<int>(i));
+        return forEachEntry(list, "requests", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Request request;
             if (!expectKind(entry, JsonNode::Object, where)
                 || !checkKeys(entry, {"target", "resource", "module", "action", "atMs"}, where)
@@ -422,8 +424,8 @@ private:
                     return false;
             }
             m_graph->requests.append(request);
-        }
-        return true;
+            return true;
+        });
     }
 
     bool checkNames(const GraphFile::ReferenceList& list, const QSet<QString>& known, const Where& where,

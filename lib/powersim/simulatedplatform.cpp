@@ -52,12 +52,21 @@ Scenario::Answer SimulatedPlatform::answerFor(const QString& path) const
     return answer;
 }
 
+// Whether `path` gets a handler of `paths`' kind: once, and only when it is
+// in the object tree.
+bool SimulatedPlatform::servesNewPath(const QString& path, QSet<CMPath>* paths) const
+{
+    if (answerFor(path).kind == Scenario::Answer::Absent || paths->contains(CMPath(path)))
+        return false;
+    paths->insert(CMPath(path));
+    return true;
+}
+
 void SimulatedPlatform::addDataPath(const QString& path)
 {
-    const Scenario::Answer behaviour = answerFor(path);
-    if (behaviour.kind == Scenario::Answer::Absent || m_dataPaths.contains(CMPath(path)))
+    if (!servesNewPath(path, &m_dataPaths))
         return;
-    m_dataPaths.insert(CMPath(path));
+    const Scenario::Answer behaviour = answerFor(path);
     CMRootWorker::instance()->registerSetDataHandler(
         CMPath(path), [this, behaviour](const CMPath& target, const QString& key, const QVariant& value,
                                         CMReply<QVariant> reply) {
@@ -67,10 +76,9 @@ void SimulatedPlatform::addDataPath(const QString& path)
 
 void SimulatedPlatform::addInvokePath(const QString& path)
 {
-    const Scenario::Answer behaviour = answerFor(path);
-    if (behaviour.kind == Scenario::Answer::Absent || m_invokePaths.contains(CMPath(path)))
+    if (!servesNewPath(path, &m_invokePaths))
         return;
-    m_invokePaths.insert(CMPath(path));
+    const Scenario::Answer behaviour = answerFor(path);
     CMRootWorker::instance()->registerInvokeHandler(
         CMPath(path), [this, behaviour](const CMPath& target, const VelaHash& message, CMReply<QVariant> reply) {
             take(PlatformCall::revokeMessage(target.toString(), message), behaviour, reply, QVariant());

@@ -55,6 +55,7 @@ public:
     void drop(int index);
 
 private:
+    bool servesNewPath(const QString& path, QSet<CMPath>* paths) const;
     void addDataPath(const QString& path);
     void addInvokePath(const QString& path);
     Scenario::Answer answerFor(const QString& path) const;

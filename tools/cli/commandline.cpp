@@ -43,6 +43,11 @@ bool CommandLine::parseWithOneGraph(const QStringList& arguments, int* exitCode,
     return true;
 }
 
+QCommandLineOption CommandLine::valueOption(const char* name, const char* description, const char* valueName)
+{
+    return QCommandLineOption(QString::fromLatin1(name), QString::fromUtf8(description), QString::fromLatin1(valueName));
+}
+
 bool CommandLine::parse(const QStringList& arguments, int* exitCode)
 {
     // parse(), not process(): process() would exit with its own code on an

@@ -20,6 +20,9 @@ class CommandLine
 public:
     CommandLine(const QString& command, const QString& positionalUsage, const QString& description);
 
+    // An option that takes a value: --name <valueName>.
+    static QCommandLineOption valueOption(const char* name, const char* description, const char* valueName);
+
     QCommandLineParser& parser();
     // Adds --format text|json; parse() then refuses any other value.
     void addFormatOption();

@@ -202,18 +202,14 @@ int verbExplain(const QStringList& arguments)
                                     "target switch, a resource request, or why a node is in its state. Questions "
                                     "start after --from (a switch from the file's starting state), else after the "
                                     "file's requests."));
-    const QCommandLineOption to(QStringLiteral("to"), QStringLiteral("Explain a switch to <target>."),
-                                QStringLiteral("target"));
-    const QCommandLineOption from(QStringLiteral("from"), QStringLiteral("Start from <target> instead of the scenario."),
-                                  QStringLiteral("target"));
-    const QCommandLineOption resource(QStringLiteral("resource"), QStringLiteral("Explain a request for <resource>."),
-                                      QStringLiteral("resource"));
-    const QCommandLineOption module(QStringLiteral("module"), QStringLiteral("The module making the request."),
-                                    QStringLiteral("module"));
-    const QCommandLineOption action(QStringLiteral("action"), QStringLiteral("The request's action."),
-                                    QStringLiteral("hold|use|release"));
-    const QCommandLineOption node(QStringLiteral("node"), QStringLiteral("Explain why <node> is in its state."),
-                                  QStringLiteral("node"));
+    const QCommandLineOption to = CommandLine::valueOption("to", "Explain a switch to <target>.", "target");
+    const QCommandLineOption from =
+        CommandLine::valueOption("from", "Start from <target> instead of the scenario.", "target");
+    const QCommandLineOption resource =
+        CommandLine::valueOption("resource", "Explain a request for <resource>.", "resource");
+    const QCommandLineOption module = CommandLine::valueOption("module", "The module making the request.", "module");
+    const QCommandLineOption action = CommandLine::valueOption("action", "The request's action.", "hold|use|release");
+    const QCommandLineOption node = CommandLine::valueOption("node", "Explain why <node> is in its state.", "node");
     line.parser().addOptions({to, from, resource, module, action, node});
     line.addFormatOption();
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
