@@ -178,47 +178,5 @@ QString DotWriter::dot() const
 
 namespace {
 
-bool readNodeStates(const QJsonObject& nodes, const QString& kind, QHash<QString, DotWriter::NodeState>* states,
-                    QString* problem)
-{
-    for (auto node = nodes.constBegin(); node != nodes.constEnd(); ++node) {
-        const QJsonObject entry = node.value().toObject();
-        if (!node.value().isObject() || !entry.value(QLatin1String("isEnabled")).isBool()
-            || !entry.value(QLatin1String("actions")).isObject()) {
-            *problem = QStringLiteral("%1 %2 needs \"isEnabled\" (true or false) and \"actions\" (an object)")
-                           .arg(kind, SafeText::quoted(node.key()));
-            return false;
-        }
-        DotWriter::NodeState state;
-        state.enabled = entry.value(QLatin1String("isEnabled")).toBool();
-        const QJsonObject actions = entry.value(QLatin1String("actions")).toObject();
-        for (auto action = actions.constBegin(); action != actions.constEnd(); ++action) {
-            // A module that released a node no longer claims it.
-            if (action.value().toString() != QLatin1String("release"))
-                state.claims.insert(action.key(), action.value().toString());
-        }
-        states->insert(node.key(), state);
-    }
-    return true;
-}
-
 } // namespace
 
-bool DotWriter::readSnapshot(const QByteArray& json, Snapshot* snapshot, QString* problem)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
-    if (error.error != QJsonParseError::NoError) {
-        *problem = QStringLiteral("not JSON: %1 at offset %2").arg(error.errorString()).arg(error.offset);
-        return false;
-    }
-    const QJsonObject root = document.object();
-    if (!root.value(QLatin1String("targets")).isObject() || !root.value(QLatin1String("resources")).isObject()) {
-        *problem = QStringLiteral("a snapshot is an object with \"targets\" and \"resources\" objects");
-        return false;
-    }
-    return readNodeStates(root.value(QLatin1String("targets")).toObject(), QStringLiteral("target"),
-                          &snapshot->targets, problem)
-        && readNodeStates(root.value(QLatin1String("resources")).toObject(), QStringLiteral("resource"),
-                          &snapshot->resources, problem);
-}

@@ -2,6 +2,7 @@
 #define VELA_POWERGRAPH_DOTWRITER_H
 
 #include "graphfile.h"
+#include "snapshot.h"
 
 #include <QHash>
 #include <QMap>
@@ -23,18 +24,8 @@
 class DotWriter
 {
 public:
-    // A node as a snapshot (listNodes()) shows it.
-    struct NodeState {
-        bool enabled = false;
-        // Module and its action, for the modules that hold or use the node.
-        QMap<QString, QString> claims;
-    };
-    // Nodes by name, one table for resources and one for targets (a
-    // resource and a target may share a name).
-    struct Snapshot {
-        QHash<QString, NodeState> resources;
-        QHash<QString, NodeState> targets;
-    };
+    using NodeState = GraphSnapshot::NodeState;
+    using Snapshot = GraphSnapshot;
 
     // Edge styles, one per kind of edge.
     static const char* const requiresStyle;
@@ -52,10 +43,6 @@ public:
     void setSnapshot(const Snapshot& snapshot);
     QString dot() const;
 
-    // Reads a snapshot written as JSON ({"targets": {NAME: {"isEnabled":
-    // BOOL, "actions": {MODULE: ACTION}}}, "resources": {...}}); on failure
-    // says what is wrong in `*problem`.
-    static bool readSnapshot(const QByteArray& json, Snapshot* snapshot, QString* problem);
 
     // `text` as a DOT quoted string: quotes and backslashes escaped, so that
     // neither a name's quote ends the string nor its backslash starts one of

@@ -54,9 +54,7 @@ Explainer::~Explainer() = default;
 
 Explainer::Change Explainer::startFrom(const QString& target)
 {
-    Scenario::Request request;
-    request.name = target;
-    return ask(describeRequest(request), request);
+    return switchTo(target);
 }
 
 void Explainer::startAfterScenario()

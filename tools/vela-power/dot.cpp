@@ -32,7 +32,7 @@ bool readSnapshotFile(const QString& fileName, DotWriter::Snapshot* snapshot, QS
         *problem = QStringLiteral("%1: cannot read: %2").arg(fileName, file.errorString());
         return false;
     }
-    if (DotWriter::readSnapshot(file.readAll(), snapshot, problem))
+    if (GraphSnapshot::read(file.readAll(), snapshot, problem))
         return true;
     *problem = fileName + QLatin1String(": ") + *problem;
     return false;

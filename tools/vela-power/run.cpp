@@ -15,6 +15,7 @@
 #include "runsummary.h"
 #include "scenariorunner.h"
 #include "simulatedrun.h"
+#include "snapshot.h"
 #include "simulatedtimedispatcher.h"
 #include "stopsignals.h"
 #include "timeline.h"
@@ -232,7 +233,7 @@ int verbRun(const QStringList& arguments)
         std::cerr << "vela-power run: stopped by " << StopSignals::name(stop.caught()) << std::endl;
 
     const QByteArray snapshot =
-        QJsonDocument(QJsonObject::fromVariantHash(run.handler().listNodes())).toJson(QJsonDocument::Indented);
+        GraphSnapshot::json(run.handler().listNodes());
     printSummary(scenario, run.driver(), recorder, snapshot);
     const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
     if (stop.caught())
