@@ -1,7 +1,7 @@
 # The tools suite runs the vela-power program itself: it needs the program
 # built, and knows where it, the test graphs and the shipped example are.
 add_dependencies(test_tools vela-power)
-target_link_libraries(test_tools PRIVATE vela_powergraph)
+target_link_libraries(test_tools PRIVATE vela_powergraph vela_cli)
 target_compile_definitions(test_tools PRIVATE
   VELA_POWER_PROGRAM="$<TARGET_FILE:vela-power>"
   VELA_TOOLS_DATA_DIR="${CMAKE_CURRENT_SOURCE_DIR}/tools/data"
