@@ -40,8 +40,7 @@ QString escaped(const QString& text)
     return result;
 }
 
-QString edge(const QString& from, const QString& to, const char* style, const char* colour,
-             const char* extra = "")
+QString edge(const QString& from, const QString& to, const char* style, const char* colour, const char* extra = "")
 {
     return QStringLiteral("  %1 -> %2 [style=%3 color=\"%4\"%5];\n")
         .arg(DotWriter::quoted(from), DotWriter::quoted(to), QLatin1String(style), QLatin1String(colour),
@@ -126,13 +125,11 @@ QString DotWriter::edges() const
         for (const GraphFile::Reference& enabled : target.enables)
             text += edge(from, targetEdgeEnd(target, enabled.name), enablesStyle, enablesColour);
         for (const GraphFile::Reference& disabled : target.disables)
-            text += edge(from, targetEdgeEnd(target, disabled.name), disablesStyle, disablesColour,
-                         " arrowhead=tee");
+            text += edge(from, targetEdgeEnd(target, disabled.name), disablesStyle, disablesColour, " arrowhead=tee");
         // Which target may follow which says nothing about the order of
         // nodes, so it must not pull the targets out of their rank.
         for (const GraphFile::Reference& next : target.reachable)
-            text += edge(from, targetId(next.name), reachableStyle, reachableColour,
-                         " arrowhead=vee constraint=false");
+            text += edge(from, targetId(next.name), reachableStyle, reachableColour, " arrowhead=vee constraint=false");
     }
     return text;
 }
@@ -179,4 +176,3 @@ QString DotWriter::dot() const
 namespace {
 
 } // namespace
-

@@ -43,7 +43,6 @@ public:
     void setSnapshot(const Snapshot& snapshot);
     QString dot() const;
 
-
     // `text` as a DOT quoted string: quotes and backslashes escaped, so that
     // neither a name's quote ends the string nor its backslash starts one of
     // Graphviz's label escapes.

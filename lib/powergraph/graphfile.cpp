@@ -24,9 +24,21 @@ class Where
 {
 public:
     Where() = default;
-    Where(const Where& parent, const char* key) : m_parent(&parent), m_key(key) {}
-    Where(const Where& parent, const QString& key) : m_parent(&parent), m_name(&key) {}
-    Where(const Where& parent, int index) : m_parent(&parent), m_index(index) {}
+    Where(const Where& parent, const char* key)
+        : m_parent(&parent)
+        , m_key(key)
+    {
+    }
+    Where(const Where& parent, const QString& key)
+        : m_parent(&parent)
+        , m_name(&key)
+    {
+    }
+    Where(const Where& parent, int index)
+        : m_parent(&parent)
+        , m_index(index)
+    {
+    }
 
     QString text() const
     {
@@ -64,10 +76,12 @@ public:
     {
         if (root.kind != JsonNode::Object)
             return fail(root.place, top, QStringLiteral("the file must hold one JSON object"));
-        const bool valid = checkKeys(root, {"modules", "resources", "targets", "platform", "requests"}, top)
-            && parseModules(root.member(QLatin1String("modules"))) && parseResources(root.member(QLatin1String("resources")))
-            && parseTargets(root.member(QLatin1String("targets"))) && parsePlatform(root.member(QLatin1String("platform")))
-            && parseRequests(root.member(QLatin1String("requests"))) && checkReferences();
+        const bool valid = checkKeys(root, {"modules", "resources", "targets", "platform", "requests"}, top) &&
+                           parseModules(root.member(QLatin1String("modules"))) &&
+                           parseResources(root.member(QLatin1String("resources"))) &&
+                           parseTargets(root.member(QLatin1String("targets"))) &&
+                           parsePlatform(root.member(QLatin1String("platform"))) &&
+                           parseRequests(root.member(QLatin1String("requests"))) && checkReferences();
         // Names are process-wide: only a file that is valid as a whole gives any.
         if (valid) {
             for (const auto& naming : qAsConst(m_namings))
@@ -111,10 +125,7 @@ private:
     }
 
     // A list that may be left out.
-    bool array(const JsonNode* node, const Where& where)
-    {
-        return !node || expectKind(*node, JsonNode::Array, where);
-    }
+    bool array(const JsonNode* node, const Where& where) { return !node || expectKind(*node, JsonNode::Array, where); }
 
     bool text(const JsonNode& node, const Where& where, int maximumLength, QString* out)
     {
@@ -146,8 +157,8 @@ private:
         const JsonNode* value = object.member(QLatin1String(key));
         if (!value)
             return true;
-        if (value->kind != JsonNode::Number || value->number < 0 || value->number > largestInteger
-            || value->number != std::floor(value->number))
+        if (value->kind != JsonNode::Number || value->number < 0 || value->number > largestInteger ||
+            value->number != std::floor(value->number))
             return fail(value->place, Where(where, key),
                         QStringLiteral("expected an integer from 0 to %1").arg(largestInteger));
         *out = static_cast<int>(value->number);
@@ -183,11 +194,11 @@ private:
 
     // An entry of a list of named things: an object with only `keys` whose
     // "name" is not taken yet by another entry of the list.
-    bool namedEntry(const JsonNode& entry, const Where& where, KeyList keys, const char* kind,
-                    QSet<QString>* taken, QString* name, TextPlace* place)
+    bool namedEntry(const JsonNode& entry, const Where& where, KeyList keys, const char* kind, QSet<QString>* taken,
+                    QString* name, TextPlace* place)
     {
-        if (!expectKind(entry, JsonNode::Object, where) || !checkKeys(entry, keys, where)
-            || !member(entry, "name", where, true, SafeText::maximumNameLength, name, place))
+        if (!expectKind(entry, JsonNode::Object, where) || !checkKeys(entry, keys, where) ||
+            !member(entry, "name", where, true, SafeText::maximumNameLength, name, place))
             return false;
         if (taken->contains(*name))
             return fail(*place, Where(where, "name"),
@@ -216,9 +227,9 @@ private:
         return forEachEntry(list, "modules", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Module module;
             if (!namedEntry(entry, where, {"name", "revokePath", "postRevokePath"}, "module", &m_moduleNames,
-                            &module.name, &module.place)
-                || !member(entry, "revokePath", where, false, SafeText::maximumPathLength, &module.revokePath)
-                || !member(entry, "postRevokePath", where, false, SafeText::maximumPathLength, &module.postRevokePath))
+                            &module.name, &module.place) ||
+                !member(entry, "revokePath", where, false, SafeText::maximumPathLength, &module.revokePath) ||
+                !member(entry, "postRevokePath", where, false, SafeText::maximumPathLength, &module.postRevokePath))
                 return false;
             m_graph->modules.append(module);
             return true;
@@ -231,9 +242,9 @@ private:
         if (!entry)
             return true;
         const Where here(where, key);
-        if (!expectKind(*entry, JsonNode::Object, here) || !checkKeys(*entry, {"path", "key", "value"}, here)
-            || !member(*entry, "path", here, true, SafeText::maximumPathLength, &out->path)
-            || !member(*entry, "key", here, true, SafeText::maximumPathLength, &out->key))
+        if (!expectKind(*entry, JsonNode::Object, here) || !checkKeys(*entry, {"path", "key", "value"}, here) ||
+            !member(*entry, "path", here, true, SafeText::maximumPathLength, &out->path) ||
+            !member(*entry, "key", here, true, SafeText::maximumPathLength, &out->key))
             return false;
         const JsonNode* value = entry->member(QLatin1String("value"));
         if (!value)
@@ -326,10 +337,11 @@ private:
                             "resource", &m_resourceNames, &resource.name, &resource.place))
                 return false;
             if (!nodeValue<VelaPowerManagerResources>(entry, resource.name, resource.place, where, &m_resourceValues,
-                                                      &m_nextResourceValue, &resource.value)
-                || !integer(entry, "timeoutMs", where, &resource.timeoutMs)
-                || !write(entry, "enable", where, &resource.enable) || !write(entry, "disable", where, &resource.disable)
-                || !references(entry, "requires", where, &resource.required) || !claims(entry, where, &resource.modules))
+                                                      &m_nextResourceValue, &resource.value) ||
+                !integer(entry, "timeoutMs", where, &resource.timeoutMs) ||
+                !write(entry, "enable", where, &resource.enable) ||
+                !write(entry, "disable", where, &resource.disable) ||
+                !references(entry, "requires", where, &resource.required) || !claims(entry, where, &resource.modules))
                 return false;
             m_graph->resources.append(resource);
             return true;
@@ -345,10 +357,10 @@ private:
                 return false;
             target.reachableGiven = entry.member(QLatin1String("reachable")) != nullptr;
             if (!nodeValue<VelaPowerManagerTargets>(entry, target.name, target.place, where, &m_targetValues,
-                                                    &m_nextTargetValue, &target.value)
-                || !references(entry, "enables", where, &target.enables)
-                || !references(entry, "disables", where, &target.disables)
-                || !references(entry, "reachable", where, &target.reachable))
+                                                    &m_nextTargetValue, &target.value) ||
+                !references(entry, "enables", where, &target.enables) ||
+                !references(entry, "disables", where, &target.disables) ||
+                !references(entry, "reachable", where, &target.reachable))
                 return false;
             m_graph->targets.append(target);
             return true;
@@ -399,9 +411,9 @@ private:
     {
         return forEachEntry(list, "requests", [this](const JsonNode& entry, const Where& where) {
             GraphFile::Request request;
-            if (!expectKind(entry, JsonNode::Object, where)
-                || !checkKeys(entry, {"target", "resource", "module", "action", "atMs"}, where)
-                || !integer(entry, "atMs", where, &request.atMs))
+            if (!expectKind(entry, JsonNode::Object, where) ||
+                !checkKeys(entry, {"target", "resource", "module", "action", "atMs"}, where) ||
+                !integer(entry, "atMs", where, &request.atMs))
                 return false;
             const bool isTarget = entry.member(QLatin1String("target")) != nullptr;
             if (isTarget == (entry.member(QLatin1String("resource")) != nullptr))
@@ -413,9 +425,10 @@ private:
             } else {
                 request.kind = GraphFile::Request::Resource;
                 const JsonNode* action = entry.member(QLatin1String("action"));
-                if (!member(entry, "resource", where, true, SafeText::maximumNameLength, &request.name, &request.place)
-                    || !member(entry, "module", where, true, SafeText::maximumNameLength, &request.module,
-                               &request.modulePlace))
+                if (!member(entry, "resource", where, true, SafeText::maximumNameLength, &request.name,
+                            &request.place) ||
+                    !member(entry, "module", where, true, SafeText::maximumNameLength, &request.module,
+                            &request.modulePlace))
                     return false;
                 if (!action)
                     return fail(entry.place, Where(where, "action"),
@@ -457,9 +470,9 @@ private:
         for (int i = 0; i < m_graph->targets.size(); ++i) {
             const GraphFile::Target& target = m_graph->targets.at(i);
             const Where where(targetsWhere, i);
-            if (!checkNames(target.enables, m_resourceNames, Where(where, "enables"), "resource", target.name)
-                || !checkNames(target.disables, m_resourceNames, Where(where, "disables"), "resource", target.name)
-                || !checkNames(target.reachable, m_targetNames, Where(where, "reachable"), "target"))
+            if (!checkNames(target.enables, m_resourceNames, Where(where, "enables"), "resource", target.name) ||
+                !checkNames(target.disables, m_resourceNames, Where(where, "disables"), "resource", target.name) ||
+                !checkNames(target.reachable, m_targetNames, Where(where, "reachable"), "target"))
                 return false;
         }
         for (int i = 0; i < m_graph->requests.size(); ++i) {

@@ -7,9 +7,9 @@
 
 #include <QHash>
 #include <QList>
-#include <QVector>
 #include <QString>
 #include <QVariant>
+#include <QVector>
 
 /*
  * A power graph as a platform builds it: modules, resources (with their

@@ -36,7 +36,8 @@ GraphVerifier::GraphVerifier(const GraphFile& file)
     checkNameClashes();
     checkDormantClaims();
     std::stable_sort(m_findings.begin(), m_findings.end(), [](const Finding& left, const Finding& right) {
-        return std::make_pair(left.place.line, left.place.column) < std::make_pair(right.place.line, right.place.column);
+        return std::make_pair(left.place.line, left.place.column) <
+               std::make_pair(right.place.line, right.place.column);
     });
 }
 
@@ -139,8 +140,7 @@ void GraphVerifier::checkSelfEdgesAndDuplicates()
     for (const GraphFile::Resource& resource : m_file.resources) {
         for (const GraphFile::Reference& required : resource.required) {
             if (required.name == resource.name)
-                add(Finding::Code::SelfEdge, {resource.name}, required.place,
-                    resource.name + " requires itself");
+                add(Finding::Code::SelfEdge, {resource.name}, required.place, resource.name + " requires itself");
         }
         checkDuplicates(resource.required, resource.name, "requires");
     }
@@ -168,7 +168,8 @@ void GraphVerifier::checkDuplicates(const GraphFile::ReferenceList& list, const 
         }
         if (repeated)
             add(Finding::Code::DuplicateEntry, {owner, entry.name}, entry.place,
-                QStringLiteral("%1 is listed twice in the %2 list of %3").arg(entry.name, QLatin1String(listName), owner));
+                QStringLiteral("%1 is listed twice in the %2 list of %3")
+                    .arg(entry.name, QLatin1String(listName), owner));
     }
 }
 
@@ -264,8 +265,8 @@ void GraphVerifier::checkConflicts()
 void GraphVerifier::checkSelfReferences()
 {
     for (const GraphFile::Target& target : m_file.targets) {
-        const QList<QPair<const GraphFile::ReferenceList*, const char*>> lists{
-            {&target.enables, "enables"}, {&target.disables, "disables"}};
+        const QList<QPair<const GraphFile::ReferenceList*, const char*>> lists{{&target.enables, "enables"},
+                                                                               {&target.disables, "disables"}};
         for (const auto& list : lists) {
             for (const GraphFile::Reference& entry : *list.first) {
                 if (entry.name == target.name && !m_resourceIndex.contains(entry.name))
@@ -338,17 +339,18 @@ void GraphVerifier::checkBlockedTargets()
         int stamp = 0;
         for (int node : walk(edges.disables, m_requiredBy, &parent, &stamp)) {
             const GraphFile::Resource& resource = m_file.resources.at(node);
-            const auto holder = std::find_if(resource.modules.begin(), resource.modules.end(), [](const GraphFile::Claim& c) {
-                return c.action == VelaPowerModuleActions::hold && c.module != QLatin1String(powerManagerModule);
-            });
+            const auto holder =
+                std::find_if(resource.modules.begin(), resource.modules.end(), [](const GraphFile::Claim& c) {
+                    return c.action == VelaPowerModuleActions::hold && c.module != QLatin1String(powerManagerModule);
+                });
             if (holder == resource.modules.end())
                 continue;
             int disabled = node;
             while (parent[static_cast<size_t>(disabled)] != -1)
                 disabled = parent[static_cast<size_t>(disabled)];
-            const QString how = disabled == node
-                ? QStringLiteral("%1 disables %2").arg(target.name, resource.name)
-                : QStringLiteral("%1 disables %2, which %3 requires").arg(target.name, resourceName(disabled), resource.name);
+            const QString how = disabled == node ? QStringLiteral("%1 disables %2").arg(target.name, resource.name)
+                                                 : QStringLiteral("%1 disables %2, which %3 requires")
+                                                       .arg(target.name, resourceName(disabled), resource.name);
             add(Finding::Code::BlockedTarget, {target.name, resource.name, holder->module},
                 edges.disablePlaces.at(edges.disables.indexOf(disabled)),
                 QStringLiteral("with the file's starting claims and no target enabled yet, the power manager cannot "
@@ -365,7 +367,8 @@ void GraphVerifier::checkUntouchedResources()
     std::vector<bool> touched(m_requires.size(), false);
     for (size_t i = 0; i < m_requires.size(); ++i) {
         const GraphFile::Resource& resource = m_file.resources.at(static_cast<int>(i));
-        touched[i] = touched[i] || !resource.required.isEmpty() || !m_requiredBy[i].empty() || !resource.modules.isEmpty();
+        touched[i] =
+            touched[i] || !resource.required.isEmpty() || !m_requiredBy[i].empty() || !resource.modules.isEmpty();
     }
     for (const TargetEdges& edges : m_targetEdges) {
         for (const QList<int>* list : {&edges.enables, &edges.disables}) {
@@ -396,8 +399,8 @@ void GraphVerifier::checkSilentUse()
         }
     }
     for (const GraphFile::Request& request : m_file.requests) {
-        if (request.kind == GraphFile::Request::Resource && request.action == VelaPowerModuleActions::use
-            && !used.value(request.module).contains(request.name))
+        if (request.kind == GraphFile::Request::Resource && request.action == VelaPowerModuleActions::use &&
+            !used.value(request.module).contains(request.name))
             used[request.module].append(request.name);
     }
     for (const GraphFile::Module& module : m_file.modules) {

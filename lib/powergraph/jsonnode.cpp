@@ -25,7 +25,11 @@ class ByteStream
 public:
     using Ch = char;
 
-    ByteStream(const char* data, size_t size) : m_data(data), m_size(size) {}
+    ByteStream(const char* data, size_t size)
+        : m_data(data)
+        , m_size(size)
+    {
+    }
 
     Ch Peek() const { return m_offset < m_size ? m_data[m_offset] : '\0'; }
     Ch Take() { return m_offset < m_size ? m_data[m_offset++] : '\0'; }
@@ -54,7 +58,11 @@ private:
 class PlaceFinder
 {
 public:
-    PlaceFinder(const char* data, size_t size) : m_data(data), m_size(size) {}
+    PlaceFinder(const char* data, size_t size)
+        : m_data(data)
+        , m_size(size)
+    {
+    }
 
     TextPlace placeOf(size_t offset)
     {
@@ -96,8 +104,8 @@ public:
     QString text(const char* data, size_t length)
     {
         for (const auto& known : m_known) {
-            if (known.first.size() == static_cast<int>(length)
-                && std::memcmp(known.first.constData(), data, length) == 0)
+            if (known.first.size() == static_cast<int>(length) &&
+                std::memcmp(known.first.constData(), data, length) == 0)
                 return known.second;
         }
         const QString converted = QString::fromUtf8(data, static_cast<int>(length));
@@ -113,8 +121,8 @@ private:
 
 bool isNumberOrWordByte(char byte)
 {
-    return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z')
-        || byte == '-' || byte == '+' || byte == '.';
+    return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+           byte == '-' || byte == '+' || byte == '.';
 }
 
 // Builds the tree from the reader's events. Open containers wait on a stack
@@ -321,14 +329,15 @@ bool JsonNode::parse(const QByteArray& json, JsonNode* root, Failure* failure)
         return false;
     }
     if (result.IsError()) {
-        *failure = Failure{builder.placeOf(result.Offset()),
-                           QStringLiteral("invalid JSON: %1")
-                               .arg(QString::fromUtf8(rapidjson::GetParseError_En(result.Code())))};
+        *failure = Failure{
+            builder.placeOf(result.Offset()),
+            QStringLiteral("invalid JSON: %1").arg(QString::fromUtf8(rapidjson::GetParseError_En(result.Code())))};
         return false;
     }
     // The reader stops at a NUL byte as if the text ended there.
     if (stream.Tell() < stream.size()) {
-        *failure = Failure{builder.placeOf(stream.Tell()), QStringLiteral("invalid JSON: unexpected data after the document")};
+        *failure =
+            Failure{builder.placeOf(stream.Tell()), QStringLiteral("invalid JSON: unexpected data after the document")};
         return false;
     }
     return true;

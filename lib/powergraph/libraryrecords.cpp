@@ -232,7 +232,10 @@ LibraryRecord LibraryRecord::decode(log4cplus::LogLevel level, const std::string
 class LibraryLogWatcher::Forwarder : public log4cplus::Appender
 {
 public:
-    explicit Forwarder(Listener listener) : m_listener(std::move(listener)) {}
+    explicit Forwarder(Listener listener)
+        : m_listener(std::move(listener))
+    {
+    }
     ~Forwarder() override { destructorImpl(); }
     void close() override {}
 

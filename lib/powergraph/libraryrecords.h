@@ -18,19 +18,19 @@
 struct LibraryRecord {
     enum class Kind {
         Other,
-        StateChanged,        // "Node: N enters state: S"
-        ModuleActionSet,     // "Node: N updated by: M with action type: A"
-        ActionDone,          // "N is now A" (A: enable or disable)
-        ActionFailed,        // "N failed to A Message: E"
-        TransitionFailed,    // "Failed to <step> ... N, error: E" (FATAL)
-        EdgeRefused,         // "Tried to make power node|target N ... O, but ..."
-        TargetUnreachable,   // "node unreachable: N"
-        RequestStarted,      // the entry line of a request's processing (TRACE)
-        RequestFinished,     // "request id: I finished"
+        StateChanged, // "Node: N enters state: S"
+        ModuleActionSet, // "Node: N updated by: M with action type: A"
+        ActionDone, // "N is now A" (A: enable or disable)
+        ActionFailed, // "N failed to A Message: E"
+        TransitionFailed, // "Failed to <step> ... N, error: E" (FATAL)
+        EdgeRefused, // "Tried to make power node|target N ... O, but ..."
+        TargetUnreachable, // "node unreachable: N"
+        RequestStarted, // the entry line of a request's processing (TRACE)
+        RequestFinished, // "request id: I finished"
         InvalidRequestRemoved, // "remove invalid request id: I"
-        RequestRefused,      // "<reason>: <request record>" (reason in `error`)
-        UnknownModule,       // "unknown power module requested: M"
-        ModuleRefused,       // "Cannot register module: <record>"
+        RequestRefused, // "<reason>: <request record>" (reason in `error`)
+        UnknownModule, // "unknown power module requested: M"
+        ModuleRefused, // "Cannot register module: <record>"
     };
     // The four steps of a node transition that can fail.
     enum class Step { None, Lock, Enable, Disable, Unlock };

@@ -25,7 +25,8 @@ QString howDisabled(PowerTarget* target, PowerNode* node)
         return QStringLiteral("%1 disables %2").arg(target->name(), node->name());
     for (PowerNode* disabled : direct) {
         if (disabled->requiredByNodes(true).contains(node))
-            return QStringLiteral("%1 disables %2, which %3 requires").arg(target->name(), disabled->name(), node->name());
+            return QStringLiteral("%1 disables %2, which %3 requires")
+                .arg(target->name(), disabled->name(), node->name());
     }
     return QStringLiteral("%1 disables %2").arg(target->name(), node->name());
 }
@@ -49,8 +50,8 @@ QString RefusalReasons::whyRefused(const PowerGraph& graph, PowerTarget* target)
     const QString manager = VelaPowerManagerName();
     for (const auto& dependency : target->orderedDependencies(VelaPowerNodeStates::enabled, true)) {
         PowerNode* node = dependency.first;
-        if (dependency.second != VelaPowerNodeStates::disabled
-            || node->isStateReachable(VelaPowerNodeStates::disabled, manager, false))
+        if (dependency.second != VelaPowerNodeStates::disabled ||
+            node->isStateReachable(VelaPowerNodeStates::disabled, manager, false))
             continue;
         QStringList holders;
         const QHash<QString, VelaPowerModuleActions::Enum> actions = node->moduleActions();

@@ -17,14 +17,12 @@ RequestDriver::RequestDriver(PowerHandler& handler, const PowerGraph& graph, Run
     const auto signal = [recorder](const QString& name, const VelaPowerManagerTarget& target) {
         recorder->add(RunEvent::Kind::Signal, name, VelaPowerManagerTargets::toString(target.target()));
     };
-    QObject::connect(&handler, &PowerHandler::nextTargetChanged, &m_connections,
-                     [signal](const VelaPowerManagerTarget& target) {
-                         signal(QStringLiteral("nextTargetChanged"), target);
-                     });
-    QObject::connect(&handler, &PowerHandler::targetChanged, &m_connections,
-                     [signal](const VelaPowerManagerTarget& target) {
-                         signal(QStringLiteral("targetChanged"), target);
-                     });
+    QObject::connect(
+        &handler, &PowerHandler::nextTargetChanged, &m_connections,
+        [signal](const VelaPowerManagerTarget& target) { signal(QStringLiteral("nextTargetChanged"), target); });
+    QObject::connect(
+        &handler, &PowerHandler::targetChanged, &m_connections,
+        [signal](const VelaPowerManagerTarget& target) { signal(QStringLiteral("targetChanged"), target); });
 }
 
 CMReply<QVariant> RequestDriver::sendTo(PowerHandler& handler, const PowerGraph& graph,
@@ -34,9 +32,9 @@ CMReply<QVariant> RequestDriver::sendTo(PowerHandler& handler, const PowerGraph&
     if (request.kind == Scenario::Request::Target)
         handler.requestTarget(VelaPowerManagerTarget(graph.target(request.name)->target()), reply);
     else
-        handler.requestResource(VelaPowerManagerResourceRequest(graph.resource(request.name)->resource(),
-                                                                request.module, request.action),
-                                reply);
+        handler.requestResource(
+            VelaPowerManagerResourceRequest(graph.resource(request.name)->resource(), request.module, request.action),
+            reply);
     return reply;
 }
 

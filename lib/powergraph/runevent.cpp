@@ -4,8 +4,8 @@ namespace {
 
 // By kind, in the order of the enumeration.
 const char* const kindNames[] = {
-    "request", "answer", "reason",  "signal", "write", "message", "answered", "fails",
-    "ignored", "state",  "error",   "fatal",  "log",   "skipped", "snapshot",
+    "request", "answer", "reason", "signal", "write", "message", "answered", "fails",
+    "ignored", "state",  "error",  "fatal",  "log",   "skipped", "snapshot",
 };
 static_assert(sizeof kindNames / sizeof kindNames[0] == static_cast<int>(RunEvent::Kind::Snapshot) + 1,
               "every kind of event has a name");

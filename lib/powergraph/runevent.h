@@ -12,20 +12,20 @@
  */
 struct RunEvent {
     enum class Kind {
-        Request,  // a request sent; subject "#1"
-        Answer,   // its answer
-        Reason,   // why it was refused, in plain words
-        Signal,   // nextTargetChanged or targetChanged
-        Write,    // a set-data write reached the platform; subject its path
-        Message,  // a revoke message reached the platform
+        Request, // a request sent; subject "#1"
+        Answer, // its answer
+        Reason, // why it was refused, in plain words
+        Signal, // nextTargetChanged or targetChanged
+        Write, // a set-data write reached the platform; subject its path
+        Message, // a revoke message reached the platform
         Answered, // the platform answered a call late
-        Fails,    // the platform refused a call
-        Ignored,  // the platform will never answer a call
-        State,    // a node entered a state; subject the node
-        Error,    // a record of the library at ERROR
-        Fatal,    // a record of the library at FATAL
-        Log,      // another record of the library, when shown
-        Skipped,  // an edge of the file not given to the library
+        Fails, // the platform refused a call
+        Ignored, // the platform will never answer a call
+        State, // a node entered a state; subject the node
+        Error, // a record of the library at ERROR
+        Fatal, // a record of the library at FATAL
+        Log, // another record of the library, when shown
+        Skipped, // an edge of the file not given to the library
         Snapshot, // the state of all nodes, asked for by hand
     };
 

@@ -81,7 +81,7 @@ void RunRecorder::add(Event::Kind kind, const QString& subject, const QString& d
 
 void RunRecorder::requestSent(int number, const QString& description)
 {
-    const QString subject = QStringLiteral("#%1").arg(number);
+    const QString subject = QLatin1Char('#') + QString::number(number);
     const int index = record(Event::Kind::Request, subject, description);
     const int span = beginSpan(Span::Request, requestTrack, subject + ' ' + description, QString(), index);
     m_requestSpans.insert(number, span);
@@ -91,7 +91,7 @@ void RunRecorder::requestSent(int number, const QString& description)
 
 void RunRecorder::requestAnswered(int number, const QString& answer, bool failed)
 {
-    const int index = record(Event::Kind::Answer, QStringLiteral("#%1").arg(number), answer);
+    const int index = record(Event::Kind::Answer, QLatin1Char('#') + QString::number(number), answer);
     const int span = m_requestSpans.value(number);
     ++m_requestsAnswered;
     if (span != 0) {
@@ -165,9 +165,7 @@ void RunRecorder::noteNodesToLookAt(const LibraryRecord& record)
             lookAtRequiredNodes(m_tracksByName.value(record.node), &tracks);
         break;
     case LibraryRecord::Kind::RequestFinished: {
-        const auto switched = [this](int track) {
-            return m_nodes.at(track)->state() != VelaPowerNodeStates::initial;
-        };
+        const auto switched = [this](int track) { return m_nodes.at(track)->state() != VelaPowerNodeStates::initial; };
         m_neverSwitched.erase(std::remove_if(m_neverSwitched.begin(), m_neverSwitched.end(), switched),
                               m_neverSwitched.end());
         tracks = m_neverSwitched;
@@ -301,8 +299,8 @@ void RunRecorder::openTransitions()
     for (int track : qAsConst(found)) {
         const QString& name = m_tracks.at(track).name;
         const VelaPowerNodeStates::Enum state = m_nodes.at(track)->state();
-        m_openTransitions.insert(name, beginSpan(Span::Transition, name, VelaPowerNodeStates::toString(state),
-                                                 QString(), latest));
+        m_openTransitions.insert(
+            name, beginSpan(Span::Transition, name, VelaPowerNodeStates::toString(state), QString(), latest));
     }
 }
 
@@ -317,10 +315,8 @@ void RunRecorder::actionFailed(const LibraryRecord& failure, int eventIndex)
         if (track <= 0 || track > m_graph.resources.size())
             return;
         const GraphSpec::Resource& resource = m_graph.resources.at(track - 1);
-        const GraphSpec::Write& write =
-            failure.action == QLatin1String("enable") ? resource.enable : resource.disable;
-        span = beginSpan(Span::Write, failure.node, write.key + " = " + write.value.toString(), write.path,
-                         eventIndex);
+        const GraphSpec::Write& write = failure.action == QLatin1String("enable") ? resource.enable : resource.disable;
+        span = beginSpan(Span::Write, failure.node, write.key + " = " + write.value.toString(), write.path, eventIndex);
     }
     Span& failed = m_spans[span - 1];
     failed.failed = true;
@@ -342,8 +338,8 @@ void RunRecorder::callArrived(const PlatformCall& call)
         return;
     }
     const int index = record(Event::Kind::Message, call.path, call.text());
-    const int span = beginSpan(Span::Message, call.module.isEmpty() ? call.path : call.module, call.messageName(),
-                               call.path, index);
+    const int span =
+        beginSpan(Span::Message, call.module.isEmpty() ? call.path : call.module, call.messageName(), call.path, index);
     m_events[index].beginsSpan = span;
     if (call.answeredAtOnce)
         endSpan(span, QStringLiteral("done"), index);
@@ -358,7 +354,7 @@ void RunRecorder::callAnswered(PlatformCall::Step step, const PlatformCall& call
 {
     const bool failed = step == PlatformCall::Failed;
     const QString detail = failed ? call.text() + QStringLiteral(": ") + call.error : call.text();
-    const Event::Kind kind = failed                              ? Event::Kind::Fails
+    const Event::Kind kind = failed                           ? Event::Kind::Fails
                              : step == PlatformCall::Answered ? Event::Kind::Answered
                                                               : Event::Kind::Ignored;
     const int index = record(kind, call.path, detail);

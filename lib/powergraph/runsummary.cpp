@@ -38,8 +38,8 @@ const RunRecorder::Span* RunSummary::longestWaitIn(qint64 beginUs, qint64 endUs)
     const auto beginsAfter = [](qint64 us, const RunRecorder::Span* span) { return us < span->beginUs; };
     const int first = static_cast<int>(
         std::lower_bound(m_waits.constBegin(), m_waits.constEnd(), beginUs, beginsBefore) - m_waits.constBegin());
-    const int end = static_cast<int>(
-        std::upper_bound(m_waits.constBegin(), m_waits.constEnd(), endUs, beginsAfter) - m_waits.constBegin());
+    const int end = static_cast<int>(std::upper_bound(m_waits.constBegin(), m_waits.constEnd(), endUs, beginsAfter) -
+                                     m_waits.constBegin());
     if (first >= end)
         return nullptr;
     int level = 0;

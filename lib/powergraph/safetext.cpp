@@ -38,9 +38,7 @@ QString SafeText::problem(const QString& text, int maximumLength)
             continue;
         }
         if (!text.at(i).isPrint())
-            return QStringLiteral("character %1 at position %2 is not printable")
-                .arg(escaped(text.at(i)))
-                .arg(i + 1);
+            return QStringLiteral("character %1 at position %2 is not printable").arg(escaped(text.at(i))).arg(i + 1);
     }
     return QString();
 }

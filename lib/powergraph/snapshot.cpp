@@ -12,8 +12,8 @@ bool readNodeStates(const QJsonObject& nodes, const QString& kind, QHash<QString
 {
     for (auto node = nodes.constBegin(); node != nodes.constEnd(); ++node) {
         const QJsonObject entry = node.value().toObject();
-        if (!node.value().isObject() || !entry.value(QLatin1String("isEnabled")).isBool()
-            || !entry.value(QLatin1String("actions")).isObject()) {
+        if (!node.value().isObject() || !entry.value(QLatin1String("isEnabled")).isBool() ||
+            !entry.value(QLatin1String("actions")).isObject()) {
             *problem = QStringLiteral("%1 %2 needs \"isEnabled\" (true or false) and \"actions\" (an object)")
                            .arg(kind, SafeText::quoted(node.key()));
             return false;
@@ -46,9 +46,9 @@ bool GraphSnapshot::read(const QByteArray& json, GraphSnapshot* snapshot, QStrin
         *problem = QStringLiteral("a snapshot is an object with \"targets\" and \"resources\" objects");
         return false;
     }
-    return readNodeStates(root.value(QLatin1String("targets")).toObject(), QStringLiteral("target"),
-                          &snapshot->targets, problem)
-        && readNodeStates(root.value(QLatin1String("resources")).toObject(), QStringLiteral("resource"),
+    return readNodeStates(root.value(QLatin1String("targets")).toObject(), QStringLiteral("target"), &snapshot->targets,
+                          problem) &&
+           readNodeStates(root.value(QLatin1String("resources")).toObject(), QStringLiteral("resource"),
                           &snapshot->resources, problem);
 }
 

@@ -29,7 +29,8 @@ QString describeRequest(const Scenario::Request& request)
 {
     if (request.kind == Scenario::Request::Target)
         return QStringLiteral("switch to %1").arg(request.name);
-    return QStringLiteral("%1 %2 %3").arg(request.module, VelaPowerModuleActions::toString(request.action), request.name);
+    return QStringLiteral("%1 %2 %3")
+        .arg(request.module, VelaPowerModuleActions::toString(request.action), request.name);
 }
 
 } // namespace

@@ -60,8 +60,11 @@ QStringList ScenarioRunner::unsent() const
 void ScenarioRunner::issue(int index)
 {
     m_sent[index] = true;
-    m_driver.send(m_requests.at(index), [this](const RequestDriver::Answer&) {
-        if (allAnswered() && m_allAnswered)
-            m_allAnswered();
-    }, index + 1);
+    m_driver.send(
+        m_requests.at(index),
+        [this](const RequestDriver::Answer&) {
+            if (allAnswered() && m_allAnswered)
+                m_allAnswered();
+        },
+        index + 1);
 }

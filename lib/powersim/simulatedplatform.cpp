@@ -68,8 +68,8 @@ void SimulatedPlatform::addDataPath(const QString& path)
         return;
     const Scenario::Answer behaviour = answerFor(path);
     CMRootWorker::instance()->registerSetDataHandler(
-        CMPath(path), [this, behaviour](const CMPath& target, const QString& key, const QVariant& value,
-                                        CMReply<QVariant> reply) {
+        CMPath(path),
+        [this, behaviour](const CMPath& target, const QString& key, const QVariant& value, CMReply<QVariant> reply) {
             take(PlatformCall::write(target.toString(), key, value), behaviour, reply, value);
         });
 }

@@ -59,8 +59,7 @@ private:
     void addDataPath(const QString& path);
     void addInvokePath(const QString& path);
     Scenario::Answer answerFor(const QString& path) const;
-    void take(PlatformCall call, const Scenario::Answer& answer, const CMReply<QVariant>& reply,
-              const QVariant& value);
+    void take(PlatformCall call, const Scenario::Answer& answer, const CMReply<QVariant>& reply, const QVariant& value);
 
     const GraphFile& m_file;
     Answering m_answering;

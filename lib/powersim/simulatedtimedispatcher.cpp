@@ -188,9 +188,9 @@ bool SimulatedTimeDispatcher::unregisterTimer(int timerId)
 bool SimulatedTimeDispatcher::unregisterTimers(QObject* object)
 {
     const auto before = m_timers.size();
-    m_timers.erase(std::remove_if(m_timers.begin(), m_timers.end(),
-                                  [&](const Timer& timer) { return timer.object == object; }),
-                   m_timers.end());
+    m_timers.erase(
+        std::remove_if(m_timers.begin(), m_timers.end(), [&](const Timer& timer) { return timer.object == object; }),
+        m_timers.end());
     return m_timers.size() != before;
 }
 
@@ -221,9 +221,7 @@ void SimulatedTimeDispatcher::interrupt()
     wakeUp();
 }
 
-void SimulatedTimeDispatcher::flush()
-{
-}
+void SimulatedTimeDispatcher::flush() {}
 
 std::function<qint64()> SimulatedTimeDispatcher::runClock()
 {

@@ -33,7 +33,8 @@ class QSocketNotifier;
  *     QCoreApplication app(argc, argv);
  *     QTimer::singleShot(5000, [&] { qInfo() << dispatcher->elapsedMs(); }); // 5000
  */
-class SimulatedTimeDispatcher : public QAbstractEventDispatcher {
+class SimulatedTimeDispatcher : public QAbstractEventDispatcher
+{
     Q_OBJECT
 
 public:

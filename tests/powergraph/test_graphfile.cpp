@@ -284,7 +284,8 @@ const RefusedFile kRefusedFiles[] = {
      "unknown key \"nodes\" (expected one of: modules, resources, targets, platform, requests)"},
     {"UnknownKeyInATarget", R"({"targets": [{"name": "t", "enabled": []}]})",
      "targets[0]: unknown key \"enabled\" (expected one of: name, value, enables, disables, reachable)"},
-    {"UnknownKeyInAWrite", R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": 1, "x": 0}}]})",
+    {"UnknownKeyInAWrite",
+     R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": 1, "x": 0}}]})",
      "resources[0].enable: unknown key \"x\" (expected one of: path, key, value)"},
     {"ListThatIsNoArray", R"({"modules": {}})", "modules: expected an array"},
     {"EntryThatIsNoObject", R"({"resources": [1]})", "resources[0]: expected an object"},
@@ -299,7 +300,8 @@ const RefusedFile kRefusedFiles[] = {
      "targets[1].name: target \"t\" is listed twice"},
     {"ValueUsedTwice", R"({"resources": [{"name": "twiceA", "value": 4100}, {"name": "twiceB", "value": 4100}]})",
      "resources[1].value: value 4100 is used twice"},
-    {"NegativeValue", R"({"targets": [{"name": "t", "value": -2}]})", "targets[0].value: expected an integer from 0 to 2147483647"},
+    {"NegativeValue", R"({"targets": [{"name": "t", "value": -2}]})",
+     "targets[0].value: expected an integer from 0 to 2147483647"},
     {"FractionalTimeout", R"({"resources": [{"name": "a", "timeoutMs": 1.5}]})",
      "resources[0].timeoutMs: expected an integer from 0 to 2147483647"},
     {"TimeoutAsText", R"({"resources": [{"name": "a", "timeoutMs": "5"}]})",
@@ -324,7 +326,8 @@ const RefusedFile kRefusedFiles[] = {
      "resources[0].modules.m: expected one of \"hold\", \"use\", \"release\""},
     {"TargetEnablingAnUnknownResource", R"({"targets": [{"name": "t", "enables": ["x"]}]})",
      "targets[0].enables[0]: unknown resource \"x\""},
-    {"TargetDisablingAnUnknownResource", R"({"resources": [{"name": "a"}], "targets": [{"name": "t", "disables": ["a", "x"]}]})",
+    {"TargetDisablingAnUnknownResource",
+     R"({"resources": [{"name": "a"}], "targets": [{"name": "t", "disables": ["a", "x"]}]})",
      "targets[0].disables[1]: unknown resource \"x\""},
     {"PlatformThatIsNoObject", R"({"platform": []})", "platform: expected an object"},
     {"UnknownAnswerWord", R"({"platform": {"/p": "sometimes"}})",
@@ -338,9 +341,11 @@ const RefusedFile kRefusedFiles[] = {
      "platform./p: unknown key \"delay\" (expected one of: delayMs, error)"},
     {"RequestNamingNeither", R"({"requests": [{"atMs": 1}]})",
      "requests[0]: give exactly one of \"target\" and \"resource\""},
-    {"ResourceRequestWithoutModule", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "action": "use"}]})",
+    {"ResourceRequestWithoutModule",
+     R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "action": "use"}]})",
      "requests[0]: missing \"module\""},
-    {"ResourceRequestWithoutAction", R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m"}]})",
+    {"ResourceRequestWithoutAction",
+     R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m"}]})",
      "requests[0].action: expected one of \"hold\", \"use\", \"release\""},
     {"RequestAtANegativeTime", R"({"targets": [{"name": "t"}], "requests": [{"target": "t", "atMs": -3}]})",
      "requests[0].atMs: expected an integer from 0 to 2147483647"},
@@ -361,8 +366,7 @@ TEST(GraphFile, RequestsForNodesTheFileDoesNotDefineAreRefused)
     // The place names the request and the field that holds the name.
     const QString target = refusal(R"({"targets": [{"name": "t"}], "requests": [{"target": "u"}]})");
     EXPECT_EQ(target, QStringLiteral("requests[0].target: unknown target \"u\""));
-    const QString resource =
-        refusal(R"({"resources": [{"name": "a"}], "requests": [{"target": "t"}]})");
+    const QString resource = refusal(R"({"resources": [{"name": "a"}], "requests": [{"target": "t"}]})");
     EXPECT_TRUE(resource.startsWith("requests[0].target")) << resource.toStdString();
     const QString unknownResource = refusal(
         R"({"resources": [{"name": "a"}], "requests": [{"resource": "a", "module": "m", "action": "use"},
@@ -451,7 +455,8 @@ TEST(GraphFileStrict, EveryRefusalCarriesFileLineAndColumn)
                                                "    { \"name\": \"backlight\", \"requires\": [\"lamp\"] } ] }\n");
     EXPECT_EQ(failure.place.line, 3);
     EXPECT_EQ(failure.place.column, 41);
-    EXPECT_EQ(failure.message(), QStringLiteral("graph.json:3:41: resources[1].requires[0]: unknown resource \"lamp\""));
+    EXPECT_EQ(failure.message(),
+              QStringLiteral("graph.json:3:41: resources[1].requires[0]: unknown resource \"lamp\""));
 }
 
 TEST(GraphFileStrict, InvalidJsonGivesLineAndColumnNotAnOffset)
@@ -557,8 +562,8 @@ TEST(GraphFileStrict, NumbersOutOfRangeSayTheAllowedRange)
 TEST(GraphFileStrict, DeepNestingIsRefused)
 {
     const QByteArray nested = QByteArray(100, '[') + QByteArray(100, ']');
-    const GraphFile::Failure failure = refused(
-        R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": )" + nested + "}}]}");
+    const GraphFile::Failure failure =
+        refused(R"({"resources": [{"name": "a", "enable": {"path": "/p", "key": "k", "value": )" + nested + "}}]}");
     EXPECT_EQ(failure.what, QStringLiteral("nesting deeper than 64 levels"));
 }
 
@@ -576,9 +581,10 @@ TEST(GraphFileStrict, InvalidUtf8IsRefused)
 
 TEST(GraphFileStrict, NamesKeepTheirPlaces)
 {
-    const GraphFile graph = parsed("{ \"resources\": [ { \"name\": \"a\" },\n"
-                                   "  { \"name\": \"b\", \"requires\": [\"a\"], \"modules\": { \"m\": \"use\" } } ],\n"
-                                   "  \"requests\": [ { \"resource\": \"b\", \"module\": \"m\", \"action\": \"use\" } ] }");
+    const GraphFile graph =
+        parsed("{ \"resources\": [ { \"name\": \"a\" },\n"
+               "  { \"name\": \"b\", \"requires\": [\"a\"], \"modules\": { \"m\": \"use\" } } ],\n"
+               "  \"requests\": [ { \"resource\": \"b\", \"module\": \"m\", \"action\": \"use\" } ] }");
     ASSERT_EQ(graph.resources.size(), 2);
     EXPECT_EQ(graph.resources.at(0).place.line, 1);
     EXPECT_EQ(graph.resources.at(0).place.column, 28);

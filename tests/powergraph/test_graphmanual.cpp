@@ -65,8 +65,8 @@ TEST(GraphManual, NamesEveryKeyTheLoaderAccepts)
         EXPECT_FALSE(accepted.isEmpty()) << "the loader named no keys for " << json.toStdString();
         for (const QString& key : accepted) {
             ++keys;
-            EXPECT_TRUE(documents(page, key)) << "not in the manual page: " << key.toStdString() << " (in "
-                                              << json.toStdString() << ")";
+            EXPECT_TRUE(documents(page, key))
+                << "not in the manual page: " << key.toStdString() << " (in " << json.toStdString() << ")";
         }
     }
     // Five top-level keys, and the keys of six kinds of object.

@@ -104,9 +104,11 @@ TEST(SimulatedTimeDispatcher, PostedEventsRunBeforeTheClockMoves)
         });
         QTimer::singleShot(10, &loop, [&loop, note] {
             note("timer10");
-            QMetaObject::invokeMethod(&loop, [note] { note("posted-at-10"); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                &loop, [note] { note("posted-at-10"); }, Qt::QueuedConnection);
         });
-        QMetaObject::invokeMethod(&loop, [note] { note("posted-at-0"); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &loop, [note] { note("posted-at-0"); }, Qt::QueuedConnection);
     }));
     EXPECT_EQ(events, QStringList({"posted-at-0@0", "timer10@10", "posted-at-10@10", "timer20@20"}));
 }
@@ -178,7 +180,8 @@ TEST(SimulatedTimeDispatcher, WithoutTimersItWaitsForWorkPostedFromAnotherThread
     while (!ready.loadAcquire())
         QThread::yieldCurrentThread();
     // Nothing is registered on that thread: only the wake-up can end its wait.
-    QMetaObject::invokeMethod(anchor, [&] { anchor->setObjectName("quit"); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        anchor, [&] { anchor->setObjectName("quit"); }, Qt::QueuedConnection);
     const bool finished = thread->wait(60000);
     if (!finished) {
         thread->terminate();

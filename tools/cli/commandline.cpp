@@ -45,7 +45,8 @@ bool CommandLine::parseWithOneGraph(const QStringList& arguments, int* exitCode,
 
 QCommandLineOption CommandLine::valueOption(const char* name, const char* description, const char* valueName)
 {
-    return QCommandLineOption(QString::fromLatin1(name), QString::fromUtf8(description), QString::fromLatin1(valueName));
+    return QCommandLineOption(QString::fromLatin1(name), QString::fromUtf8(description),
+                              QString::fromLatin1(valueName));
 }
 
 bool CommandLine::parse(const QStringList& arguments, int* exitCode)
@@ -83,6 +84,6 @@ QString CommandLine::helpText() const
     const QString qtText = m_parser.helpText();
     const QString text = qtText.mid(qtText.indexOf(QLatin1String("\n\n")) + 2);
     return QStringLiteral("Usage: vela-power %1 [options] %2\n%3\n\n")
-               .arg(m_command, m_positionalUsage, m_description)
-        + text + QLatin1Char('\n') + ExitCodes::table();
+               .arg(m_command, m_positionalUsage, m_description) +
+           text + QLatin1Char('\n') + ExitCodes::table();
 }

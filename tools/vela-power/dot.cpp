@@ -109,8 +109,8 @@ bool writePicture(const QByteArray& dot, const QString& output, QString* problem
 bool isKnownOutput(const QString& output)
 {
     const QString suffix = QFileInfo(output).suffix().toLower();
-    return output.isEmpty() || suffix == QLatin1String("dot") || suffix == QLatin1String("gv")
-        || suffix == QLatin1String("svg") || suffix == QLatin1String("png");
+    return output.isEmpty() || suffix == QLatin1String("dot") || suffix == QLatin1String("gv") ||
+           suffix == QLatin1String("svg") || suffix == QLatin1String("png");
 }
 
 } // namespace

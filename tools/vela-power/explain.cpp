@@ -76,9 +76,9 @@ QString revokesText(const QList<Explainer::Revoke>& revokes)
 
 QString changeText(const Explainer::Change& change, const QString& start)
 {
-    QString text = QStringLiteral("%1 (%2): %3\n").arg(change.question, start,
-                                                       change.allowed ? QStringLiteral("allowed")
-                                                                      : QStringLiteral("refused"));
+    QString text =
+        QStringLiteral("%1 (%2): %3\n")
+            .arg(change.question, start, change.allowed ? QStringLiteral("allowed") : QStringLiteral("refused"));
     if (!change.allowed) {
         text += QStringLiteral("  the library answers: %1\n").arg(change.answer);
         if (!change.reason.isEmpty())
@@ -219,8 +219,9 @@ int verbExplain(const QStringList& arguments)
     if (!line.parseWithOneGraph(arguments, &exitCode, &fileName) || !loadGraphFile(line, fileName, &file, &exitCode))
         return exitCode;
     QCommandLineParser& parser = line.parser();
-    Question question{parser.value(to), parser.value(from), parser.value(resource), parser.value(module),
-                      VelaPowerModuleActions::use, parser.value(node), line.isJson()};
+    Question question{parser.value(to),     parser.value(from),          parser.value(resource),
+                      parser.value(module), VelaPowerModuleActions::use, parser.value(node),
+                      line.isJson()};
     const QString problem = checkQuestion(question, parser.value(action), file);
     if (!problem.isEmpty())
         return line.usageError(problem);
@@ -248,8 +249,8 @@ int verbExplain(const QStringList& arguments)
         return ExitCodes::Success;
     }
     const Explainer::Change change = question.to.isEmpty()
-        ? explainer.request(question.resource, question.module, question.action)
-        : explainer.switchTo(question.to);
+                                         ? explainer.request(question.resource, question.module, question.action)
+                                         : explainer.switchTo(question.to);
     QJsonObject json = changeJson(change);
     json.insert("after", start);
     print(changeText(change, start), json, question.json);

@@ -209,13 +209,15 @@ void InteractiveSession::explain(const QStringList& words)
         std::cout << m_explain->readAllStandardOutput().toStdString() << std::flush;
         // Later, not from inside the process's own signal: the next line may
         // be another explain, which replaces this process.
-        QMetaObject::invokeMethod(&m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
     });
     QObject::connect(m_explain.get(), &QProcess::errorOccurred, [this](QProcess::ProcessError failure) {
         if (failure != QProcess::FailedToStart)
             return;
         error(QStringLiteral("cannot start explain: %1").arg(m_explain->errorString()));
-        QMetaObject::invokeMethod(&m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &m_notifier, [this]() { resume(); }, Qt::QueuedConnection);
     });
     m_busy = true;
     m_explain->start(QCoreApplication::applicationFilePath(),

@@ -30,10 +30,9 @@ const Verb verbs[] = {
     {"run", "Run a graph and its requests against a simulated platform and show the timeline", verbRun,
      runIsOnSimulatedTime},
     {"verify", "Check graph files without running them", verbVerify, nullptr},
-    {"explain", "Explain a target switch, a resource request or a node's state, as the library decides it",
-     verbExplain, nullptr},
-    {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot,
+    {"explain", "Explain a target switch, a resource request or a node's state, as the library decides it", verbExplain,
      nullptr},
+    {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot, nullptr},
 };
 
 QString help()

@@ -15,8 +15,8 @@
 #include "runsummary.h"
 #include "scenariorunner.h"
 #include "simulatedrun.h"
-#include "snapshot.h"
 #include "simulatedtimedispatcher.h"
+#include "snapshot.h"
 #include "stopsignals.h"
 #include "timeline.h"
 #include "tracewriter.h"
@@ -106,8 +106,7 @@ bool writeFile(const QString& fileName, const QByteArray& content)
     QString reason;
     if (fileName.isEmpty() || writeWholeFile(fileName, content, &reason))
         return true;
-    std::cerr << "vela-power run: cannot write " << fileName.toStdString() << ": " << reason.toStdString()
-              << std::endl;
+    std::cerr << "vela-power run: cannot write " << fileName.toStdString() << ": " << reason.toStdString() << std::endl;
     return false;
 }
 
@@ -232,15 +231,13 @@ int verbRun(const QStringList& arguments)
     if (stop.caught())
         std::cerr << "vela-power run: stopped by " << StopSignals::name(stop.caught()) << std::endl;
 
-    const QByteArray snapshot =
-        GraphSnapshot::json(run.handler().listNodes());
+    const QByteArray snapshot = GraphSnapshot::json(run.handler().listNodes());
     printSummary(scenario, run.driver(), recorder, snapshot);
     const bool written = writeOutputs(outputs, recorder, snapshot, QFileInfo(fileName).fileName());
     if (stop.caught())
         return stop.caught() == SIGINT ? ExitCodes::Interrupted : ExitCodes::Terminated;
     if (timedOut && !scenario.allAnswered()) {
-        std::cerr << "vela-power run: gave up after " << timeoutMs << " ms with requests still unanswered"
-                  << std::endl;
+        std::cerr << "vela-power run: gave up after " << timeoutMs << " ms with requests still unanswered" << std::endl;
         return ExitCodes::Problems;
     }
     return written ? ExitCodes::Success : ExitCodes::Problems;
