@@ -317,6 +317,7 @@ void RunRecorder::actionFailed(const LibraryRecord& failure, int eventIndex)
         const GraphSpec::Resource& resource = m_graph.resources.at(track - 1);
         const GraphSpec::Write& write = failure.action == QLatin1String("enable") ? resource.enable : resource.disable;
         span = beginSpan(Span::Write, failure.node, write.key + " = " + write.value.toString(), write.path, eventIndex);
+        m_events[eventIndex].beginsSpan = span;
     }
     Span& failed = m_spans[span - 1];
     failed.failed = true;
@@ -375,7 +376,7 @@ void RunRecorder::callAnswered(PlatformCall::Step step, const PlatformCall& call
     if (span == 0)
         return;
     m_spans[span - 1].failed = failed;
-    endSpan(span, failed ? detail.mid(detail.lastIndexOf(QLatin1String(": ")) + 2) : QStringLiteral("done"), index);
+    endSpan(span, failed ? call.error : QStringLiteral("done"), index);
 }
 
 int RunRecorder::record(Event::Kind kind, const QString& subject, const QString& detail)

@@ -20,7 +20,7 @@ void ScenarioRunner::start(std::function<void()> allAnswered)
 {
     m_allAnswered = std::move(allAnswered);
     for (int index = 0; index < m_requests.size(); ++index)
-        QTimer::singleShot(m_requests.at(index).atMs, [this, index]() { issue(index); });
+        QTimer::singleShot(m_requests.at(index).atMs, &m_timers, [this, index]() { issue(index); });
 }
 
 bool ScenarioRunner::allAnswered() const

@@ -3,6 +3,7 @@
 
 #include "graphfile.h"
 
+#include <QObject>
 #include <QStringList>
 #include <QVector>
 
@@ -45,6 +46,9 @@ private:
     const RunRecorder& m_recorder;
     QVector<bool> m_sent;
     std::function<void()> m_allAnswered;
+    // The requests' timers go with the runner: a request not due yet is
+    // never sent.
+    QObject m_timers;
 };
 
 #endif

@@ -103,9 +103,8 @@ void SimulatedPlatform::take(PlatformCall call, const Scenario::Answer& answer, 
         reply.setError(simulatedError(answer.error));
         return;
     case Scenario::Answer::Delayed: {
-        const Listener listener = m_listener;
-        QTimer::singleShot(answer.delayMs, [reply, value, call, listener]() {
-            listener(PlatformCall::Answered, call);
+        QTimer::singleShot(answer.delayMs, &m_delayedAnswers, [this, reply, value, call]() {
+            m_listener(PlatformCall::Answered, call);
             reply.setValue(value);
         });
         return;

@@ -7,6 +7,7 @@
 #include "cmpath.h"
 #include "cmreply.h"
 
+#include <QObject>
 #include <QSet>
 #include <QVector>
 
@@ -68,6 +69,9 @@ private:
     QSet<CMPath> m_dataPaths;
     QSet<CMPath> m_invokePaths;
     QVector<PendingCall> m_pending;
+    // The timers of late answers go with the platform: once it is gone it
+    // answers and reports nothing more.
+    QObject m_delayedAnswers;
 };
 
 #endif

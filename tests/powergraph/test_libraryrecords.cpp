@@ -117,9 +117,9 @@ struct Fields {
     std::string text() const
     {
         std::ostringstream out;
-        out << kindText(kind) << " node=[" << node << "] state=[" << state << "] module=[" << module
-            << "] action=[" << action << "] otherNode=[" << otherNode << "] error=[" << error
-            << "] step=" << stepText(step) << " requestId=" << requestId;
+        out << kindText(kind) << " node=[" << node << "] state=[" << state << "] module=[" << module << "] action=["
+            << action << "] otherNode=[" << otherNode << "] error=[" << error << "] step=" << stepText(step)
+            << " requestId=" << requestId;
         return out.str();
     }
 };
@@ -248,6 +248,17 @@ std::string processEntry(qint64 id)
            ": nodeRequest id: " + std::to_string(id);
 }
 
+// A record's text, however the record keeps it.
+std::string plain(const std::string& text)
+{
+    return text;
+}
+
+[[maybe_unused]] std::string plain(const QString& text)
+{
+    return text.toStdString();
+}
+
 template <typename Record>
 std::string recordText(const Record& record)
 {
@@ -346,8 +357,8 @@ TEST(LibraryRecordDecoding, IdentitiesBeyondThirtyTwoBitsAreKept)
 TEST(LibraryRecordDecoding, EveryRefusalOfTheEntryPointsGivesItsReason)
 {
     const std::string target = recordText(VelaPowerManagerTarget(VelaPowerManagerTargets::standby));
-    const std::string resource =
-        recordText(VelaPowerManagerResourceRequest(VelaPowerManagerResources::audio, "media", VelaPowerModuleActions::use));
+    const std::string resource = recordText(
+        VelaPowerManagerResourceRequest(VelaPowerManagerResources::audio, "media", VelaPowerModuleActions::use));
     for (const char* reason : {"Incorrect request", "Unknown target", "Cannot add request for requested target"})
         EXPECT_EQ(decoded(kError, std::string(reason) + ": " + target), requestRefused(reason)) << reason;
     for (const char* reason : {"Incorrect request", "Unknown resource", "Cannot add request for requested resource"})
@@ -370,10 +381,10 @@ TEST(LibraryRecordDecoding, DecodingKeepsTheLevelAndTheWholeMessage)
     const std::string text = "Node: display enters state: enabled";
     const LibraryRecord record = LibraryRecord::decode(kDebug, text);
     EXPECT_EQ(record.level, kDebug);
-    EXPECT_EQ(record.message.toStdString(), text);
+    EXPECT_EQ(plain(record.message), text);
     const LibraryRecord other = LibraryRecord::decode(kError, "Null node pointer.");
     EXPECT_EQ(other.level, kError);
-    EXPECT_EQ(other.message, QStringLiteral("Null node pointer."));
+    EXPECT_EQ(plain(other.message), "Null node pointer.");
 }
 
 // --- Texts that are none of the kinds ---------------------------------------
@@ -389,17 +400,20 @@ TEST(LibraryRecordDecoding, LibraryTextsWithoutAKindDecodeAsOther)
     EXPECT_EQ(decoded(kTrace, "Leave " + dbglog_scopedFunction("CMReply<void> PowerNode::disable()", "PowerManager") +
                                   ": powerNode: display already disabled or disable was already requested..."),
               other);
-    EXPECT_EQ(decoded(kTrace, "Enter " + dbglog_scopedFunction("CMReply<void> PowerNodeRequest::execute()",
-                                                               "PowerManager") + ": nodeRequest id: 3"),
+    EXPECT_EQ(decoded(kTrace, "Enter " +
+                                  dbglog_scopedFunction("CMReply<void> PowerNodeRequest::execute()", "PowerManager") +
+                                  ": nodeRequest id: 3"),
               other);
     EXPECT_EQ(decoded(kTrace, "Leave " + dbglog_scopedFunction("bool PowerNodeRequest::resolve()", "PowerManager") +
                                   ": nodeRequest id: 3"),
               other);
     EXPECT_EQ(decoded(kTrace, "nodeRequest id: 3 resolved ok"), other);
     EXPECT_EQ(decoded(kTrace, "nodeRequest id: 3 all actions finished"), other);
-    EXPECT_EQ(decoded(kTrace, "Enter " + dbglog_scopedFunction("void PowerHandler::resolveNodeRequest(int64_t, const "
-                                                               "CMError&)",
-                                                               "PowerManager") + ": id: 3 success: 1"),
+    EXPECT_EQ(decoded(kTrace, "Enter " +
+                                  dbglog_scopedFunction("void PowerHandler::resolveNodeRequest(int64_t, const "
+                                                        "CMError&)",
+                                                        "PowerManager") +
+                                  ": id: 3 success: 1"),
               other);
     EXPECT_EQ(decoded(kInfo, "something else entirely"), other);
     EXPECT_EQ(decoded(kDebug, ""), other);
@@ -471,8 +485,7 @@ protected:
         CMRootWorker::instance()->clearHandlers();
     }
 
-    PowerResource* resource(int value, const QString& name, Platform onEnable, Platform onDisable,
-                            int timeoutMs = 5000)
+    PowerResource* resource(int value, const QString& name, Platform onEnable, Platform onDisable, int timeoutMs = 5000)
     {
         const auto id = static_cast<VelaPowerManagerResources::Enum>(value);
         EXPECT_TRUE(VelaPowerManagerResources::registerName(id, name));
@@ -551,7 +564,8 @@ private:
     void serve(const QString& path, Platform answer)
     {
         CMRootWorker::instance()->registerSetDataHandler(
-            CMPath(path), [this, answer](const CMPath&, const QString&, const QVariant& value, CMReply<QVariant> reply) {
+            CMPath(path),
+            [this, answer](const CMPath&, const QString&, const QVariant& value, CMReply<QVariant> reply) {
                 if (m_finishing || answer == Platform::AtOnce)
                     reply.setValue(value);
                 else if (answer == Platform::WithError)
@@ -721,9 +735,9 @@ TEST_F(LibraryRecordsOfARun, RefusedEdgesNameBothNodes)
     LogCapture log;
 
     amplifier->requiresResource(speaker); // a cycle
-    speaker->requiredBy(amplifier);       // the same cycle, from the other side
-    party->disables(speaker);             // already enabled by it
-    quiet->enables(speaker);              // already disabled by it
+    speaker->requiredBy(amplifier); // the same cycle, from the other side
+    party->disables(speaker); // already enabled by it
+    quiet->enables(speaker); // already disabled by it
 
     EXPECT_EQ(decodedRecords(log), (std::vector<std::string>{
                                        edgeRefused("main amplifier", "left speaker"),
@@ -789,7 +803,8 @@ TEST_F(LibraryRecordsOfARun, RefusalsAtTheEntryPointsGiveTheirReasons)
         handler.requestTarget(VelaPowerManagerTarget(), reply);
         return reply;
     }();
-    const CMReply<QVariant> undeclaredModule = askResource(lamp, QStringLiteral("night watch"), VelaPowerModuleActions::use);
+    const CMReply<QVariant> undeclaredModule =
+        askResource(lamp, QStringLiteral("night watch"), VelaPowerModuleActions::use);
 
     ASSERT_TRUE(finished(unknownTarget));
     ASSERT_TRUE(finished(unknownResource));
@@ -840,8 +855,8 @@ TEST_F(LibraryRecordsOfARun, RequestThatTurnedInvalidWhileQueuedIsRemovedByItsId
     handler.registerResource(second);
     PowerNodeRequestTestAccess::setIdCounter(7999);
     const CMReply<QVariant> running = askResource(first, QStringLiteral("media player"), VelaPowerModuleActions::use);
-    const PowerNodeRequestPtr queued = handler.makeRequest(second, QStringLiteral("media player"),
-                                                           VelaPowerModuleActions::use);
+    const PowerNodeRequestPtr queued =
+        handler.makeRequest(second, QStringLiteral("media player"), VelaPowerModuleActions::use);
     ASSERT_FALSE(queued.isNull());
     ASSERT_EQ(queued->id(), 8001);
     ASSERT_TRUE(handler.addRequest(queued));
@@ -879,4 +894,38 @@ TEST_F(LibraryRecordsOfARun, NullNodesAndRepeatedEnablesWriteOnlyRecordsOfNoKind
     EXPECT_EQ(log.count(kError, "Null node pointer."), 1) << log.dump();
     EXPECT_TRUE(log.containsFragment(kTrace, " already enabled or enable was already requested...")) << log.dump();
     EXPECT_TRUE(decodedRecords(log, {"invalid power node requested", "Null node pointer."}).empty()) << log.dump();
+}
+
+TEST_F(LibraryRecordsOfARun, WatcherHandsOnEachRecordDecodedAndOnlyWhileItLives)
+{
+    registerModule(QStringLiteral("media player"));
+    PowerResource* lamp = resource(7116, QStringLiteral("wall lamp"), Platform::AtOnce, Platform::AtOnce);
+    handler.registerResource(lamp);
+    log4cplus::Logger& logger = vela::powerManagerLogger();
+    const log4cplus::LogLevel previous = logger.getLogLevel();
+    logger.setLogLevel(log4cplus::INFO_LOG_LEVEL);
+    std::vector<std::string> heard;
+    {
+        LibraryLogWatcher watcher([&heard](const LibraryRecord& record) {
+            if (record.kind != Kind::Other)
+                heard.push_back(fieldsOf(record));
+        });
+        // State changes are DEBUG: the watcher lowers the level to see them.
+        EXPECT_EQ(logger.getLogLevel(), kDebug);
+        ASSERT_TRUE(finished(lamp->enable()));
+        EXPECT_EQ(heard,
+                  (std::vector<std::string>{actionDone("wall lamp", "enable"), stateChanged("wall lamp", "enabled")}));
+        heard.clear();
+        watcher.lowerLevel(kTrace);
+        EXPECT_EQ(logger.getLogLevel(), kTrace);
+        PowerNodeRequestTestAccess::setIdCounter(8999);
+        ASSERT_TRUE(finished(askResource(lamp, QStringLiteral("media player"), VelaPowerModuleActions::release)));
+        ASSERT_FALSE(heard.empty());
+        EXPECT_EQ(heard.front(), requestKind(Kind::RequestStarted, 9000));
+        EXPECT_EQ(heard.back(), requestKind(Kind::RequestFinished, 9000));
+        heard.clear();
+    }
+    ASSERT_TRUE(finished(lamp->enable()));
+    EXPECT_TRUE(heard.empty());
+    logger.setLogLevel(previous);
 }
