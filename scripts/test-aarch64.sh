@@ -27,7 +27,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$(pwd)
 
-all_labels=(api graph switching requests handler tools lifetime)
+all_labels=(api graph switching requests handler powergraph powersim tools lifetime)
 labels=("${all_labels[@]}")
 build=1
 gtest_filter=
@@ -204,7 +204,7 @@ make_initramfs() {
   done
   # The tests compare log records with the source lines that wrote them, and
   # the tool tests read graph files: the source folders go along, same path.
-  (cd "$source_dir" && find api modules tests tools examples docs -type f -print0 |
+  (cd "$source_dir" && find api modules lib tests tools examples docs -type f -print0 |
     cpio --null -pdm --quiet "$image_root$source_dir")
 
   write_init "$host_program" >"$image_root/init"

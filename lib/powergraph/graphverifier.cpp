@@ -1,5 +1,7 @@
 #include "graphverifier.h"
 
+#include "libraryrecords.h"
+
 #include <QSet>
 
 #include <algorithm>
@@ -253,9 +255,7 @@ void GraphVerifier::checkConflicts()
             if (route.size() > 1)
                 nodes.append(route.first());
             add(Finding::Code::EnableDisableConflict, nodes, edges.disablePlaces.at(i),
-                why + QStringLiteral("; the library refuses: \"Tried to make power target %1 disable node %2, but it "
-                                     "already enables that node.\"")
-                          .arg(target.name, name));
+                why + QStringLiteral("; the library refuses: \"%1\"").arg(LibraryRecord::disableEdgeRefusal(target.name, name)));
         }
     });
 }

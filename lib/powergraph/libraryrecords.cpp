@@ -229,6 +229,12 @@ LibraryRecord LibraryRecord::decode(log4cplus::LogLevel level, const std::string
     return record;
 }
 
+QString LibraryRecord::disableEdgeRefusal(const QString& target, const QString& node)
+{
+    return QStringLiteral("Tried to make power target %1 disable node %2, but it already enables that node.")
+        .arg(target, node);
+}
+
 class LibraryLogWatcher::Forwarder : public log4cplus::Appender
 {
 public:

@@ -59,6 +59,9 @@ struct LibraryRecord {
     qint64 requestId = 0;
 
     static LibraryRecord decode(log4cplus::LogLevel level, const std::string& message);
+    // What the library logs when it refuses to make `target` disable `node`,
+    // which it enables: for a check that tells before the library does.
+    static QString disableEdgeRefusal(const QString& target, const QString& node);
     // The record's text; made only when asked for, since most records are
     // read for their fields alone.
     QString text() const { return QString::fromStdString(message); }

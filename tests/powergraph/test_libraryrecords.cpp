@@ -757,6 +757,26 @@ TEST_F(LibraryRecordsOfARun, RefusedEdgesNameBothNodes)
         << log.dump();
 }
 
+// The verifier quotes the refusal before the library makes it: the text it
+// quotes is the one the library logs.
+TEST_F(LibraryRecordsOfARun, PredictedDisableRefusalIsTheLibrarysOwnText)
+{
+    PowerResource* speaker = resource(7121, QStringLiteral("left speaker"), Platform::AtOnce, Platform::AtOnce);
+    PowerTarget* party = target(7122, QStringLiteral("party mode"));
+    party->enables(speaker);
+    LogCapture log;
+
+    party->disables(speaker);
+
+    const std::string predicted =
+        LibraryRecord::disableEdgeRefusal(QStringLiteral("party mode"), QStringLiteral("left speaker")).toStdString();
+    EXPECT_EQ(log.count(kError, predicted), 1) << predicted << "\n" << log.dump();
+    const LibraryRecord decoded = LibraryRecord::decode(kError, predicted);
+    EXPECT_EQ(decoded.kind, LibraryRecord::Kind::EdgeRefused);
+    EXPECT_EQ(decoded.node, QStringLiteral("party mode"));
+    EXPECT_EQ(decoded.otherNode, QStringLiteral("left speaker"));
+}
+
 TEST_F(LibraryRecordsOfARun, UnreachableTargetIsNamedBetweenTheRequestsStartAndFinish)
 {
     registerModule(VelaPowerManagerName());
