@@ -516,7 +516,8 @@ QString Scenario::Request::describe() const
 {
     if (kind == Target)
         return QStringLiteral("target ") + name;
-    return QStringLiteral("resource %1 %2 by %3").arg(name, VelaPowerModuleActions::toString(action), module);
+    return QLatin1String("resource ") + name + QLatin1Char(' ') + VelaPowerModuleActions::toString(action) +
+           QLatin1String(" by ") + module;
 }
 
 QString GraphFile::Failure::message() const

@@ -328,9 +328,11 @@ void RunRecorder::actionFailed(const LibraryRecord& failure, int eventIndex)
 void RunRecorder::callArrived(const PlatformCall& call)
 {
     if (call.kind == PlatformCall::Write) {
-        const int index = record(Event::Kind::Write, call.path, call.text());
+        // "key = value": the event's detail and the span's name, one text.
+        const QString text = call.text();
+        const int index = record(Event::Kind::Write, call.path, text);
         const QString node = call.resource.isEmpty() ? call.path : call.resource;
-        const int span = beginSpan(Span::Write, node, call.key + " = " + call.value.toString(), call.path, index);
+        const int span = beginSpan(Span::Write, node, text, call.path, index);
         m_events[index].beginsSpan = span;
         if (call.answeredAtOnce)
             endSpan(span, QStringLiteral("done"), index);

@@ -94,7 +94,7 @@ QByteArray TraceWriter::write(const RunRecorder& recorder, const QString& runNam
         events.append(QJsonObject{{QStringLiteral("ph"), QStringLiteral("i")},
                                   {QStringLiteral("s"), QStringLiteral("t")},
                                   {QStringLiteral("cat"), QStringLiteral("signal")},
-                                  {QStringLiteral("name"), event.subject + ' ' + event.detail},
+                                  {QStringLiteral("name"), QString(event.subject + ' ' + event.detail)},
                                   {QStringLiteral("ts"), event.timeUs},
                                   {QStringLiteral("pid"), processId},
                                   {QStringLiteral("tid"), threads.value(RunRecorder::requestTrack)}});
