@@ -89,9 +89,10 @@ QString DotWriter::targetId(const QString& name) const
 
 QString DotWriter::targetEdgeEnd(const GraphFile::Target& target, const QString& name) const
 {
-    if (m_file.resource(name) || name != target.name)
-        return resourceId(name);
-    return targetId(name);
+    const bool isResource = m_file.resource(name) != nullptr;
+    if (GraphSpec::targetEdgeEnd(target, name, isResource) == GraphSpec::EdgeEnd::TargetItself)
+        return targetId(name);
+    return resourceId(name);
 }
 
 QString DotWriter::nodeStatement(const QString& id, const QString& name, const char* shape,

@@ -562,6 +562,13 @@ bool GraphFile::load(const QString& fileName, GraphFile* graph, Failure* failure
     return parse(file.readAll(), fileName, graph, failure, naming);
 }
 
+GraphSpec::EdgeEnd GraphSpec::targetEdgeEnd(const Target& target, const QString& name, bool isResource)
+{
+    if (isResource)
+        return EdgeEnd::Resource;
+    return name == target.name ? EdgeEnd::TargetItself : EdgeEnd::Unknown;
+}
+
 const GraphSpec::Resource* GraphSpec::resource(const QString& name) const
 {
     return findNamed(resources, name);

@@ -71,6 +71,15 @@ struct GraphSpec {
     QList<Resource> resources;
     QList<Target> targets;
 
+    // What a name in a target's enables or disables list stands for: a
+    // resource of that name when there is one, else the target itself when
+    // it is the target's own name (an edge the library drops, since a
+    // target's edges live on its side only), else nothing the graph defines.
+    // `isResource` says whether the graph has a resource of that name (the
+    // caller looks it up in its own index).
+    enum class EdgeEnd { Resource, TargetItself, Unknown };
+    static EdgeEnd targetEdgeEnd(const Target& target, const QString& name, bool isResource);
+
     // Lookups by name; null when the graph defines none.
     const Resource* resource(const QString& name) const;
     const Target* target(const QString& name) const;

@@ -269,7 +269,8 @@ void GraphVerifier::checkSelfReferences()
                                                                                {&target.disables, "disables"}};
         for (const auto& list : lists) {
             for (const GraphFile::Reference& entry : *list.first) {
-                if (entry.name == target.name && !m_resourceIndex.contains(entry.name))
+                const bool isResource = m_resourceIndex.contains(entry.name);
+                if (GraphSpec::targetEdgeEnd(target, entry.name, isResource) == GraphSpec::EdgeEnd::TargetItself)
                     add(Finding::Code::SelfReference, {target.name}, entry.place,
                         QStringLiteral("%1 %2 itself: the library drops that edge").arg(target.name, list.second));
             }

@@ -184,9 +184,16 @@ void PowerGraph::wireResource(const GraphSpec::Resource& entry)
 // on its side only).
 PowerNode* PowerGraph::edgeEnd(const GraphSpec::Target& target, const QString& name) const
 {
-    if (PowerResource* found = resource(name))
+    PowerResource* found = resource(name);
+    switch (GraphSpec::targetEdgeEnd(target, name, found != nullptr)) {
+    case GraphSpec::EdgeEnd::Resource:
         return found;
-    return name == target.name ? this->target(name) : nullptr;
+    case GraphSpec::EdgeEnd::TargetItself:
+        return this->target(name);
+    case GraphSpec::EdgeEnd::Unknown:
+        break;
+    }
+    return nullptr;
 }
 
 void PowerGraph::wireTarget(const GraphSpec::Target& entry)

@@ -611,3 +611,16 @@ TEST(GraphFileStrict, ATargetMayNameItselfInItsLists)
     EXPECT_EQ(refusal(R"({"targets": [{"name": "t", "enables": ["u"]}, {"name": "u"}]})"),
               QStringLiteral("targets[0].enables[0]: unknown resource \"u\""));
 }
+
+// One rule for what a target's enables or disables entry stands for, read by
+// the wiring, the verifier and the drawing alike.
+TEST(GraphSpec, TargetEdgeEndIsTheResourceElseTheTargetItselfElseNothing)
+{
+    GraphSpec::Target target;
+    target.name = QStringLiteral("night");
+    EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("lamp"), true), GraphSpec::EdgeEnd::Resource);
+    // A resource of the target's own name wins over the target.
+    EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("night"), true), GraphSpec::EdgeEnd::Resource);
+    EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("night"), false), GraphSpec::EdgeEnd::TargetItself);
+    EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("lamp"), false), GraphSpec::EdgeEnd::Unknown);
+}
