@@ -165,24 +165,30 @@ private:
         return true;
     }
 
+    // Calls `parse` with the member `key` of `object` and its place when
+    // there is one: an optional member left out is no refusal.
+    template <typename Parse>
+    bool ifMember(const JsonNode& object, const char* key, const Where& where, Parse parse)
+    {
+        const JsonNode* member = object.member(QLatin1String(key));
+        return !member || parse(*member, Where(where, key));
+    }
+
     bool references(const JsonNode& object, const char* key, const Where& where, GraphFile::ReferenceList* out)
     {
-        const JsonNode* list = object.member(QLatin1String(key));
-        if (!list)
-            return true;
-        const Where here(where, key);
-        if (!array(list, here))
-            return false;
-        if (!list)
-            return true;
-        for (size_t i = 0; i < list->members.size(); ++i) {
-            GraphFile::Reference reference;
-            reference.place = list->item(i).place;
-            if (!text(list->item(i), Where(here, static_cast<int>(i)), SafeText::maximumNameLength, &reference.name))
+        return ifMember(object, key, where, [this, out](const JsonNode& list, const Where& here) {
+            if (!array(&list, here))
                 return false;
-            out->append(reference);
-        }
-        return true;
+            for (size_t i = 0; i < list.members.size(); ++i) {
+                GraphFile::Reference reference;
+                reference.place = list.item(i).place;
+                if (!text(list.item(i), Where(here, static_cast<int>(i)), SafeText::maximumNameLength,
+                          &reference.name))
+                    return false;
+                out->append(reference);
+            }
+            return true;
+        });
     }
 
     bool action(const JsonNode& node, const Where& where, VelaPowerModuleActions::Enum* out)
@@ -238,20 +244,18 @@ private:
 
     bool write(const JsonNode& resource, const char* key, const Where& where, GraphFile::Write* out)
     {
-        const JsonNode* entry = resource.member(QLatin1String(key));
-        if (!entry)
+        return ifMember(resource, key, where, [this, out](const JsonNode& entry, const Where& here) {
+            if (!expectKind(entry, JsonNode::Object, here) || !checkKeys(entry, {"path", "key", "value"}, here) ||
+                !member(entry, "path", here, true, SafeText::maximumPathLength, &out->path) ||
+                !member(entry, "key", here, true, SafeText::maximumPathLength, &out->key))
+                return false;
+            const JsonNode* value = entry.member(QLatin1String("value"));
+            if (!value)
+                return fail(entry.place, here, QStringLiteral("missing \"value\""));
+            out->value = value->toVariant();
+            out->present = true;
             return true;
-        const Where here(where, key);
-        if (!expectKind(*entry, JsonNode::Object, here) || !checkKeys(*entry, {"path", "key", "value"}, here) ||
-            !member(*entry, "path", here, true, SafeText::maximumPathLength, &out->path) ||
-            !member(*entry, "key", here, true, SafeText::maximumPathLength, &out->key))
-            return false;
-        const JsonNode* value = entry->member(QLatin1String("value"));
-        if (!value)
-            return fail(entry->place, here, QStringLiteral("missing \"value\""));
-        out->value = value->toVariant();
-        out->present = true;
-        return true;
+        });
     }
 
     // Calls `parse` for each member of the optional object `object` at
