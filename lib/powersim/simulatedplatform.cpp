@@ -120,16 +120,25 @@ void SimulatedPlatform::take(PlatformCall call, const Scenario::Answer& answer, 
     }
 }
 
+// Copied and then removed: GCC's overflow check (at -O2 with the address
+// sanitizer) misreads the move that QVector::takeAt makes.
+SimulatedPlatform::PendingCall SimulatedPlatform::takePending(int index)
+{
+    PendingCall pending = m_pending.at(index);
+    m_pending.remove(index);
+    return pending;
+}
+
 void SimulatedPlatform::answer(int index)
 {
-    const PendingCall pending = m_pending.takeAt(index);
+    const PendingCall pending = takePending(index);
     m_listener(PlatformCall::Answered, pending.call);
     pending.reply.setValue(pending.value);
 }
 
 void SimulatedPlatform::refuse(int index, const QString& error)
 {
-    PendingCall pending = m_pending.takeAt(index);
+    PendingCall pending = takePending(index);
     pending.call.error = error;
     m_listener(PlatformCall::Failed, pending.call);
     pending.reply.setError(simulatedError(error));
@@ -137,6 +146,6 @@ void SimulatedPlatform::refuse(int index, const QString& error)
 
 void SimulatedPlatform::drop(int index)
 {
-    const PendingCall pending = m_pending.takeAt(index);
+    const PendingCall pending = takePending(index);
     m_listener(PlatformCall::Ignored, pending.call);
 }

@@ -57,6 +57,7 @@ public:
 
 private:
     bool servesNewPath(const QString& path, QSet<CMPath>* paths) const;
+    PendingCall takePending(int index);
     void addDataPath(const QString& path);
     void addInvokePath(const QString& path);
     Scenario::Answer answerFor(const QString& path) const;
