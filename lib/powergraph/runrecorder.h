@@ -21,8 +21,12 @@ class PowerNode;
  * run started in microseconds. The text timeline, the events file, the trace
  * and the chart are all written from this one record. It is fed by the
  * library's log (decoded by LibraryRecord), by the platform that serves the
- * library's calls (simulated or real) and by whoever sends the requests;
- * each event costs the same whatever the size of the graph.
+ * library's calls (simulated or real) and by whoever sends the requests.
+ * What an event costs does not grow with the graph: the recorder looks only
+ * at the nodes the library's records point to, never at all of them. (A node
+ * left at rest among those stays looked at until the library returns to its
+ * event loop; a run that never returns there while many such nodes wait pays
+ * for each of them at every event.)
  *
  * Two kinds of entries:
  *  - events, in the order they happened: a request sent, an answer, a
