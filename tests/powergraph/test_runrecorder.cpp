@@ -56,7 +56,8 @@ std::string str(const QString& text)
  * serves every path the file writes to: it names the call (CallOwners),
  * reports its arrival to the recorder and answers at once, keeps it for the
  * test to answer or refuse later, or never answers it (reported as
- * ignored), as set per path.
+ * ignored), as set for every path or per path. The clock is the caller's, or
+ * one the test moves by hand (nowUs).
  */
 class RecordedGraph
 {
@@ -67,6 +68,14 @@ public:
         CMReply<QVariant> reply;
         QVariant value;
     };
+
+    // On a clock the test moves by hand, every path answered as `answer`
+    // unless answerAt() says otherwise.
+    explicit RecordedGraph(const QByteArray& json, Answer answer = Answer::AtOnce)
+        : RecordedGraph(json, [this] { return nowUs; })
+    {
+        m_answerElsewhere = answer;
+    }
 
     RecordedGraph(const QByteArray& json, RunRecorder::Clock clock)
     {
@@ -125,6 +134,13 @@ public:
         m_paths.remove(path);
     }
 
+    // Moves the hand clock to `atUs` and sends the request then.
+    int sendAt(qint64 atUs, const QString& resource, const QString& module, VelaPowerModuleActions::Enum action)
+    {
+        nowUs = atUs;
+        return send(resource, module, action);
+    }
+
     int send(const QString& resource, const QString& module, VelaPowerModuleActions::Enum action)
     {
         Scenario::Request request;
@@ -142,7 +158,24 @@ public:
         return waitUntil([this, count] { return m_requestAnswers.size() >= count; });
     }
 
-    int heldCount() const { return m_held.size(); }
+    // The keeper claims `resource` and then releases it, each request
+    // answered before the next is sent; false when an answer did not come.
+    bool claimedAndReleased(const QString& resource)
+    {
+        const int before = m_requestAnswers.size();
+        send(resource, QStringLiteral("keeper"), VelaPowerModuleActions::use);
+        if (!answered(before + 1))
+            return false;
+        send(resource, QStringLiteral("keeper"), VelaPowerModuleActions::release);
+        return answered(before + 2);
+    }
+
+    // Drives the event loop until exactly `count` writes wait for the test.
+    bool holding(int count)
+    {
+        return waitUntil([this, count] { return m_held.size() == count; });
+    }
+
     const Held& held(int index) const { return m_held.at(index); }
     // Answers held call `index` with success, as the platform reports it.
     void answer(int index)
@@ -161,6 +194,9 @@ public:
     const QVector<RunEvent>& heard() const { return m_heard; }
     const QList<RequestDriver::Answer>& answers() const { return m_requestAnswers; }
 
+    // The hand clock's time, in microseconds, when the test moves it.
+    qint64 nowUs = 0;
+
 private:
     void serveWrites(const QString& path)
     {
@@ -169,7 +205,7 @@ private:
             CMPath(path), [this](const CMPath& at, const QString& key, const QVariant& value, CMReply<QVariant> reply) {
                 PlatformCall call = PlatformCall::write(at.toString(), key, value);
                 m_owners->name(&call);
-                const Answer answer = m_finishing ? Answer::AtOnce : m_answers.value(at.toString(), Answer::AtOnce);
+                const Answer answer = m_finishing ? Answer::AtOnce : m_answers.value(at.toString(), m_answerElsewhere);
                 call.answeredAtOnce = answer == Answer::AtOnce;
                 m_recorder->platformCall(PlatformCall::Arrived, call);
                 switch (answer) {
@@ -195,6 +231,7 @@ private:
     std::unique_ptr<RequestDriver> m_driver;
     QSet<QString> m_paths;
     QHash<QString, Answer> m_answers;
+    Answer m_answerElsewhere = Answer::AtOnce;
     QList<Held> m_held;
     QVector<RunEvent> m_heard;
     QList<RequestDriver::Answer> m_requestAnswers;
@@ -226,17 +263,6 @@ QByteArray graphOf(const QList<QByteArray>& resources, const QByteArray& rest = 
         json += ", " + rest;
     return json + "}";
 }
-
-// A clock that reads `now`, which the test moves.
-class HandClock
-{
-public:
-    RunRecorder::Clock clock()
-    {
-        return [this]() { return now; };
-    }
-    qint64 now = 0;
-};
 
 // A clock that moves one microsecond every time it is read: every event gets
 // a time of its own.
@@ -306,6 +332,79 @@ std::string eventsText(const RunRecorder& recorder)
     return text;
 }
 
+// A write span as "/lamp power = true 70..70 done", followed by "(failed)"
+// or "(failed, timed out)" when it is marked so: where it wrote what, when,
+// and how it ended, so that one comparison checks them all.
+std::string writeText(const Span& span)
+{
+    std::string text = str(span.path) + " " + str(span.name) + " " + std::to_string(span.beginUs) + ".." +
+                       std::to_string(span.endUs) + " " + str(span.outcome);
+    if (span.failed && span.timedOut)
+        text += " (failed, timed out)";
+    else if (span.failed)
+        text += " (failed)";
+    else if (span.timedOut)
+        text += " (timed out)";
+    return text;
+}
+
+// The event that ended `span`, as "write /lamp power = true": its kind, and
+// its subject and detail where it has them; "no end event" when none did.
+std::string endEventText(const RunRecorder& recorder, const Span& span)
+{
+    if (span.endEvent < 0 || span.endEvent >= recorder.events().size())
+        return "no end event";
+    const RunEvent& event = recorder.events().at(span.endEvent);
+    std::string text = str(RunEvent::kindName(event.kind));
+    for (const QString& part : {event.subject, event.detail}) {
+        if (!part.isEmpty())
+            text += " " + str(part);
+    }
+    return text;
+}
+
+// The one write span on `node`'s track; null, with a failure that lists the
+// events, when there is not exactly one. The write tests all look at a
+// single write this way.
+const Span* onlyWriteSpan(const RunRecorder& recorder, const QString& node)
+{
+    const std::vector<const Span*> writes = spansOf(recorder, Span::Write, node);
+    if (writes.size() == 1)
+        return writes.front();
+    ADD_FAILURE() << writes.size() << " write spans on " << str(node) << ", not one\n" << eventsText(recorder);
+    return nullptr;
+}
+
+// `node` switched on and then off: an enabling span that ends enabled, then
+// a disabling span that ends disabled, each taking time and ending at its
+// node's state event. The tests of a claim and its release check every node
+// of the graph this way.
+::testing::AssertionResult switchedOnThenOff(const RunRecorder& recorder, const QString& node)
+{
+    const std::vector<const Span*> spans = spansOf(recorder, Span::Transition, node);
+    if (spans.size() != 2u)
+        return ::testing::AssertionFailure() << str(node) << " has " << spans.size() << " transition spans, not 2\n"
+                                             << eventsText(recorder);
+    const Span& on = *spans.at(0);
+    const Span& off = *spans.at(1);
+    if (on.name != QLatin1String("enabling") || on.outcome != QLatin1String("enabled") ||
+        off.name != QLatin1String("disabling") || off.outcome != QLatin1String("disabled"))
+        return ::testing::AssertionFailure()
+               << str(node) << ": " << transitionText(on) << ", then " << transitionText(off);
+    for (const Span* span : spans) {
+        if (span->beginUs >= span->endUs)
+            return ::testing::AssertionFailure() << str(node) << " " << transitionText(*span) << " takes no time";
+        ::testing::AssertionResult ended = endsAtItsStateEvent(recorder, *span);
+        if (!ended)
+            return ended << " (" << str(node) << ")";
+    }
+    if (on.endUs >= off.beginUs)
+        return ::testing::AssertionFailure()
+               << str(node) << " was switched off before it was on: " << transitionText(on) << ", then "
+               << transitionText(off);
+    return ::testing::AssertionSuccess();
+}
+
 } // namespace
 
 // --- Events and tracks ------------------------------------------------------------
@@ -328,11 +427,9 @@ TEST(RunEventKinds, EveryKindHasTheNameTheTimelineAndTheEventsFileUse)
 
 TEST(RunRecorderTracks, RequestQueueThenResourcesTargetsAndModulesInTheFilesOrder)
 {
-    HandClock time;
     RecordedGraph run(R"({"modules": [{"name": "zeta module"}, {"name": "alpha module"}],
                           "resources": [{"name": "speaker"}, {"name": "amplifier"}, {"name": "radio"}],
-                          "targets": [{"name": "listening"}, {"name": "asleep"}]})",
-                      time.clock());
+                          "targets": [{"name": "listening"}, {"name": "asleep"}]})");
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
     QStringList names;
@@ -352,11 +449,10 @@ TEST(RunRecorderTracks, RequestQueueThenResourcesTargetsAndModulesInTheFilesOrde
 
 TEST(RunRecorderEvents, AddedEventIsTypedTimedAndHandedToTheListener)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}));
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
-    time.now = 4200;
+    run.nowUs = 4200;
     run.recorder().add(Kind::Snapshot, QString(), QStringLiteral("{\"resources\": {}}"));
 
     ASSERT_EQ(run.recorder().events().size(), 1);
@@ -376,17 +472,14 @@ TEST(RunRecorderEvents, AddedEventIsTypedTimedAndHandedToTheListener)
 
 TEST(RunRecorderRequests, RequestSpanRunsFromSentToAnswered)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}), RecordedGraph::Answer::Later);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    run.answerAt("/lamp", RecordedGraph::Answer::Later);
 
-    time.now = 10;
-    EXPECT_EQ(run.send("lamp", "keeper", VelaPowerModuleActions::use), 1);
-    ASSERT_TRUE(waitUntil([&] { return run.heldCount() == 1; }));
+    EXPECT_EQ(run.sendAt(10, "lamp", "keeper", VelaPowerModuleActions::use), 1);
+    ASSERT_TRUE(run.holding(1));
     EXPECT_EQ(run.recorder().requestsSent(), 1);
     EXPECT_EQ(run.recorder().requestsAnswered(), 0);
-    time.now = 25;
+    run.nowUs = 25;
     run.answer(0);
     ASSERT_TRUE(run.answered(1));
 
@@ -418,13 +511,12 @@ TEST(RunRecorderRequests, RequestSpanRunsFromSentToAnswered)
 
 TEST(RunRecorderRequests, FailedAnswerMarksTheRequestSpanFailed)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}));
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
-    time.now = 3;
+    run.nowUs = 3;
     run.recorder().requestSent(9, QStringLiteral("resource lamp use by stranger"));
-    time.now = 8;
+    run.nowUs = 8;
     run.recorder().requestAnswered(9, QStringLiteral("failed: Cannot add request for requested resource"), true);
 
     const Span* span = run.recorder().requestSpan(9);
@@ -440,96 +532,62 @@ TEST(RunRecorderRequests, FailedAnswerMarksTheRequestSpanFailed)
 
 TEST(RunRecorderWrites, WriteAnsweredAtOnceEndsItsSpanAtOnceAsDone)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}));
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
-    time.now = 70;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
+    run.sendAt(70, "lamp", "keeper", VelaPowerModuleActions::use);
     ASSERT_TRUE(run.answered(1));
 
-    const std::vector<const Span*> writes = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(writes.size(), 1u) << eventsText(run.recorder());
-    const Span& write = *writes.front();
-    EXPECT_EQ(str(write.name), "power = true");
-    EXPECT_EQ(str(write.path), "/lamp");
-    EXPECT_EQ(write.beginUs, 70);
-    EXPECT_EQ(write.endUs, 70);
-    EXPECT_EQ(str(write.outcome), "done");
-    EXPECT_FALSE(write.failed);
-    EXPECT_FALSE(write.timedOut);
-    ASSERT_GE(write.endEvent, 0);
-    const RunEvent& event = run.recorder().events().at(write.endEvent);
-    EXPECT_EQ(event.kind, Kind::Write);
-    EXPECT_EQ(str(event.subject), "/lamp");
-    EXPECT_EQ(str(event.detail), "power = true");
-    EXPECT_EQ(event.beginsSpan, write.id);
-    EXPECT_EQ(event.endsSpan, write.id);
+    const Span* write = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(write, nullptr);
+    EXPECT_EQ(writeText(*write), "/lamp power = true 70..70 done");
+    ASSERT_EQ(endEventText(run.recorder(), *write), "write /lamp power = true");
+    const RunEvent& event = run.recorder().events().at(write->endEvent);
+    EXPECT_EQ(event.beginsSpan, write->id);
+    EXPECT_EQ(event.endsSpan, write->id);
 }
 
 TEST(RunRecorderWrites, WriteAnsweredLaterEndsAtTheAnswer)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}), RecordedGraph::Answer::Later);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    run.answerAt("/lamp", RecordedGraph::Answer::Later);
 
-    time.now = 100;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
-    ASSERT_TRUE(waitUntil([&] { return run.heldCount() == 1; }));
-    const std::vector<const Span*> open = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(open.size(), 1u);
-    EXPECT_TRUE(open.front()->isOpen());
-    time.now = 250;
+    run.sendAt(100, "lamp", "keeper", VelaPowerModuleActions::use);
+    ASSERT_TRUE(run.holding(1));
+    const Span* open = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(open, nullptr);
+    EXPECT_TRUE(open->isOpen());
+    run.nowUs = 250;
     run.answer(0);
     ASSERT_TRUE(run.answered(1));
 
-    const std::vector<const Span*> writes = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(writes.size(), 1u);
-    const Span& write = *writes.front();
-    EXPECT_EQ(write.beginUs, 100);
-    EXPECT_EQ(write.endUs, 250);
-    EXPECT_EQ(write.durationUs(), 150);
-    EXPECT_EQ(str(write.outcome), "done");
-    EXPECT_FALSE(write.failed);
-    ASSERT_GE(write.endEvent, 0);
-    const RunEvent& answered = run.recorder().events().at(write.endEvent);
-    EXPECT_EQ(answered.kind, Kind::Answered);
-    EXPECT_EQ(str(answered.subject), "/lamp");
-    EXPECT_EQ(str(answered.detail), "power = true");
-    EXPECT_EQ(answered.timeUs, 250);
+    const Span* write = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(write, nullptr);
+    EXPECT_EQ(writeText(*write), "/lamp power = true 100..250 done");
+    EXPECT_EQ(write->durationUs(), 150);
+    ASSERT_EQ(endEventText(run.recorder(), *write), "answered /lamp power = true");
+    EXPECT_EQ(run.recorder().events().at(write->endEvent).timeUs, 250);
 }
 
 TEST(RunRecorderWrites, RefusedWriteEndsAtTheLibrarysFailedActionRecordWithTheError)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}), RecordedGraph::Answer::Later);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    run.answerAt("/lamp", RecordedGraph::Answer::Later);
 
-    time.now = 100;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
-    ASSERT_TRUE(waitUntil([&] { return run.heldCount() == 1; }));
+    run.sendAt(100, "lamp", "keeper", VelaPowerModuleActions::use);
+    ASSERT_TRUE(run.holding(1));
     RecordedGraph::Held held = run.take(0);
     held.call.error = QStringLiteral("bus is busy");
-    time.now = 300;
+    run.nowUs = 300;
     run.recorder().platformCall(PlatformCall::Failed, held.call);
-    time.now = 310;
+    run.nowUs = 310;
     held.reply.setError(CMError(TrString(QStringLiteral("bus is busy"))));
     ASSERT_TRUE(run.answered(1));
 
-    const std::vector<const Span*> writes = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(writes.size(), 1u) << eventsText(run.recorder());
-    const Span& write = *writes.front();
-    EXPECT_EQ(write.beginUs, 100);
-    EXPECT_EQ(write.endUs, 310);
-    EXPECT_EQ(str(write.outcome), "bus is busy");
-    EXPECT_TRUE(write.failed);
-    EXPECT_FALSE(write.timedOut);
-    ASSERT_GE(write.endEvent, 0);
-    const RunEvent& failedAction = run.recorder().events().at(write.endEvent);
-    EXPECT_EQ(failedAction.kind, Kind::Error);
-    EXPECT_EQ(str(failedAction.detail), "lamp failed to enable Message: bus is busy");
+    const Span* write = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(write, nullptr);
+    EXPECT_EQ(writeText(*write), "/lamp power = true 100..310 bus is busy (failed)");
+    EXPECT_EQ(endEventText(run.recorder(), *write), "error lamp failed to enable Message: bus is busy");
     // The platform's refusal is an event of its own, before it.
     EXPECT_EQ(countOf(run.recorder(), Kind::Fails), 1);
     EXPECT_EQ(countOf(run.recorder(), Kind::Fatal), 1);
@@ -547,68 +605,54 @@ TEST(RunRecorderWrites, RefusedWriteEndsAtTheLibrarysFailedActionRecordWithTheEr
 
 TEST(RunRecorderWrites, WriteThatReachesNoOneGetsASpanOfNoLengthAtTheFailedRecord)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp")}));
     ASSERT_TRUE(run.valid()) << str(run.failure());
     run.leaveUnserved("/lamp");
 
-    time.now = 40;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
+    run.sendAt(40, "lamp", "keeper", VelaPowerModuleActions::use);
     ASSERT_TRUE(run.answered(1));
 
-    const std::vector<const Span*> writes = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(writes.size(), 1u) << eventsText(run.recorder());
-    const Span& write = *writes.front();
-    EXPECT_EQ(str(write.name), "power = true");
-    EXPECT_EQ(str(write.path), "/lamp");
-    EXPECT_EQ(write.beginUs, 40);
-    EXPECT_EQ(write.endUs, 40);
-    EXPECT_TRUE(write.failed);
-    EXPECT_FALSE(write.timedOut);
-    EXPECT_EQ(str(write.outcome), "No set-data handler registered for path: /lamp");
-    ASSERT_GE(write.endEvent, 0);
-    EXPECT_EQ(run.recorder().events().at(write.endEvent).kind, Kind::Error);
-    EXPECT_EQ(run.recorder().events().at(write.endEvent).beginsSpan, write.id);
+    const Span* write = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(write, nullptr);
+    EXPECT_EQ(writeText(*write), "/lamp power = true 40..40 No set-data handler registered for path: /lamp (failed)");
+    ASSERT_EQ(endEventText(run.recorder(), *write),
+              "error lamp failed to enable Message: No set-data handler registered for path: /lamp");
+    EXPECT_EQ(run.recorder().events().at(write->endEvent).beginsSpan, write->id);
     EXPECT_EQ(countOf(run.recorder(), Kind::Write), 0);
 }
 
 TEST(RunRecorderWrites, WriteNotAnsweredInTimeIsMarkedTimedOut)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp", {}, 0)}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp", {}, 0)}), RecordedGraph::Answer::Never);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    run.answerAt("/lamp", RecordedGraph::Answer::Never);
 
-    time.now = 5;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
-    time.now = 9;
+    run.sendAt(5, "lamp", "keeper", VelaPowerModuleActions::use);
+    run.nowUs = 9;
     ASSERT_TRUE(run.answered(1));
 
-    const std::vector<const Span*> writes = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(writes.size(), 1u) << eventsText(run.recorder());
-    const Span& write = *writes.front();
-    EXPECT_EQ(write.beginUs, 5);
-    EXPECT_EQ(write.endUs, 9);
-    EXPECT_TRUE(write.timedOut);
-    EXPECT_TRUE(write.failed);
-    EXPECT_EQ(write.outcome, CMVoidReply::ErrorTimeout());
+    const Span* write = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(write, nullptr);
+    EXPECT_EQ(writeText(*write),
+              "/lamp power = true 5..9 " + str(CMVoidReply::ErrorTimeout()) + " (failed, timed out)");
     EXPECT_EQ(countOf(run.recorder(), Kind::Ignored), 1);
-    ASSERT_GE(write.endEvent, 0);
-    EXPECT_EQ(run.recorder().events().at(write.endEvent).kind, Kind::Error);
+    EXPECT_EQ(endEventText(run.recorder(), *write),
+              "error lamp failed to enable Message: " + str(CMVoidReply::ErrorTimeout()));
 }
 
 // --- Revoke messages ----------------------------------------------------------------
 
 namespace {
 
-PlatformCall revokeCall(const CallOwners& owners, const QString& path, VelaPowerManagerResources::Enum resource)
+// The media module's revoke message for `resource`, sent to `path` and
+// named as the file's call owners name it.
+PlatformCall revokeCall(const GraphFile& file, const QString& path, VelaPowerManagerResources::Enum resource)
 {
     VelaPowerManagerRevokeMessage message;
     message.setModuleName(QStringLiteral("media"));
     message.setMessageType(VelaPowerManagerMessageTypes::revoke);
     message.setRevokeResources(VelaList<VelaPowerManagerResources::Enum>() << resource);
     PlatformCall call = PlatformCall::revokeMessage(path, message);
-    owners.name(&call);
+    CallOwners(file).name(&call);
     return call;
 }
 
@@ -620,14 +664,12 @@ const QByteArray kMediaGraph = R"({"modules": [{"name": "media", "revokePath": "
 
 TEST(RunRecorderMessages, MessageAnsweredAtOnceIsASpanOfNoLengthOnItsModulesTrack)
 {
-    HandClock time;
-    RecordedGraph run(kMediaGraph, time.clock());
+    RecordedGraph run(kMediaGraph);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    CallOwners owners(run.file());
-    PlatformCall call = revokeCall(owners, QStringLiteral("/media/after"), VelaPowerManagerResources::audio);
+    PlatformCall call = revokeCall(run.file(), QStringLiteral("/media/after"), VelaPowerManagerResources::audio);
     call.answeredAtOnce = true;
 
-    time.now = 12;
+    run.nowUs = 12;
     run.recorder().platformCall(PlatformCall::Arrived, call);
 
     const std::vector<const Span*> spans = spansOf(run.recorder(), Span::Message, "media");
@@ -644,18 +686,18 @@ TEST(RunRecorderMessages, MessageAnsweredAtOnceIsASpanOfNoLengthOnItsModulesTrac
 
 TEST(RunRecorderMessages, MessagesAnsweredLaterEndInTheOrderTheyArrived)
 {
-    HandClock time;
-    RecordedGraph run(kMediaGraph, time.clock());
+    RecordedGraph run(kMediaGraph);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    CallOwners owners(run.file());
-    const PlatformCall first = revokeCall(owners, QStringLiteral("/media/revoke"), VelaPowerManagerResources::audio);
-    const PlatformCall second = revokeCall(owners, QStringLiteral("/media/revoke"), VelaPowerManagerResources::wifi);
+    const PlatformCall first =
+        revokeCall(run.file(), QStringLiteral("/media/revoke"), VelaPowerManagerResources::audio);
+    const PlatformCall second =
+        revokeCall(run.file(), QStringLiteral("/media/revoke"), VelaPowerManagerResources::wifi);
 
-    time.now = 1;
+    run.nowUs = 1;
     run.recorder().platformCall(PlatformCall::Arrived, first);
-    time.now = 2;
+    run.nowUs = 2;
     run.recorder().platformCall(PlatformCall::Arrived, second);
-    time.now = 30;
+    run.nowUs = 30;
     run.recorder().platformCall(PlatformCall::Answered, first);
 
     const std::vector<const Span*> spans = spansOf(run.recorder(), Span::Message, "media");
@@ -670,16 +712,14 @@ TEST(RunRecorderMessages, MessagesAnsweredLaterEndInTheOrderTheyArrived)
 
 TEST(RunRecorderMessages, RefusedMessageEndsWithTheWholeErrorOfThePlatform)
 {
-    HandClock time;
-    RecordedGraph run(kMediaGraph, time.clock());
+    RecordedGraph run(kMediaGraph);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    CallOwners owners(run.file());
-    PlatformCall call = revokeCall(owners, QStringLiteral("/media/revoke"), VelaPowerManagerResources::audio);
+    PlatformCall call = revokeCall(run.file(), QStringLiteral("/media/revoke"), VelaPowerManagerResources::audio);
 
-    time.now = 5;
+    run.nowUs = 5;
     run.recorder().platformCall(PlatformCall::Arrived, call);
     call.error = QStringLiteral("media is busy: try again later");
-    time.now = 6;
+    run.nowUs = 6;
     run.recorder().platformCall(PlatformCall::Failed, call);
 
     const std::vector<const Span*> spans = spansOf(run.recorder(), Span::Message, "media");
@@ -703,28 +743,23 @@ QByteArray chainOfThree()
 
 TEST(RunRecorderTransitions, ChainOnAndOffGivesEveryNodeOneEnablingAndOneDisablingSpanOpenBeforeItsState)
 {
-    HandClock time;
-    RecordedGraph run(chainOfThree(), time.clock());
+    RecordedGraph run(chainOfThree(), RecordedGraph::Answer::Later);
     ASSERT_TRUE(run.valid()) << str(run.failure());
-    for (const char* path : {"/top", "/middle", "/bottom"})
-        run.answerAt(path, RecordedGraph::Answer::Later);
     // Each write waits until the clock has moved on by 100.
     const auto answerEachWriteAfter100 = [&](int writes) {
         for (int i = 0; i < writes; ++i) {
-            if (!waitUntil([&] { return run.heldCount() == 1; }))
+            if (!run.holding(1))
                 return false;
-            time.now += 100;
+            run.nowUs += 100;
             run.answer(0);
         }
         return true;
     };
 
-    time.now = 100;
-    run.send("top", "keeper", VelaPowerModuleActions::use);
+    run.sendAt(100, "top", "keeper", VelaPowerModuleActions::use);
     ASSERT_TRUE(answerEachWriteAfter100(3));
     ASSERT_TRUE(run.answered(1));
-    time.now = 500;
-    run.send("top", "keeper", VelaPowerModuleActions::release);
+    run.sendAt(500, "top", "keeper", VelaPowerModuleActions::release);
     ASSERT_TRUE(answerEachWriteAfter100(3));
     ASSERT_TRUE(run.answered(2));
 
@@ -754,24 +789,10 @@ TEST(RunRecorderTransitions, ChainAnsweredAtOnceStillOpensEachSpanBeforeTheState
     RecordedGraph run(chainOfThree(), time.clock());
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
-    run.send("top", "keeper", VelaPowerModuleActions::use);
-    ASSERT_TRUE(run.answered(1));
-    run.send("top", "keeper", VelaPowerModuleActions::release);
-    ASSERT_TRUE(run.answered(2));
+    ASSERT_TRUE(run.claimedAndReleased("top"));
 
-    for (const QString node : {"top", "middle", "bottom"}) {
-        const std::vector<const Span*> spans = spansOf(run.recorder(), Span::Transition, node);
-        ASSERT_EQ(spans.size(), 2u) << str(node) << "\n" << eventsText(run.recorder());
-        EXPECT_EQ(str(spans.at(0)->name), "enabling");
-        EXPECT_EQ(str(spans.at(0)->outcome), "enabled");
-        EXPECT_EQ(str(spans.at(1)->name), "disabling");
-        EXPECT_EQ(str(spans.at(1)->outcome), "disabled");
-        for (const Span* span : spans) {
-            EXPECT_LT(span->beginUs, span->endUs) << str(node) << " " << str(span->name);
-            EXPECT_TRUE(endsAtItsStateEvent(run.recorder(), *span));
-        }
-        EXPECT_LT(spans.at(0)->endUs, spans.at(1)->beginUs) << str(node);
-    }
+    for (const QString node : {"top", "middle", "bottom"})
+        ASSERT_TRUE(switchedOnThenOff(run.recorder(), node));
     // The top was on its way while the nodes below it switched, and left only
     // after they were on.
     const Span* topOn = spansOf(run.recorder(), Span::Transition, "top").at(0);
@@ -790,33 +811,17 @@ TEST(RunRecorderTransitions, NodeWithTwoRequiredNodesOpensOneSpanForEachOfThemEa
                       time.clock());
     ASSERT_TRUE(run.valid()) << str(run.failure());
 
-    run.send("hub", "keeper", VelaPowerModuleActions::use);
-    ASSERT_TRUE(run.answered(1));
-    run.send("hub", "keeper", VelaPowerModuleActions::release);
-    ASSERT_TRUE(run.answered(2));
+    ASSERT_TRUE(run.claimedAndReleased("hub"));
 
-    const Span* hubOn = nullptr;
-    const Span* hubOff = nullptr;
-    for (const QString node : {"hub", "left", "right"}) {
+    for (const QString node : {"hub", "left", "right"})
+        ASSERT_TRUE(switchedOnThenOff(run.recorder(), node));
+    const std::vector<const Span*> hub = spansOf(run.recorder(), Span::Transition, "hub");
+    for (const QString node : {"left", "right"}) {
         const std::vector<const Span*> spans = spansOf(run.recorder(), Span::Transition, node);
-        ASSERT_EQ(spans.size(), 2u) << str(node) << "\n" << eventsText(run.recorder());
-        EXPECT_EQ(transitionText(*spans.at(0)).substr(0, 9), "enabling ") << str(node);
-        EXPECT_EQ(str(spans.at(0)->outcome), "enabled") << str(node);
-        EXPECT_EQ(transitionText(*spans.at(1)).substr(0, 10), "disabling ") << str(node);
-        EXPECT_EQ(str(spans.at(1)->outcome), "disabled") << str(node);
-        for (const Span* span : spans) {
-            EXPECT_LT(span->beginUs, span->endUs) << str(node) << " " << str(span->name);
-            EXPECT_TRUE(endsAtItsStateEvent(run.recorder(), *span));
-        }
-        if (node == QLatin1String("hub")) {
-            hubOn = spans.at(0);
-            hubOff = spans.at(1);
-            continue;
-        }
         // Switched on while the hub was on its way; off once the hub was off.
-        EXPECT_LE(hubOn->beginUs, spans.at(0)->beginUs) << str(node);
-        EXPECT_LT(spans.at(0)->endUs, hubOn->endUs) << str(node);
-        EXPECT_LT(hubOff->endUs, spans.at(1)->beginUs) << str(node);
+        EXPECT_LE(hub.at(0)->beginUs, spans.at(0)->beginUs) << str(node);
+        EXPECT_LT(spans.at(0)->endUs, hub.at(0)->endUs) << str(node);
+        EXPECT_LT(hub.at(1)->endUs, spans.at(1)->beginUs) << str(node);
     }
 }
 
@@ -824,18 +829,15 @@ TEST(RunRecorderTransitions, NodeWithTwoRequiredNodesOpensOneSpanForEachOfThemEa
 
 TEST(RunRecorderFinish, SpansStillOpenEndAtTheRunsEndAsNeverAnswered)
 {
-    HandClock time;
-    RecordedGraph run(graphOf({resourceEntry("lamp"), resourceEntry("fan")}), time.clock());
+    RecordedGraph run(graphOf({resourceEntry("lamp"), resourceEntry("fan")}));
     ASSERT_TRUE(run.valid()) << str(run.failure());
     run.answerAt("/lamp", RecordedGraph::Answer::Later);
 
-    time.now = 10;
-    run.send("fan", "keeper", VelaPowerModuleActions::use);
+    run.sendAt(10, "fan", "keeper", VelaPowerModuleActions::use);
     ASSERT_TRUE(run.answered(1));
-    time.now = 20;
-    run.send("lamp", "keeper", VelaPowerModuleActions::use);
-    ASSERT_TRUE(waitUntil([&] { return run.heldCount() == 1; }));
-    time.now = 999;
+    run.sendAt(20, "lamp", "keeper", VelaPowerModuleActions::use);
+    ASSERT_TRUE(run.holding(1));
+    run.nowUs = 999;
     run.recorder().finish();
 
     const QString never = QStringLiteral("no answer by the end of the run");
@@ -844,10 +846,10 @@ TEST(RunRecorderFinish, SpansStillOpenEndAtTheRunsEndAsNeverAnswered)
     EXPECT_EQ(open->endUs, 999);
     EXPECT_EQ(open->outcome, never);
     EXPECT_EQ(open->endEvent, -1);
-    const std::vector<const Span*> lampWrites = spansOf(run.recorder(), Span::Write, "lamp");
-    ASSERT_EQ(lampWrites.size(), 1u);
-    EXPECT_EQ(lampWrites.front()->endUs, 999);
-    EXPECT_EQ(lampWrites.front()->outcome, never);
+    const Span* lampWrite = onlyWriteSpan(run.recorder(), "lamp");
+    ASSERT_NE(lampWrite, nullptr);
+    EXPECT_EQ(lampWrite->endUs, 999);
+    EXPECT_EQ(lampWrite->outcome, never);
     const std::vector<const Span*> lampOn = spansOf(run.recorder(), Span::Transition, "lamp");
     ASSERT_EQ(lampOn.size(), 1u);
     EXPECT_EQ(str(lampOn.front()->name), "enabling");
@@ -891,10 +893,7 @@ ChainWork switchChainOnAndOff(int length)
     EXPECT_TRUE(run.valid()) << str(run.failure());
     if (!run.valid())
         return work;
-    run.send("link0", "keeper", VelaPowerModuleActions::use);
-    EXPECT_TRUE(run.answered(1));
-    run.send("link0", "keeper", VelaPowerModuleActions::release);
-    EXPECT_TRUE(run.answered(2));
+    EXPECT_TRUE(run.claimedAndReleased("link0"));
 
     const RunRecorder& recorder = run.recorder();
     work.events = recorder.events().size();

@@ -13,25 +13,24 @@
 #include "simulatedtimedispatcher.h"
 
 #include "eventloop.h"
+#include "scenariorequests.h"
+#include "simulatedclockthread.h"
 
 #include "PowerHandler.h"
 #include "PowerNode.h"
 
 #include "velapowerenums.h"
 
-#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QList>
 #include <QString>
 #include <QStringList>
-#include <QThread>
 #include <QTimer>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,24 +81,6 @@ QByteArray houseWith(const QByteArray& requests, const QByteArray& platform = QB
     return json + "}";
 }
 
-Scenario::Request target(const QString& name)
-{
-    Scenario::Request request;
-    request.kind = Scenario::Request::Target;
-    request.name = name;
-    return request;
-}
-
-Scenario::Request resource(const QString& name, const QString& module, VelaPowerModuleActions::Enum action)
-{
-    Scenario::Request request;
-    request.kind = Scenario::Request::Resource;
-    request.name = name;
-    request.module = module;
-    request.action = action;
-    return request;
-}
-
 // "request #1 target day" for each event.
 std::vector<std::string> eventTexts(const RunRecorder& recorder)
 {
@@ -131,25 +112,24 @@ std::string dump(const RunRecorder& recorder)
     return text;
 }
 
-// A clock the test moves by hand.
-struct HandClock {
-    RunRecorder::Clock clock()
-    {
-        return [this] { return now; };
-    }
-    qint64 now = 0;
-};
-
 /*
  * A recorded simulated run of a file, its answers collected. The recorder
- * is made first and goes last.
+ * is made first and goes last. It keeps its own copy of the file, so that a
+ * test can make it straight from parsed().
  */
 class DrivenRun
 {
 public:
-    DrivenRun(const GraphFile& file, Answering answering, RunRecorder::Clock clock)
-        : recorder(file, std::move(clock), [](const RunEvent&) {})
+    DrivenRun(const GraphFile& graphFile, Answering answering, RunRecorder::Clock clock)
+        : file(graphFile)
+        , recorder(file, std::move(clock), [](const RunEvent&) {})
         , run(file, recorder, answering)
+    {
+    }
+
+    // On a clock the test moves by hand: the recorder reads nowUs.
+    DrivenRun(const GraphFile& graphFile, Answering answering)
+        : DrivenRun(graphFile, answering, [this] { return nowUs; })
     {
     }
 
@@ -173,45 +153,18 @@ public:
         return waitUntil([this, count] { return answers.size() >= count; });
     }
 
+    RequestDriver& driver() { return run.driver(); }
+    SimulatedPlatform& platform() { return run.platform(); }
+    const PowerGraph& graph() const { return run.graph(); }
+    PowerHandler& handler() { return run.handler(); }
+
+    const GraphFile file;
+    // Made before the recorder and the run, which read it from the start.
+    qint64 nowUs = 0;
     RunRecorder recorder;
     SimulatedRun run;
     QList<RequestDriver::Answer> answers;
 };
-
-using Body = std::function<void(SimulatedTimeDispatcher& clock)>;
-
-// Runs `body` on a thread whose event loop runs on a simulated clock; false
-// when the thread did not end.
-bool onSimulatedClock(const Body& body)
-{
-    drainEvents();
-    std::unique_ptr<QThread> thread(QThread::create(
-        [&body] { body(*static_cast<SimulatedTimeDispatcher*>(QAbstractEventDispatcher::instance())); }));
-    thread->setEventDispatcher(new SimulatedTimeDispatcher);
-    thread->start();
-    const bool ended = thread->wait(60000);
-    if (!ended) {
-        thread->terminate();
-        thread->wait();
-    }
-    return ended;
-}
-
-// On the simulated clock's thread: runs its event loop until `condition`
-// holds, looked at each time the loop wakes; the clock jumps from timer to
-// timer while nothing else is ready. (Run by exec(), so that objects deleted
-// later, such as those of zero-length single-shot timers, really go.)
-void runUntil(const std::function<bool()>& condition)
-{
-    if (condition())
-        return;
-    QEventLoop loop;
-    QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, &loop, [&] {
-        if (condition())
-            loop.quit();
-    });
-    loop.exec();
-}
 
 RunRecorder::Clock clockOf(const SimulatedTimeDispatcher& clock)
 {
@@ -224,14 +177,12 @@ RunRecorder::Clock clockOf(const SimulatedTimeDispatcher& clock)
 
 TEST(RequestDriver, RequestsAreNumberedFromOneUnlessTheCallerGivesANumber)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
 
-    EXPECT_EQ(run.send(resource("lamp", "keeper", VelaPowerModuleActions::use)), 1);
-    EXPECT_EQ(run.send(resource("fan", "keeper", VelaPowerModuleActions::use)), 2);
-    EXPECT_EQ(run.send(resource("fan", "keeper", VelaPowerModuleActions::release), 7), 7);
-    EXPECT_EQ(run.send(resource("lamp", "keeper", VelaPowerModuleActions::release)), 4);
+    EXPECT_EQ(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use)), 1);
+    EXPECT_EQ(run.send(resourceRequest("fan", "keeper", VelaPowerModuleActions::use)), 2);
+    EXPECT_EQ(run.send(resourceRequest("fan", "keeper", VelaPowerModuleActions::release), 7), 7);
+    EXPECT_EQ(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::release)), 4);
     ASSERT_TRUE(run.answered(4));
 
     EXPECT_EQ(eventTexts(run.recorder, {Kind::Request}),
@@ -248,37 +199,32 @@ TEST(RequestDriver, RequestsAreNumberedFromOneUnlessTheCallerGivesANumber)
 
 TEST(RequestDriver, CountsWhatWasSentAnsweredAndSucceeded)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::ByCaller, time.clock());
-    RequestDriver& driver = run.run.driver();
+    DrivenRun run(parsed(kHouse), Answering::ByCaller);
 
-    run.send(resource("lamp", "keeper", VelaPowerModuleActions::use));
-    run.send(resource("lamp", "stranger", VelaPowerModuleActions::use));
+    run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
+    run.send(resourceRequest("lamp", "stranger", VelaPowerModuleActions::use));
     drainEvents();
     // The refusal is answered at once; the claim waits for its write.
-    EXPECT_EQ(driver.sent(), 2);
-    EXPECT_EQ(driver.answered(), 1);
-    EXPECT_EQ(driver.succeeded(), 0);
-    ASSERT_EQ(run.run.platform().pending().size(), 1);
-    run.run.platform().answer(0);
+    EXPECT_EQ(run.driver().sent(), 2);
+    EXPECT_EQ(run.driver().answered(), 1);
+    EXPECT_EQ(run.driver().succeeded(), 0);
+    ASSERT_EQ(run.platform().pending().size(), 1);
+    run.platform().answer(0);
     ASSERT_TRUE(run.answered(2));
 
-    EXPECT_EQ(driver.sent(), 2);
-    EXPECT_EQ(driver.answered(), 2);
-    EXPECT_EQ(driver.succeeded(), 1);
+    EXPECT_EQ(run.driver().sent(), 2);
+    EXPECT_EQ(run.driver().answered(), 2);
+    EXPECT_EQ(run.driver().succeeded(), 1);
 }
 
 TEST(RequestDriver, AnswersAreRecordedAsDoneOrFailedWithTheLibrarysMessage)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
 
-    time.now = 1000;
-    run.send(resource("lamp", "keeper", VelaPowerModuleActions::use));
-    time.now = 2000;
-    run.send(resource("lamp", "stranger", VelaPowerModuleActions::use));
+    run.nowUs = 1000;
+    run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
+    run.nowUs = 2000;
+    run.send(resourceRequest("lamp", "stranger", VelaPowerModuleActions::use));
     ASSERT_TRUE(run.answered(2));
 
     EXPECT_EQ(
@@ -301,13 +247,11 @@ TEST(RequestDriver, AnswersAreRecordedAsDoneOrFailedWithTheLibrarysMessage)
 
 TEST(RequestDriver, ListenerHearsTheAnswerAfterTheRecorderHasItAndItsReason)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
     std::vector<std::string> recordedWhenHeard;
 
-    run.run.driver().send(resource("fan", "ghost", VelaPowerModuleActions::hold),
-                          [&](const RequestDriver::Answer&) { recordedWhenHeard = eventTexts(run.recorder); });
+    run.driver().send(resourceRequest("fan", "ghost", VelaPowerModuleActions::hold),
+                      [&](const RequestDriver::Answer&) { recordedWhenHeard = eventTexts(run.recorder); });
     ASSERT_TRUE(waitUntil([&] { return !recordedWhenHeard.empty(); }));
 
     ASSERT_GE(recordedWhenHeard.size(), 2u);
@@ -319,11 +263,9 @@ TEST(RequestDriver, ListenerHearsTheAnswerAfterTheRecorderHasItAndItsReason)
 
 TEST(RequestDriver, UndeclaredModuleGetsItsReasonBesideTheRefusal)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
 
-    run.send(resource("fan", "ghost", VelaPowerModuleActions::hold));
+    run.send(resourceRequest("fan", "ghost", VelaPowerModuleActions::hold));
     ASSERT_TRUE(run.answered(1));
 
     const std::string reason = "module ghost is not registered: the file does not declare it in \"modules\"";
@@ -345,12 +287,10 @@ TEST(RequestDriver, UndeclaredModuleGetsItsReasonBesideTheRefusal)
 
 TEST(RequestDriver, TargetNotReachableFromTheEnabledTargetGetsItsReasonBesideTheRefusal)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
 
-    run.send(target("day"));
-    run.send(target("night"));
+    run.send(targetRequest("day"));
+    run.send(targetRequest("night"));
     ASSERT_TRUE(run.answered(2));
 
     EXPECT_TRUE(run.answers.at(0).succeeded);
@@ -366,13 +306,11 @@ TEST(RequestDriver, TargetNotReachableFromTheEnabledTargetGetsItsReasonBesideThe
 
 TEST(RequestDriver, HandlerSignalsAreRecordedWithTheirNameAndTarget)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
 
-    run.send(target("day"));
-    run.send(target("night"));
-    run.send(target("evening"));
+    run.send(targetRequest("day"));
+    run.send(targetRequest("night"));
+    run.send(targetRequest("evening"));
     ASSERT_TRUE(run.answered(3));
 
     // A refused target is pursued but never reached.
@@ -387,23 +325,20 @@ TEST(RequestDriver, HandlerSignalsAreRecordedWithTheirNameAndTarget)
 
 TEST(RequestDriver, AnswersArrivingAfterIgnoreLaterAnswersAreNeitherRecordedNorPassedOn)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::ByCaller, time.clock());
-    RequestDriver& driver = run.run.driver();
+    DrivenRun run(parsed(kHouse), Answering::ByCaller);
 
-    run.send(resource("lamp", "keeper", VelaPowerModuleActions::use));
+    run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
     drainEvents();
-    ASSERT_EQ(run.run.platform().pending().size(), 1);
-    driver.ignoreLaterAnswers();
-    run.run.platform().answer(0);
+    ASSERT_EQ(run.platform().pending().size(), 1);
+    run.driver().ignoreLaterAnswers();
+    run.platform().answer(0);
     drainEvents();
 
-    EXPECT_EQ(run.run.graph().node("lamp")->state(), VelaPowerNodeStates::enabled);
-    EXPECT_EQ(run.run.handler().pendingRequests(), 0);
+    EXPECT_EQ(run.graph().node("lamp")->state(), VelaPowerNodeStates::enabled);
+    EXPECT_EQ(run.handler().pendingRequests(), 0);
     EXPECT_TRUE(run.answers.isEmpty());
-    EXPECT_EQ(driver.answered(), 0);
-    EXPECT_EQ(driver.sent(), 1);
+    EXPECT_EQ(run.driver().answered(), 0);
+    EXPECT_EQ(run.driver().sent(), 1);
     EXPECT_TRUE(eventTexts(run.recorder, {Kind::Answer}).empty()) << dump(run.recorder);
     EXPECT_EQ(run.recorder.requestsAnswered(), 0);
     ASSERT_NE(run.recorder.requestSpan(1), nullptr);
@@ -412,16 +347,14 @@ TEST(RequestDriver, AnswersArrivingAfterIgnoreLaterAnswersAreNeitherRecordedNorP
 
 TEST(RequestDriver, WithoutARecorderItOnlySendsAndCounts)
 {
-    const GraphFile file = parsed(kHouse);
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
-    RequestDriver quiet(run.run.handler(), run.run.graph(), nullptr);
+    DrivenRun run(parsed(kHouse), Answering::AtOnce);
+    RequestDriver quiet(run.handler(), run.graph(), nullptr);
     QList<RequestDriver::Answer> heard;
 
-    EXPECT_EQ(quiet.send(resource("fan", "keeper", VelaPowerModuleActions::use),
+    EXPECT_EQ(quiet.send(resourceRequest("fan", "keeper", VelaPowerModuleActions::use),
                          [&](const RequestDriver::Answer& answer) { heard << answer; }),
               1);
-    EXPECT_EQ(quiet.send(resource("fan", "ghost", VelaPowerModuleActions::use),
+    EXPECT_EQ(quiet.send(resourceRequest("fan", "ghost", VelaPowerModuleActions::use),
                          [&](const RequestDriver::Answer& answer) { heard << answer; }),
               2);
     ASSERT_TRUE(waitUntil([&] { return heard.size() == 2; }));
@@ -440,9 +373,8 @@ TEST(ScenarioRunner, ListsTheRequestsNotSentYetWithTheirDueTimes)
     const GraphFile file = parsed(houseWith(R"([{"target": "day", "atMs": 50},
                                                 {"resource": "fan", "module": "keeper", "action": "use"},
                                                 {"target": "evening", "atMs": 120}])"));
-    HandClock time;
-    DrivenRun run(file, Answering::AtOnce, time.clock());
-    ScenarioRunner scenario(file.requests, run.run.driver(), run.recorder);
+    DrivenRun run(file, Answering::AtOnce);
+    ScenarioRunner scenario(file.requests, run.driver(), run.recorder);
 
     EXPECT_EQ(scenario.requestCount(), 3);
     EXPECT_EQ(scenario.sent(), 0);
@@ -469,7 +401,7 @@ TEST(ScenarioRunner, SendsEachRequestAtItsTimeNumberedInTheFilesOrderAndSaysOnce
     QStringList unanswered;
     ASSERT_TRUE(onSimulatedClock([&](SimulatedTimeDispatcher& clock) {
         DrivenRun run(file, Answering::AsTheFileSays, clockOf(clock));
-        ScenarioRunner scenario(file.requests, run.run.driver(), run.recorder);
+        ScenarioRunner scenario(file.requests, run.driver(), run.recorder);
         int calls = 0;
         scenario.start([&calls] { ++calls; });
         runUntil([&] { return calls > 0; });
@@ -512,13 +444,13 @@ TEST(ScenarioRunner, ListsTheRequestsSentAndNotAnsweredWithTheTimeTheyWereSent)
     int calls = -1;
     ASSERT_TRUE(onSimulatedClock([&](SimulatedTimeDispatcher& clock) {
         DrivenRun run(file, Answering::ByCaller, clockOf(clock));
-        ScenarioRunner scenario(file.requests, run.run.driver(), run.recorder);
+        ScenarioRunner scenario(file.requests, run.driver(), run.recorder);
         int called = 0;
         scenario.start([&called] { ++called; });
         runUntil([&] { return scenario.sent() == 2; });
         waiting = scenario.unanswered();
-        while (!scenario.allAnswered() && !run.run.platform().pending().isEmpty()) {
-            run.run.platform().answer(0);
+        while (!scenario.allAnswered() && !run.platform().pending().isEmpty()) {
+            run.platform().answer(0);
             QEventLoop().processEvents();
         }
         runUntil([&] { return scenario.allAnswered(); });
@@ -539,9 +471,8 @@ TEST(ScenarioRunner, AnswersThatAllComeInOneInstantStillCallBackOnce)
     const GraphFile valid = parsed(houseWith(R"([{"resource": "fan", "module": "keeper", "action": "use"},
                                                  {"resource": "fan", "module": "ghost", "action": "use"},
                                                  {"target": "day"}])"));
-    HandClock time;
-    DrivenRun run(valid, Answering::AtOnce, time.clock());
-    ScenarioRunner scenario(valid.requests, run.run.driver(), run.recorder);
+    DrivenRun run(valid, Answering::AtOnce);
+    ScenarioRunner scenario(valid.requests, run.driver(), run.recorder);
     int calls = 0;
 
     scenario.start([&calls] { ++calls; });
@@ -550,7 +481,7 @@ TEST(ScenarioRunner, AnswersThatAllComeInOneInstantStillCallBackOnce)
 
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(scenario.sent(), 3);
-    EXPECT_EQ(run.run.driver().succeeded(), 2);
+    EXPECT_EQ(run.driver().succeeded(), 2);
 }
 
 TEST(ScenarioRunnerLifetimeDeathTest, RunnerDestroyedBeforeItsRequestsAreDueSendsNothing)
@@ -561,15 +492,14 @@ TEST(ScenarioRunnerLifetimeDeathTest, RunnerDestroyedBeforeItsRequestsAreDueSend
     // freed memory.
     EXPECT_EXIT(
         {
-            HandClock time;
-            DrivenRun run(file, Answering::AtOnce, time.clock());
-            auto scenario = std::make_unique<ScenarioRunner>(file.requests, run.run.driver(), run.recorder);
+            DrivenRun run(file, Answering::AtOnce);
+            auto scenario = std::make_unique<ScenarioRunner>(file.requests, run.driver(), run.recorder);
             scenario->start([] {});
             scenario.reset();
             bool waited = false;
             QTimer::singleShot(100, [&waited] { waited = true; });
             waitUntil([&waited] { return waited; });
-            std::_Exit(run.run.driver().sent() == 0 ? 0 : 1);
+            std::_Exit(run.driver().sent() == 0 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }

@@ -12,6 +12,8 @@
 
 #include "capturingappender.h"
 #include "eventloop.h"
+#include "scenariorequests.h"
+#include "simulatedclockthread.h"
 
 #include "PowerHandler.h"
 #include "PowerNode.h"
@@ -21,12 +23,9 @@
 #include "cmrootworker.h"
 #include "velapowerenums.h"
 
-#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
-#include <QEventLoop>
 #include <QList>
 #include <QString>
-#include <QThread>
 #include <QTimer>
 #include <QVariant>
 
@@ -99,31 +98,23 @@ QByteArray lampGraph(const QByteArray& platform, int timeoutMs = 5000)
            platform + "}}";
 }
 
-Scenario::Request claim(const QString& resource, const QString& module, VelaPowerModuleActions::Enum action)
-{
-    Scenario::Request request;
-    request.kind = Scenario::Request::Resource;
-    request.name = resource;
-    request.module = module;
-    request.action = action;
-    return request;
-}
-
 /*
  * A graph file on the simulated platform: the platform, the library's nodes
  * and a handler, made in that order and destroyed in the reverse one; every
- * report of the platform is kept. Only one may exist at a time.
+ * report of the platform is kept. It keeps its own copy of the file, so that
+ * a test can make it straight from parsed(). Only one may exist at a time.
  */
 class PlatformRun
 {
 public:
     PlatformRun(const GraphFile& file, Answering answering, std::function<qint64()> clock = {})
-        : m_clock(std::move(clock))
-        , m_platform(file, answering,
+        : m_file(file)
+        , m_clock(std::move(clock))
+        , m_platform(m_file, answering,
                      [this](PlatformCall::Step step, const PlatformCall& call) {
                          reports.append(Report{step, call, m_clock ? m_clock() : -1});
                      })
-        , m_graph(file)
+        , m_graph(m_file)
     {
         m_graph.registerWith(m_handler);
     }
@@ -152,6 +143,7 @@ public:
     QList<Report> reports;
 
 private:
+    GraphFile m_file;
     std::function<qint64()> m_clock;
     SimulatedPlatform m_platform;
     PowerGraph m_graph;
@@ -163,51 +155,15 @@ bool finished(const CMVoidReply& reply)
     return waitUntil([&reply] { return reply.isFinished(); });
 }
 
-using Body = std::function<void(SimulatedTimeDispatcher& clock)>;
-
-// Runs `body` on a thread of its own whose event loop runs on a simulated
-// clock. False when the thread did not end (a broken run trips the watchdog).
-bool onSimulatedClock(const Body& body)
-{
-    drainEvents();
-    std::unique_ptr<QThread> thread(QThread::create(
-        [&body] { body(*static_cast<SimulatedTimeDispatcher*>(QAbstractEventDispatcher::instance())); }));
-    thread->setEventDispatcher(new SimulatedTimeDispatcher);
-    thread->start();
-    const bool ended = thread->wait(60000);
-    if (!ended) {
-        thread->terminate();
-        thread->wait();
-    }
-    return ended;
-}
-
-// On the simulated clock's thread: runs its event loop until `condition`
-// holds, looked at each time the loop wakes; the clock jumps from timer to
-// timer while nothing else is ready. (Run by exec(), so that objects deleted
-// later, such as those of zero-length single-shot timers, really go.)
-void runUntil(const std::function<bool()>& condition)
-{
-    if (condition())
-        return;
-    QEventLoop loop;
-    QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, &loop, [&] {
-        if (condition())
-            loop.quit();
-    });
-    loop.exec();
-}
-
 } // namespace
 
 // --- As the file says ------------------------------------------------------------
 
 TEST(SimulatedPlatformAsTheFileSays, ImmediateAnswerComesInsideTheCallAndOnlyTheArrivalIsReported)
 {
-    const GraphFile file = parsed(lampGraph(""));
-    PlatformRun run(file, Answering::AsTheFileSays);
+    PlatformRun run(parsed(lampGraph("")), Answering::AsTheFileSays);
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
 
     // Answered at once: the lamp is on before the request returns.
     EXPECT_EQ(run.state("lamp"), VelaPowerNodeStates::enabled);
@@ -235,7 +191,7 @@ TEST(SimulatedPlatformAsTheFileSays, DelayedAnswerComesAfterExactlyItsDelayOnThe
     bool answered = false;
     ASSERT_TRUE(onSimulatedClock([&](SimulatedTimeDispatcher& clock) {
         PlatformRun run(file, Answering::AsTheFileSays, [&clock] { return clock.elapsedMs(); });
-        const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+        const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
         stateAtArrival = run.state("lamp");
         runUntil([&] { return run.state("lamp") == VelaPowerNodeStates::enabled; });
         enabledAtMs = clock.elapsedMs();
@@ -258,10 +214,9 @@ TEST(SimulatedPlatformAsTheFileSays, DelayedAnswerComesAfterExactlyItsDelayOnThe
 
 TEST(SimulatedPlatformAsTheFileSays, DelayedAnswerOnTheWallClockComesAfterTheCallReturned)
 {
-    const GraphFile file = parsed(lampGraph(R"("/hw/lamp": {"delayMs": 20})"));
-    PlatformRun run(file, Answering::AsTheFileSays);
+    PlatformRun run(parsed(lampGraph(R"("/hw/lamp": {"delayMs": 20})")), Answering::AsTheFileSays);
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
 
     EXPECT_EQ(run.state("lamp"), VelaPowerNodeStates::enabling);
     EXPECT_EQ(run.reports.size(), 1);
@@ -273,12 +228,10 @@ TEST(SimulatedPlatformAsTheFileSays, DelayedAnswerOnTheWallClockComesAfterTheCal
 
 TEST(SimulatedPlatformAsTheFileSays, ErrorRefusesTheWriteAndTheLibraryLogsItsFailure)
 {
-    const GraphFile file = parsed(lampGraph(R"("/hw/lamp": {"error": "bus is busy"})"));
-    PlatformRun run(file, Answering::AsTheFileSays);
+    PlatformRun run(parsed(lampGraph(R"("/hw/lamp": {"error": "bus is busy"})")), Answering::AsTheFileSays);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
-    ASSERT_TRUE(finished(reply));
+    ASSERT_TRUE(finished(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use))));
 
     EXPECT_EQ(stepsOf(run.reports),
               (std::vector<std::string>{"arrived /hw/lamp power = true", "failed /hw/lamp power = true"}));
@@ -292,12 +245,10 @@ TEST(SimulatedPlatformAsTheFileSays, ErrorRefusesTheWriteAndTheLibraryLogsItsFai
 
 TEST(SimulatedPlatformAsTheFileSays, NeverAnsweredWriteIsReportedIgnoredAndTheLibraryTimesOut)
 {
-    const GraphFile file = parsed(lampGraph(R"("/hw/lamp": "never")", 0));
-    PlatformRun run(file, Answering::AsTheFileSays);
+    PlatformRun run(parsed(lampGraph(R"("/hw/lamp": "never")", 0)), Answering::AsTheFileSays);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
-    ASSERT_TRUE(finished(reply));
+    ASSERT_TRUE(finished(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use))));
 
     EXPECT_EQ(stepsOf(run.reports),
               (std::vector<std::string>{"arrived /hw/lamp power = true", "ignored /hw/lamp power = true"}));
@@ -308,12 +259,10 @@ TEST(SimulatedPlatformAsTheFileSays, NeverAnsweredWriteIsReportedIgnoredAndTheLi
 
 TEST(SimulatedPlatformAsTheFileSays, AbsentPathIsServedByNoOneAndTheLibraryLogsTheMissingHandler)
 {
-    const GraphFile file = parsed(lampGraph(R"("/hw/lamp": "absent")"));
-    PlatformRun run(file, Answering::AsTheFileSays);
+    PlatformRun run(parsed(lampGraph(R"("/hw/lamp": "absent")")), Answering::AsTheFileSays);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
-    ASSERT_TRUE(finished(reply));
+    ASSERT_TRUE(finished(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use))));
 
     EXPECT_TRUE(run.reports.isEmpty()) << stepsOf(run.reports).size();
     EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL,
@@ -338,7 +287,7 @@ TEST(SimulatedPlatformAtOnce, EveryCallIsAnsweredAtOnceWhateverTheFileSays)
     LogCapture log(log4cplus::ERROR_LOG_LEVEL);
 
     for (const char* name : {"slow", "broken", "silent", "missing"}) {
-        const CMReply<QVariant> reply = run.send(claim(name, "keeper", VelaPowerModuleActions::use));
+        const CMReply<QVariant> reply = run.send(resourceRequest(name, "keeper", VelaPowerModuleActions::use));
         EXPECT_EQ(run.state(name), VelaPowerNodeStates::enabled) << name;
         EXPECT_TRUE(finished(reply)) << name;
     }
@@ -355,10 +304,9 @@ TEST(SimulatedPlatformAtOnce, EveryCallIsAnsweredAtOnceWhateverTheFileSays)
 
 TEST(SimulatedPlatformByCaller, CallWaitsUntilAnsweredAndThenTheNodeReachesItsState)
 {
-    const GraphFile file = parsed(lampGraph(""));
-    PlatformRun run(file, Answering::ByCaller);
+    PlatformRun run(parsed(lampGraph("")), Answering::ByCaller);
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
     drainEvents();
 
     ASSERT_EQ(run.platform().pending().size(), 1);
@@ -386,11 +334,10 @@ TEST(SimulatedPlatformByCaller, CallWaitsUntilAnsweredAndThenTheNodeReachesItsSt
 
 TEST(SimulatedPlatformByCaller, RefusedCallIsReportedFailedAndTheLibraryLogsTheError)
 {
-    const GraphFile file = parsed(lampGraph(""));
-    PlatformRun run(file, Answering::ByCaller);
+    PlatformRun run(parsed(lampGraph("")), Answering::ByCaller);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
     drainEvents();
     ASSERT_EQ(run.platform().pending().size(), 1);
     run.platform().refuse(0, QStringLiteral("no power left"));
@@ -408,11 +355,10 @@ TEST(SimulatedPlatformByCaller, RefusedCallIsReportedFailedAndTheLibraryLogsTheE
 
 TEST(SimulatedPlatformByCaller, DroppedCallIsReportedIgnoredAndTheLibrarysTimeOutDecides)
 {
-    const GraphFile file = parsed(lampGraph("", 0));
-    PlatformRun run(file, Answering::ByCaller);
+    PlatformRun run(parsed(lampGraph("", 0)), Answering::ByCaller);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use));
     ASSERT_EQ(run.platform().pending().size(), 1);
     run.platform().drop(0);
 
@@ -428,12 +374,10 @@ TEST(SimulatedPlatformByCaller, DroppedCallIsReportedIgnoredAndTheLibrarysTimeOu
 
 TEST(SimulatedPlatformByCaller, AbsentPathStaysUnservedAndNothingWaits)
 {
-    const GraphFile file = parsed(lampGraph(R"("/hw/lamp": "absent")"));
-    PlatformRun run(file, Answering::ByCaller);
+    PlatformRun run(parsed(lampGraph(R"("/hw/lamp": "absent")")), Answering::ByCaller);
     LogCapture log;
 
-    const CMReply<QVariant> reply = run.send(claim("lamp", "keeper", VelaPowerModuleActions::use));
-    ASSERT_TRUE(finished(reply));
+    ASSERT_TRUE(finished(run.send(resourceRequest("lamp", "keeper", VelaPowerModuleActions::use))));
 
     EXPECT_TRUE(run.platform().pending().isEmpty());
     EXPECT_TRUE(run.reports.isEmpty());
@@ -451,7 +395,7 @@ TEST(SimulatedPlatformByCaller, PendingCallsAreAnsweredInAnyOrderTheCallerChoose
             {"name": "right", "enable": {"path": "/hw/right", "key": "power", "value": true}}]})");
     PlatformRun run(file, Answering::ByCaller);
 
-    const CMReply<QVariant> reply = run.send(claim("hub", "keeper", VelaPowerModuleActions::use));
+    const CMReply<QVariant> reply = run.send(resourceRequest("hub", "keeper", VelaPowerModuleActions::use));
     drainEvents();
     // Both required nodes write at once; the hub waits for them.
     ASSERT_EQ(run.platform().pending().size(), 2);
@@ -482,14 +426,14 @@ TEST(SimulatedPlatformMessages, RevokeMessagesNameTheirModuleAndWhetherTheyComeA
                        "disable": {"path": "/hw/codec", "key": "power", "value": "off"}}]})");
     PlatformRun run(file, Answering::ByCaller);
 
-    const CMReply<QVariant> use = run.send(claim("audio", "media", VelaPowerModuleActions::use));
+    const CMReply<QVariant> use = run.send(resourceRequest("audio", "media", VelaPowerModuleActions::use));
     drainEvents();
     ASSERT_EQ(run.platform().pending().size(), 1);
     run.platform().answer(0);
     ASSERT_TRUE(finished(use));
     run.reports.clear();
 
-    const CMReply<QVariant> release = run.send(claim("audio", "media", VelaPowerModuleActions::release));
+    const CMReply<QVariant> release = run.send(resourceRequest("audio", "media", VelaPowerModuleActions::release));
     drainEvents();
     // First the module is told, and the change waits for its answer.
     ASSERT_EQ(run.platform().pending().size(), 1);
@@ -534,8 +478,8 @@ TEST(SimulatedPlatformMessages, WritesToOneSharedPathAreNamedAfterTheResourceWho
             {"name": "bright", "enable": {"path": "/hw/panel", "key": "level", "value": 90}}]})");
     PlatformRun run(file, Answering::AtOnce);
 
-    ASSERT_TRUE(finished(run.send(claim("bright", "keeper", VelaPowerModuleActions::use))));
-    ASSERT_TRUE(finished(run.send(claim("dim", "keeper", VelaPowerModuleActions::use))));
+    ASSERT_TRUE(finished(run.send(resourceRequest("bright", "keeper", VelaPowerModuleActions::use))));
+    ASSERT_TRUE(finished(run.send(resourceRequest("dim", "keeper", VelaPowerModuleActions::use))));
 
     ASSERT_EQ(run.reports.size(), 2);
     EXPECT_EQ(str(run.reports.at(0).call.resource), "bright");

@@ -4,6 +4,8 @@
 
 #include "simulatedtimedispatcher.h"
 
+#include "simulatedclockthread.h"
+
 #include <QEventLoop>
 #include <QSocketNotifier>
 #include <QThread>
@@ -25,20 +27,11 @@ using Body = std::function<void(SimulatedTimeDispatcher& clock, QEventLoop& loop
 // really waits for its timers, or never wakes, trips the watchdog.
 bool runOnSimulatedClock(const Body& body)
 {
-    std::unique_ptr<QThread> thread(QThread::create([&body] {
-        auto* clock = static_cast<SimulatedTimeDispatcher*>(QAbstractEventDispatcher::instance());
+    return onSimulatedClock([&body](SimulatedTimeDispatcher& clock) {
         QEventLoop loop;
-        body(*clock, loop);
+        body(clock, loop);
         loop.exec();
-    }));
-    thread->setEventDispatcher(new SimulatedTimeDispatcher);
-    thread->start();
-    const bool finished = thread->wait(60000);
-    if (!finished) {
-        thread->terminate();
-        thread->wait();
-    }
-    return finished;
+    });
 }
 
 } // namespace
@@ -164,7 +157,7 @@ TEST(SimulatedTimeDispatcher, WithoutTimersItWaitsForWorkPostedFromAnotherThread
     QAtomicInt ready;
     qint64 quitAt = -1;
     std::unique_ptr<QThread> thread(QThread::create([&] {
-        auto* clock = static_cast<SimulatedTimeDispatcher*>(QAbstractEventDispatcher::instance());
+        SimulatedTimeDispatcher* clock = &simulatedClock();
         QEventLoop loop;
         anchor = &loop;
         QObject::connect(&loop, &QObject::objectNameChanged, &loop, [&] {
@@ -175,18 +168,12 @@ TEST(SimulatedTimeDispatcher, WithoutTimersItWaitsForWorkPostedFromAnotherThread
         QObject::connect(clock, &QAbstractEventDispatcher::aboutToBlock, [&] { ready.storeRelease(1); });
         loop.exec();
     }));
-    thread->setEventDispatcher(new SimulatedTimeDispatcher);
-    thread->start();
+    startOnSimulatedClock(*thread);
     while (!ready.loadAcquire())
         QThread::yieldCurrentThread();
     // Nothing is registered on that thread: only the wake-up can end its wait.
     QMetaObject::invokeMethod(
         anchor, [&] { anchor->setObjectName("quit"); }, Qt::QueuedConnection);
-    const bool finished = thread->wait(60000);
-    if (!finished) {
-        thread->terminate();
-        thread->wait();
-    }
-    ASSERT_TRUE(finished);
+    ASSERT_TRUE(endedInTime(*thread));
     EXPECT_EQ(quitAt, 0);
 }

@@ -19,8 +19,30 @@ struct Requests {
     {
         QObject::connect(stop, &StopSignals::stopRequested, [this](int signal) { signals_.append(signal); });
     }
+
+    // Drives the event loop until `count` requests to stop have come.
+    bool heard(int count)
+    {
+        return waitUntil([this, count]() { return signals_.size() == count; }, 10000);
+    }
+
     QList<int> signals_;
 };
+
+/*
+ * For the death tests, in the process they fork: raises `signal` `times`
+ * times while a StopSignals object lives, with no event loop running between
+ * them, as in a program busy inside one switch of a large graph. Exits with
+ * 3 when the process is still alive and the object has caught nothing yet
+ * (the event loop never read the signal), else with 4.
+ */
+[[noreturn]] void raiseWithNoEventLoop(int signal, int times)
+{
+    StopSignals stop;
+    for (int i = 0; i < times; ++i)
+        raise(signal);
+    std::exit(stop.caught() == 0 ? 3 : 4);
+}
 
 } // namespace
 
@@ -29,46 +51,24 @@ TEST(StopSignals, FirstSignalAsksTheEventLoopToStop)
     StopSignals stop;
     Requests requested(&stop);
     ASSERT_EQ(raise(SIGTERM), 0);
-    ASSERT_TRUE(waitUntil([&requested]() { return requested.signals_.size() == 1; }, 10000));
+    ASSERT_TRUE(requested.heard(1));
     EXPECT_EQ(requested.signals_, QList<int>{SIGTERM});
     EXPECT_EQ(stop.caught(), SIGTERM);
 }
 
 TEST(StopSignalsDeathTest, SecondInterruptEndsTheProcessAtOnce)
 {
-    // No event loop runs between the two signals, as in a program busy
-    // inside one switch of a large graph.
-    EXPECT_EXIT(
-        {
-            StopSignals stop;
-            raise(SIGINT);
-            raise(SIGINT);
-            std::exit(0);
-        },
-        ::testing::KilledBySignal(SIGINT), "");
+    EXPECT_EXIT(raiseWithNoEventLoop(SIGINT, 2), ::testing::KilledBySignal(SIGINT), "");
 }
 
 TEST(StopSignalsDeathTest, SecondTerminateEndsTheProcessAtOnce)
 {
-    EXPECT_EXIT(
-        {
-            StopSignals stop;
-            raise(SIGTERM);
-            raise(SIGTERM);
-            std::exit(0);
-        },
-        ::testing::KilledBySignal(SIGTERM), "");
+    EXPECT_EXIT(raiseWithNoEventLoop(SIGTERM, 2), ::testing::KilledBySignal(SIGTERM), "");
 }
 
 TEST(StopSignalsDeathTest, OneSignalLeavesTheProcessRunning)
 {
-    EXPECT_EXIT(
-        {
-            StopSignals stop;
-            raise(SIGINT);
-            std::exit(stop.caught() == 0 ? 3 : 4);
-        },
-        ::testing::ExitedWithCode(3), "");
+    EXPECT_EXIT(raiseWithNoEventLoop(SIGINT, 1), ::testing::ExitedWithCode(3), "");
 }
 
 TEST(StopSignals, PreviousHandlersComeBackAndTheCountStartsAgain)
@@ -77,13 +77,13 @@ TEST(StopSignals, PreviousHandlersComeBackAndTheCountStartsAgain)
         StopSignals first;
         Requests requested(&first);
         ASSERT_EQ(raise(SIGINT), 0);
-        ASSERT_TRUE(waitUntil([&requested]() { return requested.signals_.size() == 1; }, 10000));
+        ASSERT_TRUE(requested.heard(1));
     }
     // A new object counts from zero: its first signal is again only a
     // request to stop.
     StopSignals second;
     Requests requested(&second);
     ASSERT_EQ(raise(SIGINT), 0);
-    ASSERT_TRUE(waitUntil([&requested]() { return requested.signals_.size() == 1; }, 10000));
+    ASSERT_TRUE(requested.heard(1));
     EXPECT_EQ(second.caught(), SIGINT);
 }
