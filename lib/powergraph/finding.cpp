@@ -17,8 +17,13 @@ const Finding::Kind table[] = {
     {Code::NameClash, "name-clash", Finding::Warning, "A resource and a target share a name."},
     {Code::DuplicateEntry, "duplicate-entry", Finding::Warning, "A name appears twice in one list."},
     {Code::DormantClaim, "dormant-claim", Finding::Warning, "A claim on a resource nothing enables or asks for."},
+    {Code::MissingControl, "missing-control", Finding::Error, "A written path has no control in the file's controls."},
+    {Code::InvalidControl, "invalid-control", Finding::Error,
+     "A control names a relative directory or an invalid D-Bus bus, name, path or interface."},
+    {Code::NoControls, "no-controls", Finding::Warning, "The file gives no controls for the paths it writes."},
+    {Code::UnusedControl, "unused-control", Finding::Warning, "A control for a path that no resource writes."},
 };
-static_assert(sizeof table / sizeof table[0] == static_cast<int>(Code::DormantClaim) + 1,
+static_assert(sizeof table / sizeof table[0] == static_cast<int>(Code::UnusedControl) + 1,
               "every code has a row in the table");
 
 } // namespace

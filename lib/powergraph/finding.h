@@ -24,6 +24,10 @@ struct Finding {
         NameClash,
         DuplicateEntry,
         DormantClaim,
+        MissingControl,
+        InvalidControl,
+        NoControls,
+        UnusedControl,
     };
     // A row of the table of codes: every code, its severity and what it
     // means in one line (the graph file's manual page lists the same table).

@@ -76,10 +76,11 @@ public:
     {
         if (root.kind != JsonNode::Object)
             return fail(root.place, top, QStringLiteral("the file must hold one JSON object"));
-        const bool valid = checkKeys(root, {"modules", "resources", "targets", "platform", "requests"}, top) &&
+        const bool valid = checkKeys(root, {"modules", "resources", "targets", "controls", "platform", "requests"}, top) &&
                            parseModules(root.member(QLatin1String("modules"))) &&
                            parseResources(root.member(QLatin1String("resources"))) &&
                            parseTargets(root.member(QLatin1String("targets"))) &&
+                           parseControls(root.member(QLatin1String("controls"))) &&
                            parsePlatform(root.member(QLatin1String("platform"))) &&
                            parseRequests(root.member(QLatin1String("requests"))) && checkReferences();
         // Names are process-wide: only a file that is valid as a whole gives any.
@@ -409,6 +410,54 @@ private:
                               m_graph->platform.insert(entry.key, parsed);
                               return true;
                           });
+    }
+
+    // "controls": {PATH: {"sysfs": DIRECTORY} | {"dbus": {...}} | {"log": true}}.
+    // Whether a directory is absolute and D-Bus names are valid is verify's
+    // to say (with the place), not a refusal: the file still runs simulated.
+    bool parseControls(const JsonNode* controls)
+    {
+        if (controls) {
+            m_graph->controlsGiven = true;
+            m_graph->controlsPlace = controls->place;
+        }
+        return forEachKey(controls, Where(top, "controls"), "path", SafeText::maximumPathLength,
+                          [this](const JsonMember& entry, const Where& where) {
+                              GraphSpec::Control control;
+                              if (!this->control(entry.value, where, &control))
+                                  return false;
+                              m_graph->controls.insert(entry.key, control);
+                              return true;
+                          });
+    }
+
+    bool control(const JsonNode& node, const Where& where, GraphSpec::Control* out)
+    {
+        if (!expectKind(node, JsonNode::Object, where) || !checkKeys(node, {"sysfs", "dbus", "log"}, where))
+            return false;
+        if (node.members.size() != 1)
+            return fail(node.place, where, QStringLiteral("give exactly one of \"sysfs\", \"dbus\" and \"log\""));
+        out->place = node.place;
+        const JsonMember& kind = node.members.front();
+        const Where here(where, kind.key);
+        if (kind.key == QLatin1String("sysfs")) {
+            out->kind = GraphSpec::Control::Sysfs;
+            return text(kind.value, here, SafeText::maximumPathLength, &out->directory);
+        }
+        if (kind.key == QLatin1String("log")) {
+            out->kind = GraphSpec::Control::Log;
+            if (kind.value.kind != JsonNode::Bool || !kind.value.boolean)
+                return fail(kind.value.place, here, QStringLiteral("expected true"));
+            return true;
+        }
+        out->kind = GraphSpec::Control::DBus;
+        out->bus = QStringLiteral("system");
+        return expectKind(kind.value, JsonNode::Object, here) &&
+               checkKeys(kind.value, {"bus", "service", "path", "interface"}, here) &&
+               member(kind.value, "bus", here, false, SafeText::maximumPathLength, &out->bus) &&
+               member(kind.value, "service", here, true, SafeText::maximumPathLength, &out->service) &&
+               member(kind.value, "path", here, true, SafeText::maximumPathLength, &out->objectPath) &&
+               member(kind.value, "interface", here, true, SafeText::maximumPathLength, &out->interface);
     }
 
     bool parseRequests(const JsonNode* list)

@@ -67,9 +67,30 @@ struct GraphSpec {
         bool reachableGiven = false;
     };
 
+    // The hardware behind a data path that resources write, for a service
+    // that runs the graph on a device.
+    struct Control {
+        enum Kind { Sysfs, DBus, Log } kind = Log;
+        TextPlace place;
+        // Sysfs: the directory of the attribute files (a write of a key
+        // writes <directory>/<key>).
+        QString directory;
+        // DBus: the object whose property named by a write's key is set.
+        // `bus` is "system", "session" or a bus address.
+        QString bus;
+        QString service;
+        QString objectPath;
+        QString interface;
+    };
+
     QList<Module> modules;
     QList<Resource> resources;
     QList<Target> targets;
+    // By data path; `controlsGiven` tells a file without the key from one
+    // with an empty object.
+    QHash<QString, Control> controls;
+    bool controlsGiven = false;
+    TextPlace controlsPlace;
 
     // What a name in a target's enables or disables list stands for: a
     // resource of that name when there is one, else the target itself when

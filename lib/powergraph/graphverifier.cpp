@@ -1,5 +1,6 @@
 #include "graphverifier.h"
 
+#include "dbusnames.h"
 #include "libraryrecords.h"
 
 #include <QSet>
@@ -37,6 +38,7 @@ GraphVerifier::GraphVerifier(const GraphFile& file)
     checkSilentUse();
     checkNameClashes();
     checkDormantClaims();
+    checkControls();
     std::stable_sort(m_findings.begin(), m_findings.end(), [](const Finding& left, const Finding& right) {
         return std::make_pair(left.place.line, left.place.column) <
                std::make_pair(right.place.line, right.place.column);
@@ -452,4 +454,65 @@ void GraphVerifier::checkDormantClaims()
                         .arg(claim.module, VelaPowerModuleActions::toString(claim.action), resource.name));
         }
     }
+}
+
+// --- Controls ------------------------------------------------------------------
+
+// A service runs a graph only when every path its resources write has a
+// control; a file with no "controls" at all is a simulation-only file (a
+// warning per path), one with some is meant for a device (an error).
+void GraphVerifier::checkControls()
+{
+    QSet<QString> written;
+    for (const GraphFile::Resource& resource : m_file.resources) {
+        for (const GraphFile::Write* write : {&resource.enable, &resource.disable}) {
+            if (!write->present || written.contains(write->path))
+                continue;
+            written.insert(write->path);
+            if (m_file.controls.contains(write->path))
+                continue;
+            if (m_file.controlsGiven)
+                add(Finding::Code::MissingControl, {resource.name}, resource.place,
+                    QStringLiteral("%1 writes %2, which has no control: the graph cannot run on a device")
+                        .arg(resource.name, write->path));
+            else
+                add(Finding::Code::NoControls, {resource.name}, resource.place,
+                    QStringLiteral("%1 writes %2 and the file gives no \"controls\": it runs simulated only")
+                        .arg(resource.name, write->path));
+        }
+    }
+    for (auto control = m_file.controls.constBegin(); control != m_file.controls.constEnd(); ++control) {
+        checkControl(control.key(), control.value());
+        if (!written.contains(control.key()))
+            add(Finding::Code::UnusedControl, {}, control.value().place,
+                QStringLiteral("the control of %1 is never used: no resource writes that path").arg(control.key()));
+    }
+}
+
+void GraphVerifier::checkControl(const QString& path, const GraphFile::Control& control)
+{
+    const auto invalid = [this, &path, &control](const QString& what, const QString& problem) {
+        add(Finding::Code::InvalidControl, {}, control.place,
+            QStringLiteral("the control of %1: %2 %3").arg(path, what, problem));
+    };
+    if (control.kind == GraphFile::Control::Sysfs) {
+        if (!control.directory.startsWith(QLatin1Char('/')))
+            invalid(QStringLiteral("the sysfs directory %1").arg(control.directory),
+                    QStringLiteral("is not absolute"));
+        return;
+    }
+    if (control.kind != GraphFile::Control::DBus)
+        return;
+    const QString busProblem = DBusNames::busProblem(control.bus);
+    if (!busProblem.isEmpty())
+        invalid(QStringLiteral("the bus %1").arg(control.bus), busProblem);
+    const QString serviceProblem = DBusNames::serviceProblem(control.service);
+    if (!serviceProblem.isEmpty())
+        invalid(QStringLiteral("the service %1").arg(control.service), serviceProblem);
+    const QString pathProblem = DBusNames::objectPathProblem(control.objectPath);
+    if (!pathProblem.isEmpty())
+        invalid(QStringLiteral("the object path %1").arg(control.objectPath), pathProblem);
+    const QString interfaceProblem = DBusNames::interfaceProblem(control.interface);
+    if (!interfaceProblem.isEmpty())
+        invalid(QStringLiteral("the interface %1").arg(control.interface), interfaceProblem);
 }

@@ -58,6 +58,8 @@ private:
     void checkSilentUse();
     void checkNameClashes();
     void checkDormantClaims();
+    void checkControls();
+    void checkControl(const QString& path, const GraphFile::Control& control);
 
     // Calls visit(target, its edges, a parent array for walk()) per target.
     template <typename Visit>

@@ -281,7 +281,22 @@ class GraphFileRefusal : public ::testing::TestWithParam<RefusedFile>
 const RefusedFile kRefusedFiles[] = {
     {"NotAnObject", "[]", "the file must hold one JSON object"},
     {"UnknownTopLevelKey", R"({"nodes": []})",
-     "unknown key \"nodes\" (expected one of: modules, resources, targets, platform, requests)"},
+     "unknown key \"nodes\" (expected one of: modules, resources, targets, controls, platform, requests)"},
+    {"ControlsThatAreNoObject", R"({"controls": []})", "controls: expected an object"},
+    {"ControlOfNoKind", R"({"controls": {"/p": {}}})",
+     "controls./p: give exactly one of \"sysfs\", \"dbus\" and \"log\""},
+    {"ControlOfTwoKinds", R"({"controls": {"/p": {"log": true, "sysfs": "/sys/x"}}})",
+     "controls./p: give exactly one of \"sysfs\", \"dbus\" and \"log\""},
+    {"ControlOfAnUnknownKind", R"({"controls": {"/p": {"gpio": 3}}})",
+     "controls./p: unknown key \"gpio\" (expected one of: sysfs, dbus, log)"},
+    {"LogControlThatIsNotTrue", R"({"controls": {"/p": {"log": false}}})", "controls./p.log: expected true"},
+    {"SysfsControlThatIsNoText", R"({"controls": {"/p": {"sysfs": 1}}})",
+     "controls./p.sysfs: expected a non-empty string"},
+    {"DBusControlWithoutService", R"({"controls": {"/p": {"dbus": {"path": "/o", "interface": "a.b"}}}})",
+     "controls./p.dbus: missing \"service\""},
+    {"DBusControlWithAnUnknownKey",
+     R"({"controls": {"/p": {"dbus": {"service": "a.b", "path": "/o", "interface": "a.b", "member": "x"}}}})",
+     "controls./p.dbus: unknown key \"member\" (expected one of: bus, service, path, interface)"},
     {"UnknownKeyInATarget", R"({"targets": [{"name": "t", "enabled": []}]})",
      "targets[0]: unknown key \"enabled\" (expected one of: name, value, enables, disables, reachable)"},
     {"UnknownKeyInAWrite",
@@ -623,4 +638,43 @@ TEST(GraphSpec, TargetEdgeEndIsTheResourceElseTheTargetItselfElseNothing)
     EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("night"), true), GraphSpec::EdgeEnd::Resource);
     EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("night"), false), GraphSpec::EdgeEnd::TargetItself);
     EXPECT_EQ(GraphSpec::targetEdgeEnd(target, QStringLiteral("lamp"), false), GraphSpec::EdgeEnd::Unknown);
+}
+
+TEST(GraphFile, ControlsAreReadByPathWithTheirKindAndPlace)
+{
+    GraphFile graph;
+    GraphFile::Failure failure;
+    ASSERT_TRUE(GraphFile::parse(R"({"controls": {
+  "/hw/lamp": {"sysfs": "/sys/class/leds/lamp"},
+  "/hw/panel": {"dbus": {"service": "org.example.Panel1", "path": "/org/example/Panel1", "interface": "org.example.Panel1"}},
+  "/hw/fan": {"dbus": {"bus": "session", "service": ":1.7", "path": "/", "interface": "a.b"}},
+  "/hw/dry": {"log": true}}})",
+                                 QStringLiteral("controls.json"), &graph, &failure, GraphFile::Naming::CheckOnly))
+        << failure.message().toStdString();
+    EXPECT_TRUE(graph.controlsGiven);
+    ASSERT_EQ(graph.controls.size(), 4);
+    const GraphSpec::Control lamp = graph.controls.value(QStringLiteral("/hw/lamp"));
+    EXPECT_EQ(lamp.kind, GraphSpec::Control::Sysfs);
+    EXPECT_EQ(lamp.directory, QStringLiteral("/sys/class/leds/lamp"));
+    EXPECT_EQ(lamp.place.line, 2);
+    const GraphSpec::Control panel = graph.controls.value(QStringLiteral("/hw/panel"));
+    EXPECT_EQ(panel.kind, GraphSpec::Control::DBus);
+    EXPECT_EQ(panel.bus, QStringLiteral("system")) << "the system bus unless another is given";
+    EXPECT_EQ(panel.service, QStringLiteral("org.example.Panel1"));
+    EXPECT_EQ(panel.objectPath, QStringLiteral("/org/example/Panel1"));
+    EXPECT_EQ(panel.interface, QStringLiteral("org.example.Panel1"));
+    EXPECT_EQ(graph.controls.value(QStringLiteral("/hw/fan")).bus, QStringLiteral("session"));
+    EXPECT_EQ(graph.controls.value(QStringLiteral("/hw/dry")).kind, GraphSpec::Control::Log);
+}
+
+TEST(GraphFile, AFileWithoutControlsSaysSo)
+{
+    GraphFile graph;
+    GraphFile::Failure failure;
+    ASSERT_TRUE(GraphFile::parse("{}", QStringLiteral("empty.json"), &graph, &failure, GraphFile::Naming::CheckOnly));
+    EXPECT_FALSE(graph.controlsGiven);
+    ASSERT_TRUE(GraphFile::parse(R"({"controls": {}})", QStringLiteral("empty.json"), &graph, &failure,
+                                 GraphFile::Naming::CheckOnly));
+    EXPECT_TRUE(graph.controlsGiven);
+    EXPECT_TRUE(graph.controls.isEmpty());
 }

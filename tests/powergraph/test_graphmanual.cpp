@@ -57,6 +57,8 @@ TEST(GraphManual, NamesEveryKeyTheLoaderAccepts)
         R"({"resources": [{"name": "r", "enable": {"bogus": 1}}]})",
         R"({"targets": [{"name": "t", "bogus": 1}]})",
         R"({"platform": {"/p": {"bogus": 1}}})",
+        R"({"controls": {"/p": {"bogus": 1}}})",
+        R"({"controls": {"/p": {"dbus": {"bogus": 1}}}})",
         R"({"requests": [{"target": "t", "bogus": 1}]})",
     };
     int keys = 0;
@@ -69,8 +71,8 @@ TEST(GraphManual, NamesEveryKeyTheLoaderAccepts)
                 << "not in the manual page: " << key.toStdString() << " (in " << json.toStdString() << ")";
         }
     }
-    // Five top-level keys, and the keys of six kinds of object.
-    EXPECT_GE(keys, 25);
+    // Six top-level keys, and the keys of eight kinds of object.
+    EXPECT_GE(keys, 32);
 }
 
 TEST(GraphManual, ListsEveryFindingCodeWithItsSeverity)
@@ -79,7 +81,7 @@ TEST(GraphManual, ListsEveryFindingCodeWithItsSeverity)
     ASSERT_FALSE(page.isEmpty()) << VELA_GRAPH_MANUAL_PAGE;
     int count = 0;
     const Finding::Kind* kinds = Finding::kinds(&count);
-    ASSERT_EQ(count, 12);
+    ASSERT_EQ(count, 16);
     for (int index = 0; index < count; ++index) {
         const QString row = QStringLiteral("%1@%2@").arg(QLatin1String(kinds[index].name),
                                                          Finding::severityName(kinds[index].severity));
