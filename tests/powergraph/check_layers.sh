@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The graph library stands on its own: none of its files includes a header of
-# the simulation or of the programs above it, and the simulation includes
-# none of the programs'. Prints each offending include; exit 1 when any.
+# the simulation or of the programs above it; the simulation includes none of
+# the programs'; the service includes nothing of the simulation. Prints each offending include; exit 1 when any.
 set -uo pipefail
 source_dir=$1
 headers_of() {
@@ -22,5 +22,7 @@ check() {
 }
 check lib/powergraph lib/powersim tools/cli tools/vela-power
 check lib/powersim tools/cli tools/vela-power
+# The service runs on hardware: no simulation, no vela-power.
+check service lib/powersim tools/vela-power
 [ $status -eq 0 ] && echo "layers check passed"
 exit $status

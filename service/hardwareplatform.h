@@ -1,0 +1,72 @@
+#ifndef VELA_SERVICE_HARDWAREPLATFORM_H
+#define VELA_SERVICE_HARDWAREPLATFORM_H
+
+#include "graphfile.h"
+#include "platformcall.h"
+
+#include "cmpath.h"
+#include "cmreply.h"
+
+#include <QObject>
+#include <QSet>
+#include <QThreadPool>
+
+#include <functional>
+
+/*
+ * The platform of a device: for every data path a graph's resources write, a
+ * root-worker set-data handler that carries the write to the path's control
+ * and answers the library with the control's outcome.
+ *
+ *  - sysfs: the value's text is written to the attribute file <directory>/<key>
+ *    (opened, written once, closed), off the event loop's thread: a driver
+ *    that is slow to take a write must not stall the service. The answer
+ *    comes back on the event loop's thread; a failure's message names the
+ *    file and the system's own reason ("/sys/.../brightness: No such file or
+ *    directory").
+ *  - log: the write is only reported, and answered at once.
+ *
+ * Each call and its outcome are reported to a listener (a run recorder, say)
+ * as a PlatformCall, on the event loop's thread.
+ *
+ *   QString problem;
+ *   if (!HardwarePlatform::canServe(graph, &problem))
+ *       return fail(problem);   // "resource backlight writes /hw/backlight, which has no control"
+ *   HardwarePlatform platform(graph, [&](PlatformCall::Step step, const PlatformCall& call) { ... });
+ *
+ * Only one may exist at a time in a process: it registers its handlers with
+ * the process's one root worker, by path.
+ */
+class HardwarePlatform
+{
+public:
+    using Listener = std::function<void(PlatformCall::Step step, const PlatformCall& call)>;
+
+    // Whether every path the graph's resources write has a control this
+    // platform can drive; else says which path, and which resource writes it.
+    static bool canServe(const GraphSpec& graph, QString* problem);
+
+    HardwarePlatform(const GraphSpec& graph, Listener listener);
+    // Waits for the writes in flight; their answers are dropped, as the
+    // library's time-outs expect of a platform that went away.
+    ~HardwarePlatform();
+    HardwarePlatform(const HardwarePlatform&) = delete;
+    HardwarePlatform& operator=(const HardwarePlatform&) = delete;
+
+private:
+    void take(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply);
+    void writeAttribute(const QString& directory, PlatformCall call, const CMReply<QVariant>& reply);
+    void finish(PlatformCall call, const CMReply<QVariant>& reply, const QString& error);
+
+    Listener m_listener;
+    CallOwners m_owners;
+    QSet<CMPath> m_paths;
+    // The threads that write attribute files; declared before the context
+    // so that it is waited for while answers can still be delivered.
+    QThreadPool m_writers;
+    // Answers come back through it to the event loop's thread; answers still
+    // on their way when it goes are dropped.
+    QObject m_answers;
+};
+
+#endif

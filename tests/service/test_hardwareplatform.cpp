@@ -1,0 +1,207 @@
+// HardwarePlatform: the library's set-data writes carried to a graph's
+// controls. A temporary folder of attribute files stands in for sysfs.
+
+#include "hardwareplatform.h"
+
+#include "capturingappender.h"
+#include "eventloop.h"
+
+#include "graphfile.h"
+#include "powergraph.h"
+#include "requestdriver.h"
+
+#include "PowerHandler.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+GraphFile parsed(const QString& json)
+{
+    GraphFile file;
+    GraphFile::Failure failure;
+    EXPECT_TRUE(GraphFile::parse(json.toUtf8(), QStringLiteral("device.json"), &file, &failure))
+        << failure.message().toStdString();
+    return file;
+}
+
+// A lamp whose brightness is written to `control`'s path /hw/lamp.
+QString lampGraph(const QString& control)
+{
+    return QStringLiteral(R"({"modules": [{"name": "reader"}],
+  "resources": [{"name": "lamp",
+    "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80},
+    "disable": {"path": "/hw/lamp", "key": "brightness", "value": 0}}],
+  "controls": {"/hw/lamp": %1}})")
+        .arg(control);
+}
+
+QString sysfsControl(const QString& directory)
+{
+    return QStringLiteral(R"({"sysfs": "%1"})").arg(directory);
+}
+
+QString fileText(const QString& fileName)
+{
+    QFile file(fileName);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QStringLiteral("(unreadable)");
+}
+
+// The graph on a HardwarePlatform, with every call it reports kept in order.
+struct Device {
+    explicit Device(const QString& json)
+        : file(parsed(json))
+        , platform(file, [this](PlatformCall::Step step, const PlatformCall& call) { steps.append({step, call}); })
+        , graph(file)
+    {
+        graph.registerWith(handler);
+    }
+
+    CMReply<QVariant> ask(VelaPowerModuleActions::Enum action)
+    {
+        Scenario::Request request;
+        request.kind = Scenario::Request::Resource;
+        request.name = QStringLiteral("lamp");
+        request.module = QStringLiteral("reader");
+        request.action = action;
+        return RequestDriver::sendTo(handler, graph, request);
+    }
+
+    GraphFile file;
+    QList<QPair<PlatformCall::Step, PlatformCall>> steps;
+    HardwarePlatform platform;
+    PowerGraph graph;
+    PowerHandler handler;
+};
+
+bool answered(const CMReply<QVariant>& reply)
+{
+    return waitUntil([&reply]() { return reply.isFinished(); }, 20000);
+}
+
+} // namespace
+
+TEST(HardwarePlatform, ServesAGraphWhoseWrittenPathsAllHaveControls)
+{
+    QString problem;
+    EXPECT_TRUE(HardwarePlatform::canServe(parsed(lampGraph(sysfsControl("/sys/class/leds/lamp"))), &problem));
+    EXPECT_TRUE(HardwarePlatform::canServe(parsed(lampGraph(R"({"log": true})")), &problem));
+    EXPECT_TRUE(problem.isEmpty()) << problem.toStdString();
+}
+
+TEST(HardwarePlatform, RefusesAGraphWithAWrittenPathWithoutControlNamingPathAndResource)
+{
+    QString problem;
+    const GraphFile file = parsed(QStringLiteral(R"({"resources": [{"name": "fan",
+      "enable": {"path": "/hw/fan", "key": "on", "value": 1}}], "controls": {}})"));
+    EXPECT_FALSE(HardwarePlatform::canServe(file, &problem));
+    EXPECT_EQ(problem.toStdString(), "resource fan writes /hw/fan, which has no control");
+}
+
+TEST(HardwarePlatform, RefusesADBusControlItDoesNotDrive)
+{
+    QString problem;
+    const GraphFile file = parsed(lampGraph(
+        R"({"dbus": {"service": "org.example.Lamp1", "path": "/org/example/Lamp1", "interface": "org.example.Lamp1"}})"));
+    EXPECT_FALSE(HardwarePlatform::canServe(file, &problem));
+    EXPECT_EQ(problem.toStdString(),
+              "resource lamp writes /hw/lamp, whose control is a D-Bus property, which this platform does not drive");
+}
+
+TEST(HardwarePlatform, SysfsWriteLeavesTheValueInTheAttributeFileAndAnswersTheLibrary)
+{
+    QTemporaryDir sysfs;
+    ASSERT_TRUE(sysfs.isValid());
+    const QString attribute = sysfs.filePath(QStringLiteral("brightness"));
+    QFile created(attribute);
+    ASSERT_TRUE(created.open(QIODevice::WriteOnly));
+    created.close();
+    Device device(lampGraph(sysfsControl(sysfs.path())));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+    EXPECT_FALSE(on.error().isError()) << on.error().message().toString().toStdString();
+    EXPECT_EQ(fileText(attribute), QStringLiteral("80"));
+    EXPECT_TRUE(device.graph.resource(QStringLiteral("lamp"))->isEnabled());
+
+    const CMReply<QVariant> off = device.ask(VelaPowerModuleActions::release);
+    ASSERT_TRUE(answered(off));
+    EXPECT_EQ(fileText(attribute), QStringLiteral("0"));
+
+    ASSERT_EQ(device.steps.size(), 4);
+    EXPECT_EQ(device.steps.at(0).first, PlatformCall::Arrived);
+    EXPECT_FALSE(device.steps.at(0).second.answeredAtOnce);
+    EXPECT_EQ(device.steps.at(0).second.resource, QStringLiteral("lamp"));
+    EXPECT_EQ(device.steps.at(0).second.key, QStringLiteral("brightness"));
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Answered);
+    EXPECT_EQ(device.steps.at(2).first, PlatformCall::Arrived);
+    EXPECT_EQ(device.steps.at(3).first, PlatformCall::Answered);
+}
+
+TEST(HardwarePlatform, FailedWriteNamesTheFileAndTheSystemsReasonAndTheLibraryLogsIt)
+{
+    QTemporaryDir sysfs;
+    ASSERT_TRUE(sysfs.isValid());
+    // No attribute file: the driver has no such attribute.
+    Device device(lampGraph(sysfsControl(sysfs.path())));
+    LogCapture log;
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+
+    const std::string reason = sysfs.filePath(QStringLiteral("brightness")).toStdString() + ": No such file or directory";
+    ASSERT_EQ(device.steps.size(), 2);
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Failed);
+    EXPECT_EQ(device.steps.at(1).second.error.toStdString(), reason);
+    EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL, "lamp failed to enable Message: " + reason), 1) << log.dump();
+    // The library goes on with its transition, as it does for any failed write.
+    EXPECT_TRUE(device.graph.resource(QStringLiteral("lamp"))->isEnabled());
+}
+
+TEST(HardwarePlatform, WriteThatTheDriverHoldsDoesNotStallTheEventLoop)
+{
+    QTemporaryDir sysfs;
+    ASSERT_TRUE(sysfs.isValid());
+    // A FIFO stands in for a driver that is slow to take a write: opening it
+    // for writing waits until someone opens it for reading.
+    const QString attribute = sysfs.filePath(QStringLiteral("brightness"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(attribute).constData(), 0600), 0);
+    Device device(lampGraph(sysfsControl(sysfs.path())));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    bool timerRan = false;
+    QTimer::singleShot(0, [&timerRan]() { timerRan = true; });
+    ASSERT_TRUE(waitUntil([&timerRan]() { return timerRan; }, 20000));
+    EXPECT_FALSE(on.isFinished()) << "the write cannot have been taken: nobody reads the FIFO yet";
+
+    const int reader = ::open(QFile::encodeName(attribute).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    ASSERT_TRUE(answered(on));
+    char taken[8] = {};
+    const ssize_t count = ::read(reader, taken, sizeof taken);
+    ::close(reader);
+    EXPECT_EQ(std::string(taken, count > 0 ? static_cast<size_t>(count) : 0), "80");
+    EXPECT_FALSE(on.error().isError());
+}
+
+TEST(HardwarePlatform, LogControlAnswersAtOnceAndWritesNothing)
+{
+    Device device(lampGraph(R"({"log": true})"));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+
+    ASSERT_EQ(device.steps.size(), 1);
+    EXPECT_EQ(device.steps.at(0).first, PlatformCall::Arrived);
+    EXPECT_TRUE(device.steps.at(0).second.answeredAtOnce);
+    EXPECT_EQ(device.steps.at(0).second.value.toInt(), 80);
+    EXPECT_TRUE(device.graph.resource(QStringLiteral("lamp"))->isEnabled());
+}
