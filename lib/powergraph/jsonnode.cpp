@@ -1,5 +1,7 @@
 #include "jsonnode.h"
 
+#include "safetext.h"
+
 #include <QHash>
 
 #include <rapidjson/error/en.h>
@@ -186,10 +188,12 @@ public:
         object.keyPlace = m_places.placeOf(stringStart());
         const TextPlace* first = object.find(object.key);
         if (first) {
-            return fail(object.keyPlace, QStringLiteral("duplicate key \"%1\" (first given at line %2, column %3)")
-                                             .arg(object.key)
-                                             .arg(first->line)
-                                             .arg(first->column));
+            // Quoted as every text of the file is in a message: a key may
+            // hold a newline, which must not start a line of its own.
+            return fail(object.keyPlace,
+                        QStringLiteral("duplicate key %1 (first given at line %2, column %3)")
+                            .arg(SafeText::quoted(object.key), QString::number(first->line),
+                                 QString::number(first->column)));
         }
         return true;
     }

@@ -678,3 +678,14 @@ TEST(GraphFile, AFileWithoutControlsSaysSo)
     EXPECT_TRUE(graph.controlsGiven);
     EXPECT_TRUE(graph.controls.isEmpty());
 }
+
+TEST(GraphFileStrict, DuplicateKeyIsShownEscapedOnOneLine)
+{
+    GraphFile graph;
+    GraphFile::Failure failure;
+    ASSERT_FALSE(GraphFile::parse(R"({"controls": {"/a\nb": {"log": true}, "/a\nb": {"log": true}}})",
+                                  QStringLiteral("graph.json"), &graph, &failure, GraphFile::Naming::CheckOnly));
+    EXPECT_EQ(failure.message().toStdString(),
+              "graph.json:1:39: duplicate key \"/a\\nb\" (first given at line 1, column 15)");
+    EXPECT_FALSE(failure.message().contains(QLatin1Char('\n')));
+}
