@@ -503,16 +503,14 @@ void GraphVerifier::checkControl(const QString& path, const GraphFile::Control& 
     }
     if (control.kind != GraphFile::Control::DBus)
         return;
-    const QString busProblem = DBusNames::busProblem(control.bus);
-    if (!busProblem.isEmpty())
-        invalid(QStringLiteral("the bus %1").arg(control.bus), busProblem);
-    const QString serviceProblem = DBusNames::serviceProblem(control.service);
-    if (!serviceProblem.isEmpty())
-        invalid(QStringLiteral("the service %1").arg(control.service), serviceProblem);
-    const QString pathProblem = DBusNames::objectPathProblem(control.objectPath);
-    if (!pathProblem.isEmpty())
-        invalid(QStringLiteral("the object path %1").arg(control.objectPath), pathProblem);
-    const QString interfaceProblem = DBusNames::interfaceProblem(control.interface);
-    if (!interfaceProblem.isEmpty())
-        invalid(QStringLiteral("the interface %1").arg(control.interface), interfaceProblem);
+    const QPair<QString, QString> names[] = {
+        {QStringLiteral("the bus ") + control.bus, DBusNames::busProblem(control.bus)},
+        {QStringLiteral("the service ") + control.service, DBusNames::serviceProblem(control.service)},
+        {QStringLiteral("the object path ") + control.objectPath, DBusNames::objectPathProblem(control.objectPath)},
+        {QStringLiteral("the interface ") + control.interface, DBusNames::interfaceProblem(control.interface)},
+    };
+    for (const auto& name : names) {
+        if (!name.second.isEmpty())
+            invalid(name.first, name.second);
+    }
 }
