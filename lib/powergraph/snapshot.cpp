@@ -70,7 +70,12 @@ QVariant sorted(const QVariant& value)
 
 } // namespace
 
+QVariantMap GraphSnapshot::toMap(const QVariantHash& nodes)
+{
+    return sorted(nodes).toMap();
+}
+
 QByteArray GraphSnapshot::json(const QVariantHash& nodes)
 {
-    return QJsonDocument(QJsonObject::fromVariantMap(sorted(nodes).toMap())).toJson(QJsonDocument::Indented);
+    return QJsonDocument(QJsonObject::fromVariantMap(toMap(nodes))).toJson(QJsonDocument::Indented);
 }

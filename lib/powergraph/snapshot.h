@@ -29,6 +29,9 @@ struct GraphSnapshot {
 
     // `nodes` (listNodes()) as indented JSON.
     static QByteArray json(const QVariantHash& nodes);
+    // `nodes` with every hash in it made a map, ordered by key (D-Bus and
+    // JSON take maps).
+    static QVariantMap toMap(const QVariantHash& nodes);
     // Reads a snapshot's JSON; on failure says what is wrong in `*problem`.
     static bool read(const QByteArray& json, GraphSnapshot* snapshot, QString* problem);
 };

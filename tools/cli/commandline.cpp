@@ -5,7 +5,13 @@
 #include <iostream>
 
 CommandLine::CommandLine(const QString& command, const QString& positionalUsage, const QString& description)
-    : m_command(command)
+    : CommandLine(Invocation{QStringLiteral("vela-power ") + command}, positionalUsage, description)
+{
+}
+
+CommandLine::CommandLine(const Invocation& invocation, const QString& positionalUsage, const QString& description)
+    : m_invocation(invocation.text)
+    , m_exitCodes(ExitCodes::table())
     , m_positionalUsage(positionalUsage)
     , m_description(description)
     , m_format(QStringLiteral("format"), QStringLiteral("Output as text or json."), QStringLiteral("text|json"),
@@ -72,8 +78,8 @@ bool CommandLine::parse(const QStringList& arguments, int* exitCode)
 
 int CommandLine::usageError(const QString& message) const
 {
-    std::cerr << "vela-power " << m_command.toStdString() << ": " << message.toStdString() << "\n"
-              << "Try 'vela-power " << m_command.toStdString() << " --help'." << std::endl;
+    std::cerr << m_invocation.toStdString() << ": " << message.toStdString() << "\n"
+              << "Try '" << m_invocation.toStdString() << " --help'." << std::endl;
     return ExitCodes::InvalidInput;
 }
 
@@ -83,7 +89,6 @@ QString CommandLine::helpText() const
     // names the command.
     const QString qtText = m_parser.helpText();
     const QString text = qtText.mid(qtText.indexOf(QLatin1String("\n\n")) + 2);
-    return QStringLiteral("Usage: vela-power %1 [options] %2\n%3\n\n")
-               .arg(m_command, m_positionalUsage, m_description) +
-           text + QLatin1Char('\n') + ExitCodes::table();
+    return QStringLiteral("Usage: %1 [options] %2\n%3\n\n").arg(m_invocation, m_positionalUsage, m_description) +
+           text + QLatin1Char('\n') + m_exitCodes;
 }

@@ -1,0 +1,168 @@
+// vela-powerd: the power manager as a D-Bus service. It loads one graph file,
+// writes its resources' values to the hardware controls the file names, and
+// takes modules' registrations and requests on the bus as org.vela.Power1.
+
+#include "commandline.h"
+#include "graphfile.h"
+#include "graphverifier.h"
+#include "hardwareplatform.h"
+#include "powergraph.h"
+#include "powermanagerservice.h"
+#include "requestdriver.h"
+#include "stopsignals.h"
+
+#include "PowerHandler.h"
+#include "dbglog.h"
+
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/configurator.h>
+#include <log4cplus/layout.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusError>
+#include <QFileInfo>
+
+#include <iostream>
+
+namespace {
+
+const char* const program = "vela-powerd";
+
+QString exitCodes()
+{
+    return QStringLiteral("Exit codes:\n"
+                          "  0  stopped by SIGINT or SIGTERM\n"
+                          "  1  the graph has errors (verify's, unless --force), names a written path without a "
+                          "control this service drives, or the bus or the name org.vela.Power1 cannot be had\n"
+                          "  2  invalid input: a bad command line, or a file that cannot be read or is not a valid "
+                          "graph file\n");
+}
+
+int fail(const QString& message, int exitCode)
+{
+    std::cerr << program << ": " << message.toStdString() << std::endl;
+    return exitCode;
+}
+
+// Errors of verify stop the start unless forced; warnings are not shown.
+bool verified(const GraphFile& file, const QString& fileName, bool force)
+{
+    int errors = 0;
+    for (const Finding& finding : GraphVerifier(file).findings()) {
+        if (finding.severity != Finding::Error)
+            continue;
+        ++errors;
+        std::cerr << QStringLiteral("%1:%2:%3: error: %4: %5\n")
+                         .arg(fileName, QString::number(finding.place.line), QString::number(finding.place.column),
+                              finding.code, finding.message)
+                         .toStdString();
+    }
+    return errors == 0 || force;
+}
+
+// The library's log: as a log4cplus properties file says, else to standard
+// error at INFO (a unit's standard error goes to the journal).
+void setUpLog(const QString& configFile)
+{
+    if (!configFile.isEmpty()) {
+        log4cplus::PropertyConfigurator::doConfigure(configFile.toStdString());
+        return;
+    }
+    log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true));
+    console->setLayout(std::unique_ptr<log4cplus::Layout>(new log4cplus::PatternLayout("%-5p %c: %m%n")));
+    vela::powerManagerLogger().addAppender(console);
+    vela::powerManagerLogger().setLogLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+QDBusConnection connectTo(const QString& bus)
+{
+    if (bus == QLatin1String("system"))
+        return QDBusConnection::systemBus();
+    if (bus == QLatin1String("session"))
+        return QDBusConnection::sessionBus();
+    return QDBusConnection::connectToBus(bus, QStringLiteral("vela-powerd"));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    qSetGlobalQHashSeed(0);
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QLatin1String(program));
+    CommandLine line(CommandLine::Invocation{QLatin1String(program)}, QStringLiteral("GRAPH"),
+                     QStringLiteral("Runs the power manager for the graph in GRAPH as the D-Bus service "
+                                    "org.vela.Power1, writing to the hardware controls the file names."));
+    line.setExitCodes(exitCodes());
+    const QCommandLineOption busOption(QStringLiteral("bus"),
+                                       QStringLiteral("The bus: system (the default), session or an address."),
+                                       QStringLiteral("bus"), QStringLiteral("system"));
+    const QCommandLineOption startOption(QStringLiteral("start-target"),
+                                         QStringLiteral("Ask for <target> once the name is owned."),
+                                         QStringLiteral("target"));
+    const QCommandLineOption forceOption(QStringLiteral("force"),
+                                         QStringLiteral("Start even when verify finds errors in the graph."));
+    const QCommandLineOption logOption(QStringLiteral("log-config"),
+                                       QStringLiteral("Configure the library's log from the log4cplus properties "
+                                                      "<file> (default: standard error, INFO and above)."),
+                                       QStringLiteral("file"));
+    line.parser().addOptions({busOption, startOption, forceOption, logOption});
+    line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
+    int exitCode = 0;
+    QString fileName;
+    if (!line.parseWithOneGraph(app.arguments(), &exitCode, &fileName))
+        return exitCode;
+
+    const QString logConfig = line.parser().value(logOption);
+    if (!logConfig.isEmpty() && !QFileInfo(logConfig).isReadable())
+        return fail(QStringLiteral("--log-config: cannot read %1").arg(logConfig), 2);
+    setUpLog(logConfig);
+
+    GraphFile file;
+    GraphFile::Failure failure;
+    if (!GraphFile::load(fileName, &file, &failure))
+        return fail(failure.message(), 2);
+    if (!file.requests.isEmpty() || !file.platform.isEmpty())
+        std::cerr << program << ": " << fileName.toStdString()
+                  << ": \"platform\" and \"requests\" are for simulation; ignored" << std::endl;
+    if (!verified(file, fileName, line.parser().isSet(forceOption)))
+        return fail(QStringLiteral("errors in the graph; --force starts anyway"), 1);
+    QString problem;
+    if (!HardwarePlatform::canServe(file, &problem))
+        return fail(problem, 1);
+    const QString startTarget = line.parser().value(startOption);
+    if (!startTarget.isEmpty() && !file.target(startTarget))
+        return fail(QStringLiteral("--start-target: the graph has no target %1").arg(startTarget), 2);
+
+    QDBusConnection bus = connectTo(line.parser().value(busOption));
+    if (!bus.isConnected())
+        return fail(QStringLiteral("cannot connect to the %1 bus: %2")
+                        .arg(line.parser().value(busOption), bus.lastError().message()),
+                    1);
+
+    StopSignals stop;
+    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
+    HardwarePlatform platform(file, [](PlatformCall::Step, const PlatformCall&) {});
+    PowerGraph graph(file);
+    PowerHandler handler;
+    graph.registerWith(handler);
+    PowerManagerService service(handler, graph, bus);
+    if (!bus.registerObject(QLatin1String(PowerManagerService::objectPath), &service, PowerManagerService::exported))
+        return fail(QStringLiteral("cannot export %1: %2")
+                        .arg(QLatin1String(PowerManagerService::objectPath), bus.lastError().message()),
+                    1);
+    if (!bus.registerService(QLatin1String(PowerManagerService::busName)))
+        return fail(QStringLiteral("cannot own the name %1: %2")
+                        .arg(QLatin1String(PowerManagerService::busName), bus.lastError().message()),
+                    1);
+    if (!startTarget.isEmpty()) {
+        Scenario::Request request;
+        request.name = startTarget;
+        RequestDriver::sendTo(handler, graph, request);
+    }
+    QCoreApplication::exec();
+    bus.unregisterService(QLatin1String(PowerManagerService::busName));
+    return 0;
+}

@@ -1,0 +1,174 @@
+#include "powermanagerservice.h"
+
+#include "graphfile.h"
+#include "powergraph.h"
+#include "refusalreasons.h"
+#include "requestdriver.h"
+#include "safetext.h"
+#include "snapshot.h"
+
+#include "PowerHandler.h"
+#include "PowerNode.h"
+#include "velapowermanagermoduleregister.h"
+
+#include <QDBusMessage>
+
+const char* const PowerManagerService::busName = "org.vela.Power1";
+const char* const PowerManagerService::objectPath = "/org/vela/Power1";
+const QDBusConnection::RegisterOptions PowerManagerService::exported =
+    QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportScriptableSignals |
+    QDBusConnection::ExportAllProperties;
+
+namespace {
+
+const char* const interfaceName = "org.vela.Power1.Manager";
+
+QString errorName(const char* name)
+{
+    return QStringLiteral("org.vela.Power1.Error.") + QLatin1String(name);
+}
+
+} // namespace
+
+PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus)
+    : m_handler(handler)
+    , m_graph(graph)
+    , m_bus(bus)
+{
+    connect(&handler, &PowerHandler::nextTargetChanged, this, [this](const VelaPowerManagerTarget& target) {
+        targetSignal("NextTarget", "NextTargetChanged", &m_nextTarget,
+                     VelaPowerManagerTargets::toString(target.target()));
+        emit NextTargetChanged(m_nextTarget);
+    });
+    connect(&handler, &PowerHandler::targetChanged, this, [this](const VelaPowerManagerTarget& target) {
+        targetSignal("CurrentTarget", "TargetChanged", &m_currentTarget,
+                     VelaPowerManagerTargets::toString(target.target()));
+        emit TargetChanged(m_currentTarget);
+    });
+}
+
+// Keeps a target property and tells the bus it changed.
+void PowerManagerService::targetSignal(const char* property, const char*, QString* value, const QString& target)
+{
+    *value = target;
+    QDBusMessage changed = QDBusMessage::createSignal(QLatin1String(objectPath),
+                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                      QStringLiteral("PropertiesChanged"));
+    changed << QLatin1String(interfaceName) << QVariantMap{{QLatin1String(property), target}} << QStringList();
+    m_bus.send(changed);
+}
+
+void PowerManagerService::sendError(const char* name, const QString& message)
+{
+    sendErrorReply(name[0] == 'o' ? QLatin1String(name) : errorName(name), message);
+}
+
+void PowerManagerService::RegisterModule(const QString& name, const QVariantMap& options)
+{
+    const QString problem = SafeText::problem(name, SafeText::maximumNameLength);
+    if (!problem.isEmpty())
+        return sendError("org.freedesktop.DBus.Error.InvalidArgs",
+                         QStringLiteral("module name %1: %2").arg(SafeText::quoted(name), problem));
+    if (!options.isEmpty())
+        return sendError("org.freedesktop.DBus.Error.InvalidArgs",
+                         QStringLiteral("unknown option %1: this service takes no module options yet")
+                             .arg(SafeText::quoted(options.firstKey())));
+    const QString caller = message().service();
+    const QString owner = name == VelaPowerManagerName() ? QStringLiteral("(the power manager)")
+                                                         : m_moduleOwners.value(name, caller);
+    if (owner != caller)
+        return sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(name));
+    m_moduleOwners.insert(name, caller);
+    m_handler.registerModule(VelaPowerManagerModuleRegister(name, CMPath(), CMPath()));
+}
+
+void PowerManagerService::RequestTarget(const QString& name)
+{
+    if (!m_graph.target(name))
+        return sendError("UnknownTarget", QStringLiteral("no target named %1").arg(SafeText::quoted(name)));
+    Scenario::Request request;
+    request.kind = Scenario::Request::Target;
+    request.name = name;
+    setDelayedReply(true);
+    answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
+                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });
+}
+
+void PowerManagerService::RequestResource(const QString& resource, const QString& action, const QVariantMap& options)
+{
+    if (!m_graph.resource(resource))
+        return sendError("UnknownResource", QStringLiteral("no resource named %1").arg(SafeText::quoted(resource)));
+    Scenario::Request request;
+    request.kind = Scenario::Request::Resource;
+    request.name = resource;
+    if (!VelaPowerModuleActions::fromString(action, &request.action))
+        return sendError("InvalidAction",
+                         QStringLiteral("action %1: expected hold, use or release").arg(SafeText::quoted(action)));
+    request.module = moduleOfCaller(options);
+    if (request.module.isEmpty())
+        return;
+    setDelayedReply(true);
+    answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
+                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });
+}
+
+QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
+{
+    const QString caller = message().service();
+    if (options.contains(QStringLiteral("module"))) {
+        const QString module = options.value(QStringLiteral("module")).toString();
+        if (!m_moduleOwners.contains(module))
+            sendError("UnknownModule", QStringLiteral("no module named %1 is registered").arg(SafeText::quoted(module)));
+        else if (m_moduleOwners.value(module) != caller)
+            sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(module));
+        else
+            return module;
+        return QString();
+    }
+    const QStringList modules = m_moduleOwners.keys(caller);
+    if (modules.size() == 1)
+        return modules.constFirst();
+    if (modules.isEmpty())
+        sendError("NotRegistered", QStringLiteral("this connection registered no module (RegisterModule)"));
+    else
+        sendError("org.freedesktop.DBus.Error.InvalidArgs",
+                  QStringLiteral("this connection registered %1 modules: name one in the option \"module\"")
+                      .arg(modules.size()));
+    return QString();
+}
+
+// Answers `call` once the handler answers `reply`: with nothing, or with
+// the error org.vela.Power1.Error.Refused carrying the handler's message and,
+// when one is known, the reason in plain words.
+void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
+                                         const std::function<QString()>& reason)
+{
+    const QDBusConnection bus = m_bus;
+    reply.onFinished([bus, call, reason](const CMReply<QVariant>& answer) {
+        QDBusConnection connection = bus;
+        if (!answer.error().isError()) {
+            connection.send(call.createReply());
+            return;
+        }
+        QString text = answer.error().message().toString();
+        const QString why = reason();
+        if (!why.isEmpty())
+            text += QStringLiteral(": ") + why;
+        connection.send(call.createErrorReply(errorName("Refused"), text));
+    });
+}
+
+QVariantMap PowerManagerService::ListNodes()
+{
+    return GraphSnapshot::toMap(m_handler.listNodes());
+}
+
+QVariantMap PowerManagerService::GetNodeInfo(const QString& name)
+{
+    PowerNode* node = m_graph.node(name);
+    if (!node) {
+        sendError("UnknownResource", QStringLiteral("no resource or target named %1").arg(SafeText::quoted(name)));
+        return QVariantMap();
+    }
+    return GraphSnapshot::toMap(m_handler.getNodeInfo(node));
+}

@@ -1,0 +1,74 @@
+#ifndef VELA_SERVICE_POWERMANAGERSERVICE_H
+#define VELA_SERVICE_POWERMANAGERSERVICE_H
+
+#include "cmreply.h"
+
+#include <QDBusConnection>
+#include <QDBusContext>
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QVariantMap>
+
+#include <functional>
+
+class PowerGraph;
+class PowerHandler;
+
+/*
+ * The power handler on D-Bus: the object /org/vela/Power1 with the interface
+ * org.vela.Power1.Manager (service/org.vela.Power1.Manager.xml). Modules
+ * register under a name bound to their connection; requests are answered
+ * with a delayed reply once the handler answers them, exactly once.
+ *
+ *   PowerManagerService service(handler, graph, bus);
+ *   bus.registerObject(PowerManagerService::objectPath, &service, PowerManagerService::exported);
+ *   bus.registerService(PowerManagerService::busName);
+ */
+class PowerManagerService : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.vela.Power1.Manager")
+    Q_PROPERTY(QString CurrentTarget READ currentTarget)
+    Q_PROPERTY(QString NextTarget READ nextTarget)
+
+public:
+    static const char* const busName;
+    static const char* const objectPath;
+    static const QDBusConnection::RegisterOptions exported;
+
+    PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus);
+
+    QString currentTarget() const { return m_currentTarget; }
+    QString nextTarget() const { return m_nextTarget; }
+
+public slots:
+    Q_SCRIPTABLE void RegisterModule(const QString& name, const QVariantMap& options);
+    Q_SCRIPTABLE void RequestTarget(const QString& target);
+    Q_SCRIPTABLE void RequestResource(const QString& resource, const QString& action, const QVariantMap& options);
+    Q_SCRIPTABLE QVariantMap ListNodes();
+    Q_SCRIPTABLE QVariantMap GetNodeInfo(const QString& node);
+
+signals:
+    Q_SCRIPTABLE void TargetChanged(const QString& target);
+    Q_SCRIPTABLE void NextTargetChanged(const QString& target);
+
+private:
+    // The module a resource request of the calling connection acts for;
+    // empty after an error was sent.
+    QString moduleOfCaller(const QVariantMap& options);
+    void answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
+                        const std::function<QString()>& reason);
+    void sendError(const char* name, const QString& message);
+    void targetSignal(const char* property, const char* signal, QString* value, const QString& target);
+
+    PowerHandler& m_handler;
+    const PowerGraph& m_graph;
+    QDBusConnection m_bus;
+    // Module name -> the unique name of the connection that registered it.
+    QHash<QString, QString> m_moduleOwners;
+    QString m_currentTarget;
+    QString m_nextTarget;
+};
+
+#endif

@@ -1,0 +1,258 @@
+// vela-powerd end to end: the program on a private bus of the test's own,
+// with real client connections, and a folder of attribute files standing in
+// for sysfs.
+
+#include "privatebus.h"
+
+#include "eventloop.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDBusVariant>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString service = QStringLiteral("org.vela.Power1");
+const QString path = QStringLiteral("/org/vela/Power1");
+const QString manager = QStringLiteral("org.vela.Power1.Manager");
+constexpr int callTimeoutMs = 30000;
+
+// A lamp written through sysfs and a fan through a log control; "on"
+// enables the lamp, "off" disables both and lets no target follow it.
+QByteArray deviceGraph(const QString& lampDirectory)
+{
+    return QStringLiteral(R"({"modules": [{"name": "reader"}],
+  "resources": [
+    {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80},
+                     "disable": {"path": "/hw/lamp", "key": "brightness", "value": 0}},
+    {"name": "fan", "enable": {"path": "/hw/fan", "key": "on", "value": true},
+                    "disable": {"path": "/hw/fan", "key": "on", "value": false}}],
+  "targets": [
+    {"name": "on", "enables": ["lamp"], "reachable": ["off"]},
+    {"name": "off", "disables": ["lamp", "fan"], "reachable": []}],
+  "controls": {"/hw/lamp": {"sysfs": "%1"}, "/hw/fan": {"log": true}}})")
+        .arg(lampDirectory)
+        .toUtf8();
+}
+
+bool writeFile(const QString& fileName, const QByteArray& bytes)
+{
+    QFile file(fileName);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+QString fileText(const QString& fileName)
+{
+    QFile file(fileName);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QStringLiteral("(unreadable)");
+}
+
+QDBusMessage call(QDBusConnection& connection, const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(service, path, manager, method);
+    message.setArguments(arguments);
+    return connection.call(message, QDBus::Block, callTimeoutMs);
+}
+
+QString property(QDBusConnection& connection, const QString& name)
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(service, path, QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                      QStringLiteral("Get"));
+    get << manager << name;
+    const QDBusMessage reply = connection.call(get, QDBus::Block, callTimeoutMs);
+    return reply.arguments().isEmpty() ? QString()
+                                       : reply.arguments().constFirst().value<QDBusVariant>().variant().toString();
+}
+
+std::string errorOf(const QDBusMessage& reply)
+{
+    return reply.type() == QDBusMessage::ErrorMessage ? reply.errorName().toStdString() : "no error";
+}
+
+class Powerd : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_folder.isValid());
+        ASSERT_TRUE(m_bus.start()) << "dbus-daemon (Debian's dbus-daemon package) is needed";
+        const QString lampDirectory = m_folder.filePath(QStringLiteral("lamp"));
+        ASSERT_TRUE(QDir().mkpath(lampDirectory));
+        m_attribute = lampDirectory + QStringLiteral("/brightness");
+        ASSERT_TRUE(writeFile(m_attribute, "0"));
+        const QString graph = m_folder.filePath(QStringLiteral("device.json"));
+        ASSERT_TRUE(writeFile(graph, deviceGraph(lampDirectory)));
+        m_service.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_service.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
+        ASSERT_TRUE(m_service.waitForStarted(30000));
+        ASSERT_TRUE(m_bus.waitForOwner(service, 30000)) << "vela-powerd never took its name";
+    }
+
+    void TearDown() override
+    {
+        if (m_service.state() == QProcess::NotRunning)
+            return;
+        m_service.terminate();
+        if (!m_service.waitForFinished(30000))
+            m_service.kill();
+    }
+
+    QTemporaryDir m_folder;
+    PrivateBus m_bus;
+    QProcess m_service;
+    QString m_attribute;
+};
+
+} // namespace
+
+TEST_F(Powerd, RegisteredModuleUsesItsResourceAndTheAttributeFileHoldsTheValue)
+{
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    EXPECT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+              "no error");
+
+    const QDBusMessage used =
+        call(reader, QStringLiteral("RequestResource"), {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()});
+    EXPECT_EQ(errorOf(used), "no error") << used.errorMessage().toStdString();
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("80"));
+
+    const QDBusMessage info = call(reader, QStringLiteral("GetNodeInfo"), {QStringLiteral("lamp")});
+    ASSERT_EQ(errorOf(info), "no error");
+    const QVariantMap lamp = qdbus_cast<QVariantMap>(info.arguments().constFirst());
+    EXPECT_TRUE(lamp.value(QStringLiteral("isEnabled")).toBool());
+    EXPECT_EQ(qdbus_cast<QVariantMap>(lamp.value(QStringLiteral("actions"))).value(QStringLiteral("reader")).toString(),
+              QStringLiteral("use"));
+
+    EXPECT_EQ(errorOf(call(reader, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("release"), QVariantMap()})),
+              "no error");
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+}
+
+TEST_F(Powerd, AConnectionActsOnlyForTheModulesItRegistered)
+{
+    QDBusConnection first = m_bus.connect(QStringLiteral("first"));
+    QDBusConnection second = m_bus.connect(QStringLiteral("second"));
+    ASSERT_EQ(errorOf(call(first, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+              "no error");
+
+    EXPECT_EQ(errorOf(call(second, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+              "org.vela.Power1.Error.NotOwner");
+    EXPECT_EQ(errorOf(call(second, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("use"),
+                            QVariantMap{{QStringLiteral("module"), QStringLiteral("reader")}}})),
+              "org.vela.Power1.Error.NotOwner");
+    EXPECT_EQ(errorOf(call(second, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+              "org.vela.Power1.Error.NotRegistered");
+    EXPECT_EQ(errorOf(call(second, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("use"),
+                            QVariantMap{{QStringLiteral("module"), QStringLiteral("writer")}}})),
+              "org.vela.Power1.Error.UnknownModule");
+    EXPECT_EQ(errorOf(call(second, QStringLiteral("RegisterModule"), {QStringLiteral("PowerManager"), QVariantMap()})),
+              "org.vela.Power1.Error.NotOwner")
+        << "the power manager's own module is the service's";
+}
+
+TEST_F(Powerd, BadInputGetsItsErrorNameAndTheServiceGoesOn)
+{
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    ASSERT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+              "no error");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {QStringLiteral("nowhere")})),
+              "org.vela.Power1.Error.UnknownTarget");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestResource"),
+                           {QStringLiteral("heater"), QStringLiteral("use"), QVariantMap()})),
+              "org.vela.Power1.Error.UnknownResource");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("borrow"), QVariantMap()})),
+              "org.vela.Power1.Error.InvalidAction");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QString(), QVariantMap()})),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"),
+                           {QString(65, QLatin1Char('m')), QVariantMap()})),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("GetNodeInfo"), {QStringLiteral("heater")})),
+              "org.vela.Power1.Error.UnknownResource");
+    // Arguments of the wrong types never reach the service's methods.
+    EXPECT_NE(errorOf(call(client, QStringLiteral("RequestTarget"), {42})), "no error");
+
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestResource"),
+                           {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+              "no error");
+}
+
+TEST_F(Powerd, TargetSwitchSetsThePropertiesAndARefusalCarriesItsReason)
+{
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {QStringLiteral("on")})), "no error");
+    EXPECT_EQ(property(client, QStringLiteral("CurrentTarget")), QStringLiteral("on"));
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("80"));
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {QStringLiteral("off")})), "no error");
+    EXPECT_EQ(property(client, QStringLiteral("CurrentTarget")), QStringLiteral("off"));
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+
+    const QDBusMessage refused = call(client, QStringLiteral("RequestTarget"), {QStringLiteral("on")});
+    EXPECT_EQ(errorOf(refused), "org.vela.Power1.Error.Refused");
+    EXPECT_EQ(refused.errorMessage().toStdString(),
+              "Failed to resolve dependencies: off is enabled and its reachable list (empty) leaves out on");
+    EXPECT_EQ(property(client, QStringLiteral("CurrentTarget")), QStringLiteral("off"));
+
+    const QDBusMessage nodes = call(client, QStringLiteral("ListNodes"), {});
+    ASSERT_EQ(errorOf(nodes), "no error");
+    const QVariantMap all = qdbus_cast<QVariantMap>(nodes.arguments().constFirst());
+    EXPECT_EQ(qdbus_cast<QVariantMap>(all.value(QStringLiteral("targets"))).keys(),
+              (QStringList{QStringLiteral("off"), QStringLiteral("on")}));
+    EXPECT_EQ(qdbus_cast<QVariantMap>(all.value(QStringLiteral("resources"))).keys(),
+              (QStringList{QStringLiteral("fan"), QStringLiteral("lamp")}));
+}
+
+TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
+{
+    m_service.terminate();
+    ASSERT_TRUE(m_service.waitForFinished(30000));
+    EXPECT_EQ(m_service.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(m_service.exitCode(), 0);
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    EXPECT_FALSE(client.interface()->isServiceRegistered(service).value());
+}
+
+TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
+{
+    QTemporaryDir folder;
+    const QString graph = folder.filePath(QStringLiteral("bare.json"));
+    ASSERT_TRUE(writeFile(graph, R"({"resources": [{"name": "fan",
+      "enable": {"path": "/hw/fan", "key": "on", "value": 1}}], "controls": {}})"));
+    QProcess process;
+    process.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"),
+                                                        graph});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(process.exitCode(), 1);
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_TRUE(err.contains(QStringLiteral("missing-control: fan writes /hw/fan, which has no control")))
+        << err.toStdString();
+}
+
+TEST(PowerdStart, FileThatIsNoGraphIsInvalidInputWithItsPlace)
+{
+    QTemporaryDir folder;
+    const QString graph = folder.filePath(QStringLiteral("broken.json"));
+    ASSERT_TRUE(writeFile(graph, R"({"resources": [{"name": "fan", "speed": 3}]})"));
+    QProcess process;
+    // Never the machine's bus, should the file be taken after all.
+    process.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"),
+                                                        graph});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(process.exitCode(), 2);
+    EXPECT_EQ(QString::fromUtf8(process.readAllStandardError()).toStdString(),
+              "vela-powerd: " + graph.toStdString() +
+                  ":1:32: resources[0]: unknown key \"speed\" (expected one of: name, value, timeoutMs, enable, "
+                  "disable, requires, modules)\n");
+}
