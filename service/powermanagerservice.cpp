@@ -12,6 +12,8 @@
 #include "velapowermanagermoduleregister.h"
 
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 
 const char* const PowerManagerService::busName = "org.vela.Power1";
 const char* const PowerManagerService::objectPath = "/org/vela/Power1";
@@ -34,7 +36,9 @@ PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph
     : m_handler(handler)
     , m_graph(graph)
     , m_bus(bus)
+    , m_callers(QString(), bus, QDBusServiceWatcher::WatchForUnregistration)
 {
+    connect(&m_callers, &QDBusServiceWatcher::serviceUnregistered, this, &PowerManagerService::callerGone);
     connect(&handler, &PowerHandler::nextTargetChanged, this, [this](const VelaPowerManagerTarget& target) {
         targetSignal("NextTarget", "NextTargetChanged", &m_nextTarget,
                      VelaPowerManagerTargets::toString(target.target()));
@@ -80,6 +84,53 @@ void PowerManagerService::RegisterModule(const QString& name, const QVariantMap&
         return sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(name));
     m_moduleOwners.insert(name, caller);
     m_handler.registerModule(VelaPowerManagerModuleRegister(name, CMPath(), CMPath()));
+    watchCaller(caller);
+}
+
+/*
+ * The watcher sees a connection go only from when it watches it: a caller
+ * that went between its call and now would keep its claims. So each new
+ * watch is followed by a question to the bus, and "no owner" counts as gone.
+ */
+void PowerManagerService::watchCaller(const QString& caller)
+{
+    if (m_callers.watchedServices().contains(caller))
+        return;
+    m_callers.addWatchedService(caller);
+    QDBusMessage question = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
+    question << caller;
+    auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(question), this);
+    connect(answer, &QDBusPendingCallWatcher::finished, this, [this, caller](QDBusPendingCallWatcher* watcher) {
+        const QDBusPendingReply<bool> reply = *watcher;
+        watcher->deleteLater();
+        if (reply.isValid() && !reply.value())
+            callerGone(caller);
+    });
+}
+
+// Releases every hold and use of the modules `caller` registered, through
+// the queue like any request (their answers go to no one), and frees their
+// names.
+void PowerManagerService::callerGone(const QString& caller)
+{
+    m_callers.removeWatchedService(caller);
+    for (const QString& module : m_moduleOwners.keys(caller)) {
+        m_moduleOwners.remove(module);
+        const QSet<QString> askedFor = m_askedFor.take(module);
+        for (const GraphSpec::Resource& resource : m_graph.spec().resources) {
+            const bool claimed = m_graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release;
+            if (!claimed && !askedFor.contains(resource.name))
+                continue;
+            Scenario::Request release;
+            release.kind = Scenario::Request::Resource;
+            release.name = resource.name;
+            release.module = module;
+            release.action = VelaPowerModuleActions::release;
+            RequestDriver::sendTo(m_handler, m_graph, release);
+        }
+    }
 }
 
 void PowerManagerService::RequestTarget(const QString& name)
@@ -107,6 +158,7 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
     request.module = moduleOfCaller(options);
     if (request.module.isEmpty())
         return;
+    m_askedFor[request.module].insert(resource);
     setDelayedReply(true);
     answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
                    [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });

@@ -5,7 +5,9 @@
 
 #include <QDBusConnection>
 #include <QDBusContext>
+#include <QDBusServiceWatcher>
 #include <QHash>
+#include <QSet>
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
@@ -19,7 +21,9 @@ class PowerHandler;
  * The power handler on D-Bus: the object /org/vela/Power1 with the interface
  * org.vela.Power1.Manager (service/org.vela.Power1.Manager.xml). Modules
  * register under a name bound to their connection; requests are answered
- * with a delayed reply once the handler answers them, exactly once.
+ * with a delayed reply once the handler answers them, exactly once. When a
+ * connection goes (a crash, a kill, a closed connection), every hold or use
+ * of its modules is released through the handler's queue.
  *
  *   PowerManagerService service(handler, graph, bus);
  *   bus.registerObject(PowerManagerService::objectPath, &service, PowerManagerService::exported);
@@ -61,12 +65,20 @@ private:
                         const std::function<QString()>& reason);
     void sendError(const char* name, const QString& message);
     void targetSignal(const char* property, const char* signal, QString* value, const QString& target);
+    void watchCaller(const QString& caller);
+    void callerGone(const QString& caller);
 
     PowerHandler& m_handler;
     const PowerGraph& m_graph;
     QDBusConnection m_bus;
     // Module name -> the unique name of the connection that registered it.
     QHash<QString, QString> m_moduleOwners;
+    // The connections that registered modules: when one goes, its modules'
+    // claims are released and their names are free again.
+    QDBusServiceWatcher m_callers;
+    // The resources each module has asked for: a request still queued when
+    // its connection goes runs after all, and is released after it.
+    QHash<QString, QSet<QString>> m_askedFor;
     QString m_currentTarget;
     QString m_nextTarget;
 };

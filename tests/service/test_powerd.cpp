@@ -214,6 +214,72 @@ TEST_F(Powerd, TargetSwitchSetsThePropertiesAndARefusalCarriesItsReason)
               (QStringList{QStringLiteral("fan"), QStringLiteral("lamp")}));
 }
 
+// The lamp's state and its modules' actions, as the service reports them.
+QVariantMap lampInfo(QDBusConnection& connection)
+{
+    const QDBusMessage info = call(connection, QStringLiteral("GetNodeInfo"), {QStringLiteral("lamp")});
+    return info.arguments().isEmpty() ? QVariantMap() : qdbus_cast<QVariantMap>(info.arguments().constFirst());
+}
+
+// Whether no module but those in `kept` holds or uses the lamp, and it is
+// off unless one of them does.
+bool lampUnclaimed(QDBusConnection& connection)
+{
+    const QVariantMap info = lampInfo(connection);
+    const QVariantMap actions = qdbus_cast<QVariantMap>(info.value(QStringLiteral("actions")));
+    for (auto action = actions.constBegin(); action != actions.constEnd(); ++action) {
+        if (action.value().toString() != QLatin1String("release"))
+            return false;
+    }
+    return !info.isEmpty() && !info.value(QStringLiteral("isEnabled")).toBool();
+}
+
+TEST_F(Powerd, ClosedConnectionReleasesItsModulesClaimsAndFreesTheName)
+{
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    {
+        QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+                  "no error");
+        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RequestResource"),
+                               {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+                  "no error");
+        ASSERT_EQ(fileText(m_attribute), QStringLiteral("80"));
+    }
+    QDBusConnection::disconnectFromBus(QStringLiteral("reader"));
+
+    EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, 30000))
+        << "the vanished module still claims the lamp";
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+    QDBusConnection successor = m_bus.connect(QStringLiteral("successor"));
+    EXPECT_EQ(errorOf(call(successor, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+              "no error")
+        << "the name of a vanished module is free again";
+}
+
+TEST_F(Powerd, ClientsThatCallAndGoAtOnceLeaveNoClaim)
+{
+    // Each client registers and asks without waiting, and closes its
+    // connection at once: the service may hear of the registration only
+    // after the client has gone.
+    constexpr int clients = 20;
+    for (int index = 0; index < clients; ++index) {
+        const QString name = QStringLiteral("hasty%1").arg(index);
+        QDBusConnection hasty = m_bus.connect(name);
+        QDBusMessage registration = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RegisterModule"));
+        registration.setArguments({name, QVariantMap()});
+        QDBusMessage use = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
+        use.setArguments({QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()});
+        ASSERT_TRUE(hasty.send(registration));
+        ASSERT_TRUE(hasty.send(use));
+        QDBusConnection::disconnectFromBus(name);
+    }
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, 30000))
+        << "claims of vanished clients remain";
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+}
+
 TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
 {
     m_service.terminate();
