@@ -10,7 +10,7 @@ bool loadGraphFile(const CommandLine& line, const QString& fileName, GraphFile* 
     GraphFile::Failure failure;
     if (GraphFile::load(fileName, graph, &failure))
         return true;
-    std::cerr << "vela-power " << line.command().toStdString() << ": " << failure.message().toStdString() << std::endl;
+    std::cerr << line.invocation().toStdString() << ": " << failure.message().toStdString() << std::endl;
     *exitCode = ExitCodes::InvalidInput;
     return false;
 }
