@@ -3,7 +3,10 @@
 #include "cmerror.h"
 #include "cmrootworker.h"
 
+#include <QCoreApplication>
 #include <QFile>
+
+#include <thread>
 
 #include <cerrno>
 #include <cstring>
@@ -67,7 +70,9 @@ bool HardwarePlatform::canServe(const GraphSpec& graph, QString* problem)
 HardwarePlatform::HardwarePlatform(const GraphSpec& graph, Listener listener)
     : m_listener(std::move(listener))
     , m_owners(graph)
+    , m_desk(std::make_shared<Desk>())
 {
+    m_desk->platform = this;
     for (auto control = graph.controls.constBegin(); control != graph.controls.constEnd(); ++control) {
         const CMPath path(control.key());
         m_paths.insert(path);
@@ -85,7 +90,7 @@ HardwarePlatform::~HardwarePlatform()
     CMRootWorker* root = CMRootWorker::instance();
     for (const CMPath& path : qAsConst(m_paths))
         root->unregisterSetDataHandler(path);
-    m_writers.waitForDone();
+    m_desk->platform = nullptr;
 }
 
 void HardwarePlatform::take(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply)
@@ -104,16 +109,29 @@ void HardwarePlatform::take(const GraphSpec::Control& control, PlatformCall call
     finish(call, reply, QStringLiteral("%1: a D-Bus property, which this platform does not drive").arg(call.path));
 }
 
+// On a thread of its own, which the platform does not wait for: a driver may
+// hold the write for good. The outcome comes back to the event loop's thread
+// through the desk, which drops it once the platform is gone (the desk and
+// the platform are only read and written on that thread).
 void HardwarePlatform::writeAttribute(const QString& directory, PlatformCall call, const CMReply<QVariant>& reply)
 {
     const QString fileName = directory + QLatin1Char('/') + call.key;
     const QByteArray text = call.value.toString().toUtf8();
-    m_writers.start([this, fileName, text, call, reply]() {
+    const std::shared_ptr<Desk> desk = m_desk;
+    std::thread([desk, fileName, text, call, reply]() {
         const QString reason = writeAttributeFile(fileName, text);
         const QString error = reason.isEmpty() ? QString() : fileName + QStringLiteral(": ") + reason;
+        QCoreApplication* application = QCoreApplication::instance();
+        if (!application)
+            return;
         QMetaObject::invokeMethod(
-            &m_answers, [this, call, reply, error]() { finish(call, reply, error); }, Qt::QueuedConnection);
-    });
+            application,
+            [desk, call, reply, error]() {
+                if (desk->platform)
+                    desk->platform->finish(call, reply, error);
+            },
+            Qt::QueuedConnection);
+    }).detach();
 }
 
 // On the event loop's thread: reports the outcome, then answers the library.

@@ -7,11 +7,10 @@
 #include "cmpath.h"
 #include "cmreply.h"
 
-#include <QObject>
 #include <QSet>
-#include <QThreadPool>
 
 #include <functional>
+#include <memory>
 
 /*
  * The platform of a device: for every data path a graph's resources write, a
@@ -47,8 +46,9 @@ public:
     static bool canServe(const GraphSpec& graph, QString* problem);
 
     HardwarePlatform(const GraphSpec& graph, Listener listener);
-    // Waits for the writes in flight; their answers are dropped, as the
-    // library's time-outs expect of a platform that went away.
+    // Does not wait for writes in flight (a driver may hold one for good);
+    // their answers are dropped, as the library's time-outs expect of a
+    // platform that went away.
     ~HardwarePlatform();
     HardwarePlatform(const HardwarePlatform&) = delete;
     HardwarePlatform& operator=(const HardwarePlatform&) = delete;
@@ -58,15 +58,16 @@ private:
     void writeAttribute(const QString& directory, PlatformCall call, const CMReply<QVariant>& reply);
     void finish(PlatformCall call, const CMReply<QVariant>& reply, const QString& error);
 
+    // Where the writing threads hand their outcomes back: it may outlive the
+    // platform (a thread held by a driver), and then takes nothing more.
+    struct Desk {
+        HardwarePlatform* platform = nullptr;
+    };
+
     Listener m_listener;
     CallOwners m_owners;
     QSet<CMPath> m_paths;
-    // The threads that write attribute files; declared before the context
-    // so that it is waited for while answers can still be delivered.
-    QThreadPool m_writers;
-    // Answers come back through it to the event loop's thread; answers still
-    // on their way when it goes are dropped.
-    QObject m_answers;
+    std::shared_ptr<Desk> m_desk;
 };
 
 #endif

@@ -143,12 +143,15 @@ int main(int argc, char** argv)
                     1);
 
     StopSignals stop;
-    QObject::connect(&stop, &StopSignals::stopRequested, []() { QCoreApplication::quit(); });
     HardwarePlatform platform(file, [](PlatformCall::Step, const PlatformCall&) {});
     PowerGraph graph(file);
     PowerHandler handler;
     graph.registerWith(handler);
     PowerManagerService service(handler, graph, bus);
+    // The running request finishes (within its own time-outs); the callers
+    // queued behind it and every new call get Stopping.
+    QObject::connect(&stop, &StopSignals::stopRequested, &service,
+                     [&service]() { service.stop([]() { QCoreApplication::quit(); }); });
     if (!bus.registerObject(QLatin1String(PowerManagerService::objectPath), &service, PowerManagerService::exported))
         return fail(QStringLiteral("cannot export %1: %2")
                         .arg(QLatin1String(PowerManagerService::objectPath), bus.lastError().message()),

@@ -12,6 +12,9 @@
 #include "velapowermanagermoduleregister.h"
 
 #include <QDBusMessage>
+#include <QPointer>
+
+#include <utility>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
@@ -69,6 +72,8 @@ void PowerManagerService::sendError(const char* name, const QString& message)
 
 void PowerManagerService::RegisterModule(const QString& name, const QVariantMap& options)
 {
+    if (refuseWhileStopping())
+        return;
     const QString problem = SafeText::problem(name, SafeText::maximumNameLength);
     if (!problem.isEmpty())
         return sendError("org.freedesktop.DBus.Error.InvalidArgs",
@@ -135,6 +140,8 @@ void PowerManagerService::callerGone(const QString& caller)
 
 void PowerManagerService::RequestTarget(const QString& name)
 {
+    if (refuseWhileStopping())
+        return;
     if (!m_graph.target(name))
         return sendError("UnknownTarget", QStringLiteral("no target named %1").arg(SafeText::quoted(name)));
     Scenario::Request request;
@@ -147,6 +154,8 @@ void PowerManagerService::RequestTarget(const QString& name)
 
 void PowerManagerService::RequestResource(const QString& resource, const QString& action, const QVariantMap& options)
 {
+    if (refuseWhileStopping())
+        return;
     if (!m_graph.resource(resource))
         return sendError("UnknownResource", QStringLiteral("no resource named %1").arg(SafeText::quoted(resource)));
     Scenario::Request request;
@@ -195,28 +204,68 @@ QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
 void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
                                          const std::function<QString()>& reason)
 {
-    const QDBusConnection bus = m_bus;
-    reply.onFinished([bus, call, reason](const CMReply<QVariant>& answer) {
-        QDBusConnection connection = bus;
-        if (!answer.error().isError()) {
-            connection.send(call.createReply());
+    const auto pending = std::make_shared<PendingCall>();
+    pending->call = call;
+    m_pending.append(pending);
+    QPointer<PowerManagerService> service(this);
+    reply.onFinished([service, pending, reason](const CMReply<QVariant>& answer) {
+        if (!service || pending->answered)
             return;
+        if (!answer.error().isError()) {
+            service->m_bus.send(pending->call.createReply());
+        } else {
+            QString text = answer.error().message().toString();
+            const QString why = reason();
+            if (!why.isEmpty())
+                text += QStringLiteral(": ") + why;
+            service->m_bus.send(pending->call.createErrorReply(errorName("Refused"), text));
         }
-        QString text = answer.error().message().toString();
-        const QString why = reason();
-        if (!why.isEmpty())
-            text += QStringLiteral(": ") + why;
-        connection.send(call.createErrorReply(errorName("Refused"), text));
+        service->answered(pending);
     });
+}
+
+void PowerManagerService::answered(const std::shared_ptr<PendingCall>& pending)
+{
+    pending->answered = true;
+    m_pending.removeOne(pending);
+    if (m_stopping && m_pending.isEmpty() && m_stopped)
+        std::exchange(m_stopped, nullptr)();
+}
+
+void PowerManagerService::stop(std::function<void()> stopped)
+{
+    m_stopping = true;
+    m_stopped = std::move(stopped);
+    // The oldest call's request is the one running (or the first to run):
+    // it keeps its answer; the callers behind it are told now.
+    while (m_pending.size() > 1) {
+        const std::shared_ptr<PendingCall> queued = m_pending.takeLast();
+        queued->answered = true;
+        m_bus.send(queued->call.createErrorReply(errorName("Stopping"), QStringLiteral("the service is stopping")));
+    }
+    if (m_pending.isEmpty())
+        std::exchange(m_stopped, nullptr)();
+}
+
+bool PowerManagerService::refuseWhileStopping()
+{
+    if (!m_stopping)
+        return false;
+    sendError("Stopping", QStringLiteral("the service is stopping"));
+    return true;
 }
 
 QVariantMap PowerManagerService::ListNodes()
 {
+    if (refuseWhileStopping())
+        return QVariantMap();
     return GraphSnapshot::toMap(m_handler.listNodes());
 }
 
 QVariantMap PowerManagerService::GetNodeInfo(const QString& name)
 {
+    if (refuseWhileStopping())
+        return QVariantMap();
     PowerNode* node = m_graph.node(name);
     if (!node) {
         sendError("UnknownResource", QStringLiteral("no resource or target named %1").arg(SafeText::quoted(name)));

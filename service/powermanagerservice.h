@@ -5,6 +5,7 @@
 
 #include <QDBusConnection>
 #include <QDBusContext>
+#include <QDBusMessage>
 #include <QDBusServiceWatcher>
 #include <QHash>
 #include <QSet>
@@ -13,6 +14,7 @@
 #include <QVariantMap>
 
 #include <functional>
+#include <memory>
 
 class PowerGraph;
 class PowerHandler;
@@ -43,6 +45,11 @@ public:
 
     PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus);
 
+    // Stops taking calls: from now on every call gets Stopping, and so do
+    // the callers still queued; `stopped` runs once the request that is
+    // running (the oldest unanswered) has its answer, or at once when none.
+    void stop(std::function<void()> stopped);
+
     QString currentTarget() const { return m_currentTarget; }
     QString nextTarget() const { return m_nextTarget; }
 
@@ -68,6 +75,14 @@ private:
     void watchCaller(const QString& caller);
     void callerGone(const QString& caller);
 
+    // A call answered with a delayed reply, until it is answered.
+    struct PendingCall {
+        QDBusMessage call;
+        bool answered = false;
+    };
+    bool refuseWhileStopping();
+    void answered(const std::shared_ptr<PendingCall>& pending);
+
     PowerHandler& m_handler;
     const PowerGraph& m_graph;
     QDBusConnection m_bus;
@@ -81,6 +96,10 @@ private:
     QHash<QString, QSet<QString>> m_askedFor;
     QString m_currentTarget;
     QString m_nextTarget;
+    // Oldest first.
+    QList<std::shared_ptr<PendingCall>> m_pending;
+    bool m_stopping = false;
+    std::function<void()> m_stopped;
 };
 
 #endif

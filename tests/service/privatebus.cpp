@@ -49,3 +49,13 @@ bool PrivateBus::waitForOwner(const QString& name, int ms)
         },
         ms);
 }
+
+bool PrivateBus::waitForNoOwner(const QString& name, int ms)
+{
+    QDBusConnection watcher = connect(QStringLiteral("no-owner-watcher-") + name);
+    return waitUntil(
+        [&watcher, &name]() {
+            return watcher.isConnected() && !watcher.interface()->isServiceRegistered(name).value();
+        },
+        ms);
+}

@@ -31,6 +31,8 @@ public:
     QDBusConnection connect(const QString& name);
     // Whether someone owns `name` on the bus, waiting for it up to `ms`.
     bool waitForOwner(const QString& name, int ms);
+    // Whether nobody owns `name` any more, waiting for it up to `ms`.
+    bool waitForNoOwner(const QString& name, int ms);
 
 private:
     QTemporaryDir m_folder;

@@ -14,6 +14,7 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <QCoreApplication>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -204,4 +205,28 @@ TEST(HardwarePlatform, LogControlAnswersAtOnceAndWritesNothing)
     EXPECT_TRUE(device.steps.at(0).second.answeredAtOnce);
     EXPECT_EQ(device.steps.at(0).second.value.toInt(), 80);
     EXPECT_TRUE(device.graph.resource(QStringLiteral("lamp"))->isEnabled());
+}
+
+TEST(HardwarePlatform, PlatformThatGoesWhileADriverHoldsAWriteNeitherWaitsNorTakesItsAnswer)
+{
+    QTemporaryDir sysfs;
+    ASSERT_TRUE(sysfs.isValid());
+    const QString attribute = sysfs.filePath(QStringLiteral("brightness"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(attribute).constData(), 0600), 0);
+    CMReply<QVariant> on;
+    {
+        Device device(lampGraph(sysfsControl(sysfs.path())));
+        on = device.ask(VelaPowerModuleActions::use);
+        ASSERT_EQ(device.steps.size(), 1);
+        // Gone while the write waits for a reader: a destructor that waited
+        // would never return.
+    }
+    const int reader = ::open(QFile::encodeName(attribute).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    char taken[8] = {};
+    ASSERT_TRUE(waitUntil([reader, &taken]() { return ::read(reader, taken, sizeof taken) > 0; }, 20000));
+    ::close(reader);
+    for (int round = 0; round < 10; ++round)
+        QCoreApplication::processEvents();
+    EXPECT_FALSE(on.isFinished()) << "the answer of a platform that went is dropped";
 }

@@ -8,6 +8,7 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <QDir>
@@ -16,6 +17,8 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -248,9 +251,12 @@ TEST_F(Powerd, ClosedConnectionReleasesItsModulesClaimsAndFreesTheName)
     }
     QDBusConnection::disconnectFromBus(QStringLiteral("reader"));
 
-    EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, 30000))
-        << "the vanished module still claims the lamp";
-    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+    // Unclaimed, and switched off: the disabling write is done once the
+    // attribute holds its value (a node is not enabled while it disables).
+    EXPECT_TRUE(waitUntil(
+        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); },
+        30000))
+        << "the vanished module still claims the lamp: " << fileText(m_attribute).toStdString();
     QDBusConnection successor = m_bus.connect(QStringLiteral("successor"));
     EXPECT_EQ(errorOf(call(successor, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
               "no error")
@@ -275,9 +281,10 @@ TEST_F(Powerd, ClientsThatCallAndGoAtOnceLeaveNoClaim)
         QDBusConnection::disconnectFromBus(name);
     }
     QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
-    EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, 30000))
-        << "claims of vanished clients remain";
-    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+    EXPECT_TRUE(waitUntil(
+        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); },
+        30000))
+        << "claims of vanished clients remain: " << fileText(m_attribute).toStdString();
 }
 
 TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
@@ -288,6 +295,64 @@ TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
     EXPECT_EQ(m_service.exitCode(), 0);
     QDBusConnection client = m_bus.connect(QStringLiteral("client"));
     EXPECT_FALSE(client.interface()->isServiceRegistered(service).value());
+}
+
+// A door whose lock is written through a FIFO that nobody reads: its write
+// waits until the lock's time-out, 2 s.
+TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopping)
+{
+    // A second service on the same bus cannot take the name: this test
+    // runs its own, with the door, once the fixture's is gone.
+    m_service.terminate();
+    ASSERT_TRUE(m_service.waitForFinished(30000));
+    ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
+    const QString doorDirectory = m_folder.filePath(QStringLiteral("door"));
+    ASSERT_TRUE(QDir().mkpath(doorDirectory));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(doorDirectory + QStringLiteral("/lock")).constData(), 0600), 0);
+    const QString graph = m_folder.filePath(QStringLiteral("door.json"));
+    ASSERT_TRUE(writeFile(graph, QStringLiteral(R"({"modules": [{"name": "keeper"}],
+  "resources": [
+    {"name": "door", "timeoutMs": 2000, "enable": {"path": "/hw/door", "key": "lock", "value": 1}},
+    {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80}}],
+  "controls": {"/hw/door": {"sysfs": "%1"}, "/hw/lamp": {"log": true}}})")
+                                     .arg(doorDirectory)
+                                     .toUtf8()));
+    QProcess door;
+    door.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    door.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
+    ASSERT_TRUE(door.waitForStarted(30000));
+    ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
+
+    QDBusConnection keeper = m_bus.connect(QStringLiteral("keeper"));
+    ASSERT_EQ(errorOf(call(keeper, QStringLiteral("RegisterModule"), {QStringLiteral("keeper"), QVariantMap()})),
+              "no error");
+    QList<QDBusPendingCall> answers;
+    for (const char* resource : {"door", "lamp", "lamp", "lamp"}) {
+        QDBusMessage request = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
+        request.setArguments({QLatin1String(resource), QStringLiteral("use"), QVariantMap()});
+        answers.append(keeper.asyncCall(request, callTimeoutMs));
+    }
+    // Calls of one connection are taken in order: once this is answered,
+    // the four requests are in the queue.
+    ASSERT_EQ(errorOf(call(keeper, QStringLiteral("ListNodes"), {})), "no error");
+    door.terminate();
+
+    ASSERT_TRUE(waitUntil(
+        [&answers]() {
+            for (const QDBusPendingCall& answer : answers) {
+                if (!answer.isFinished())
+                    return false;
+            }
+            return true;
+        },
+        30000));
+    EXPECT_FALSE(answers.at(0).isError()) << "the running request keeps its own answer: "
+                                          << answers.at(0).error().message().toStdString();
+    for (int index = 1; index < answers.size(); ++index)
+        EXPECT_EQ(answers.at(index).error().name().toStdString(), "org.vela.Power1.Error.Stopping") << index;
+    ASSERT_TRUE(door.waitForFinished(30000));
+    EXPECT_EQ(door.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(door.exitCode(), 0);
 }
 
 TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
