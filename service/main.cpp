@@ -108,13 +108,21 @@ int main(int argc, char** argv)
                                        QStringLiteral("Configure the library's log from the log4cplus properties "
                                                       "<file> (default: standard error, INFO and above)."),
                                        QStringLiteral("file"));
-    line.parser().addOptions({busOption, startOption, forceOption, logOption});
+    const QCommandLineOption revokeOption(
+        QStringLiteral("revoke-timeout-ms"),
+        QStringLiteral("How long a module may take to answer a revoke message (default 5000)."), QStringLiteral("ms"),
+        QStringLiteral("5000"));
+    line.parser().addOptions({busOption, startOption, forceOption, logOption, revokeOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
     int exitCode = 0;
     QString fileName;
     if (!line.parseWithOneGraph(app.arguments(), &exitCode, &fileName))
         return exitCode;
 
+    bool revokeTimeoutValid = false;
+    const int revokeTimeoutMs = line.parser().value(revokeOption).toInt(&revokeTimeoutValid);
+    if (!revokeTimeoutValid || revokeTimeoutMs <= 0)
+        return line.usageError(QStringLiteral("--revoke-timeout-ms needs a positive number of milliseconds"));
     const QString logConfig = line.parser().value(logOption);
     if (!logConfig.isEmpty() && !QFileInfo(logConfig).isReadable())
         return fail(QStringLiteral("--log-config: cannot read %1").arg(logConfig), 2);
@@ -148,6 +156,7 @@ int main(int argc, char** argv)
     PowerHandler handler;
     graph.registerWith(handler);
     PowerManagerService service(handler, graph, bus);
+    service.setRevokeTimeout(revokeTimeoutMs);
     // The running request finishes (within its own time-outs); the callers
     // queued behind it and every new call get Stopping.
     QObject::connect(&stop, &StopSignals::stopRequested, &service,

@@ -1,6 +1,8 @@
 #include "powermanagerservice.h"
 
+#include "dbusnames.h"
 #include "graphfile.h"
+#include "platformcall.h"
 #include "powergraph.h"
 #include "refusalreasons.h"
 #include "requestdriver.h"
@@ -8,12 +10,16 @@
 #include "snapshot.h"
 
 #include "PowerHandler.h"
+#include "cmrootworker.h"
+#include "velapowermanagerrevokemessage.h"
 #include "PowerNode.h"
 #include "velapowermanagermoduleregister.h"
 
 #include <QDBusMessage>
+#include <QDBusObjectPath>
 #include <QPointer>
 
+#include <iostream>
 #include <utility>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
@@ -78,18 +84,93 @@ void PowerManagerService::RegisterModule(const QString& name, const QVariantMap&
     if (!problem.isEmpty())
         return sendError("org.freedesktop.DBus.Error.InvalidArgs",
                          QStringLiteral("module name %1: %2").arg(SafeText::quoted(name), problem));
-    if (!options.isEmpty())
-        return sendError("org.freedesktop.DBus.Error.InvalidArgs",
-                         QStringLiteral("unknown option %1: this service takes no module options yet")
-                             .arg(SafeText::quoted(options.firstKey())));
+    RevokePaths paths;
+    if (!revokePaths(options, &paths))
+        return;
     const QString caller = message().service();
     const QString owner = name == VelaPowerManagerName() ? QStringLiteral("(the power manager)")
                                                          : m_moduleOwners.value(name, caller);
     if (owner != caller)
         return sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(name));
     m_moduleOwners.insert(name, caller);
-    m_handler.registerModule(VelaPowerManagerModuleRegister(name, CMPath(), CMPath()));
+    m_handler.registerModule(VelaPowerManagerModuleRegister(
+        name, paths.before.isEmpty() ? CMPath() : forwardRevokes(name, paths.before, "revoke"),
+        paths.after.isEmpty() ? CMPath() : forwardRevokes(name, paths.after, "postRevoke")));
     watchCaller(caller);
+}
+
+// The options "revokePath" and "postRevokePath": object paths on the
+// caller's connection. Anything else is refused.
+bool PowerManagerService::revokePaths(const QVariantMap& options, RevokePaths* paths)
+{
+    for (auto option = options.constBegin(); option != options.constEnd(); ++option) {
+        QString* path = option.key() == QLatin1String("revokePath")       ? &paths->before
+                        : option.key() == QLatin1String("postRevokePath") ? &paths->after
+                                                                           : nullptr;
+        if (!path) {
+            sendError("org.freedesktop.DBus.Error.InvalidArgs",
+                      QStringLiteral("unknown option %1 (expected revokePath, postRevokePath)")
+                          .arg(SafeText::quoted(option.key())));
+            return false;
+        }
+        const QVariant value = option.value();
+        *path = value.userType() == qMetaTypeId<QDBusObjectPath>() ? value.value<QDBusObjectPath>().path()
+                                                                    : value.toString();
+        const QString problem = DBusNames::objectPathProblem(*path);
+        if (!problem.isEmpty()) {
+            sendError("org.freedesktop.DBus.Error.InvalidArgs",
+                      QStringLiteral("%1 %2: %3").arg(option.key(), SafeText::quoted(*path), problem));
+            return false;
+        }
+    }
+    return true;
+}
+
+// A path of the root worker, private to the service, at which the handler's
+// revoke messages for `module` arrive and are sent on to `modulePath` on the
+// module's connection.
+CMPath PowerManagerService::forwardRevokes(const QString& module, const QString& modulePath, const char* kind)
+{
+    const CMPath path(QStringLiteral("/vela-powerd/modules/%1/%2").arg(module, QLatin1String(kind)));
+    m_revokePaths.insert(path);
+    CMRootWorker::instance()->registerInvokeHandler(
+        path, [this, module, modulePath](const CMPath&, const VelaHash& message, CMReply<QVariant> reply) {
+            forward(module, modulePath, message, reply);
+        });
+    return path;
+}
+
+// Calls org.vela.Power1.Module.Revoke(u messageType, as resources) on the
+// module's connection, and answers the handler with the outcome: an error,
+// or no answer within the time-out, fails the message and the request goes
+// on.
+void PowerManagerService::forward(const QString& module, const QString& modulePath, const VelaHash& message,
+                                  const CMReply<QVariant>& reply)
+{
+    const QString owner = m_moduleOwners.value(module);
+    const VelaPowerManagerRevokeMessage revoke(message);
+    QDBusMessage call = QDBusMessage::createMethodCall(owner, modulePath, QStringLiteral("org.vela.Power1.Module"),
+                                                       QStringLiteral("Revoke"));
+    call << static_cast<uint>(revoke.messageType()) << PlatformCall::revokedResources(message);
+    auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(call, m_revokeTimeoutMs), this);
+    connect(answer, &QDBusPendingCallWatcher::finished, this, [module, owner, reply](QDBusPendingCallWatcher* watcher) {
+        const QDBusPendingReply<> answered = *watcher;
+        watcher->deleteLater();
+        if (!answered.isError()) {
+            reply.setValue(QVariant());
+            return;
+        }
+        const QString offence = QStringLiteral("module %1 (connection %2) did not take its revoke message: %3")
+                                    .arg(module, owner, answered.error().message());
+        std::cerr << "vela-powerd: " << offence.toStdString() << std::endl;
+        reply.setError(CMError(QStringLiteral("org.vela.Power1.Error.RevokeFailed"), TrString(offence)));
+    });
+}
+
+PowerManagerService::~PowerManagerService()
+{
+    for (const CMPath& path : qAsConst(m_revokePaths))
+        CMRootWorker::instance()->unregisterInvokeHandler(path);
 }
 
 /*

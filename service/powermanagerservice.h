@@ -1,7 +1,9 @@
 #ifndef VELA_SERVICE_POWERMANAGERSERVICE_H
 #define VELA_SERVICE_POWERMANAGERSERVICE_H
 
+#include "cmpath.h"
 #include "cmreply.h"
+#include "velahash.h"
 
 #include <QDBusConnection>
 #include <QDBusContext>
@@ -44,6 +46,11 @@ public:
     static const QDBusConnection::RegisterOptions exported;
 
     PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus);
+    ~PowerManagerService() override;
+
+    // How long a module may take to answer a revoke message before the
+    // message counts as failed and the request goes on.
+    void setRevokeTimeout(int ms) { m_revokeTimeoutMs = ms; }
 
     // Stops taking calls: from now on every call gets Stopping, and so do
     // the callers still queued; `stopped` runs once the request that is
@@ -74,6 +81,15 @@ private:
     void targetSignal(const char* property, const char* signal, QString* value, const QString& target);
     void watchCaller(const QString& caller);
     void callerGone(const QString& caller);
+    // The paths where a module takes its revoke messages, on its connection.
+    struct RevokePaths {
+        QString before;
+        QString after;
+    };
+    bool revokePaths(const QVariantMap& options, RevokePaths* paths);
+    CMPath forwardRevokes(const QString& module, const QString& modulePath, const char* kind);
+    void forward(const QString& module, const QString& modulePath, const VelaHash& message,
+                 const CMReply<QVariant>& reply);
 
     // A call answered with a delayed reply, until it is answered.
     struct PendingCall {
@@ -100,6 +116,10 @@ private:
     QList<std::shared_ptr<PendingCall>> m_pending;
     bool m_stopping = false;
     std::function<void()> m_stopped;
+    int m_revokeTimeoutMs = 5000;
+    // The root worker's paths at which the handler invokes revoke messages;
+    // each forwards them to its module's connection.
+    QSet<CMPath> m_revokePaths;
 };
 
 #endif

@@ -8,6 +8,8 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVirtualObject>
 #include <QDBusPendingCall>
 #include <QDBusReply>
 #include <QDBusVariant>
@@ -353,6 +355,118 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
     ASSERT_TRUE(door.waitForFinished(30000));
     EXPECT_EQ(door.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(door.exitCode(), 0);
+}
+
+// A module's object that takes revoke messages on its connection: it notes
+// each (with what the lamp's attribute holds at that moment) and answers it,
+// or never, as told.
+class RevokeTaker : public QDBusVirtualObject
+{
+public:
+    RevokeTaker(QString attribute, bool answers) : m_attribute(std::move(attribute)), m_answers(answers) {}
+
+    QString introspect(const QString&) const override { return QString(); }
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
+    {
+        if (message.interface() != QLatin1String("org.vela.Power1.Module") ||
+            message.member() != QLatin1String("Revoke"))
+            return false;
+        const QVariantList arguments = message.arguments();
+        taken.append(QStringLiteral("%1 %2 %3 (lamp at %4)")
+                         .arg(message.path())
+                         .arg(arguments.value(0).toUInt())
+                         .arg(arguments.value(1).toStringList().join(QLatin1Char(',')), fileText(m_attribute)));
+        if (m_answers)
+            connection.send(message.createReply());
+        return true;
+    }
+
+    QStringList taken;
+
+private:
+    QString m_attribute;
+    bool m_answers;
+};
+
+// Calls without blocking the event loop, which the test's own objects on the
+// bus need to answer the service meanwhile.
+QDBusMessage callAndWait(QDBusConnection& connection, const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(service, path, manager, method);
+    message.setArguments(arguments);
+    QDBusPendingCall pending = connection.asyncCall(message, callTimeoutMs);
+    waitUntil([&pending]() { return pending.isFinished(); }, callTimeoutMs);
+    return pending.reply();
+}
+
+TEST_F(Powerd, RevokeMessagesGoToTheModuleBeforeAndAfterTheWriteThatTakesItsResource)
+{
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    RevokeTaker taker(m_attribute, true);
+    ASSERT_TRUE(reader.registerVirtualObject(QStringLiteral("/reader"), &taker, QDBusConnection::SubPath));
+    const QVariantMap paths{{QStringLiteral("revokePath"), QVariant::fromValue(QDBusObjectPath("/reader/revoke"))},
+                            {QStringLiteral("postRevokePath"), QStringLiteral("/reader/after")}};
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), paths})),
+              "no error");
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RequestResource"),
+                                  {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+              "no error");
+    QDBusConnection other = m_bus.connect(QStringLiteral("other"));
+
+    const QDBusMessage off = callAndWait(other, QStringLiteral("RequestTarget"), {QStringLiteral("off")});
+
+    EXPECT_EQ(errorOf(off), "no error") << off.errorMessage().toStdString();
+    EXPECT_EQ(taker.taken, (QStringList{QStringLiteral("/reader/revoke 0 lamp (lamp at 80)"),
+                                        QStringLiteral("/reader/after 1 lamp (lamp at 0)")}));
+}
+
+TEST_F(Powerd, ModuleThatNeverAnswersItsRevokeMessageHoldsTheRequestOnlyUntilTheTimeOut)
+{
+    // The fixture's service waits 5 s for an answer; this one 300 ms.
+    m_service.terminate();
+    ASSERT_TRUE(m_service.waitForFinished(30000));
+    ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
+    QProcess impatient;
+    impatient.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(),
+                                                          QStringLiteral("--revoke-timeout-ms"), QStringLiteral("300"),
+                                                          m_folder.filePath(QStringLiteral("device.json"))});
+    ASSERT_TRUE(impatient.waitForStarted(30000));
+    ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    RevokeTaker taker(m_attribute, false);
+    ASSERT_TRUE(reader.registerVirtualObject(QStringLiteral("/reader"), &taker, QDBusConnection::SubPath));
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RegisterModule"),
+                                  {QStringLiteral("reader"),
+                                   QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("/reader/revoke")}}})),
+              "no error");
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RequestResource"),
+                                  {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+              "no error");
+    QDBusConnection other = m_bus.connect(QStringLiteral("other"));
+
+    const QDBusMessage off = callAndWait(other, QStringLiteral("RequestTarget"), {QStringLiteral("off")});
+
+    EXPECT_EQ(errorOf(off), "no error") << "the request goes on without the module's answer";
+    EXPECT_EQ(taker.taken, QStringList{QStringLiteral("/reader/revoke 0 lamp (lamp at 80)")});
+    EXPECT_EQ(fileText(m_attribute), QStringLiteral("0"));
+    impatient.terminate();
+    ASSERT_TRUE(impatient.waitForFinished(30000));
+    const QString err = QString::fromUtf8(impatient.readAllStandardError());
+    EXPECT_TRUE(err.contains(QStringLiteral("vela-powerd: module reader (connection ")) &&
+                err.contains(QStringLiteral(") did not take its revoke message: ")))
+        << err.toStdString();
+}
+
+TEST_F(Powerd, RevokePathsMustBeObjectPathsAndNoOtherOptionIsTaken)
+{
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    EXPECT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"),
+                           {QStringLiteral("reader"),
+                            QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("reader/revoke")}}})),
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"),
+                           {QStringLiteral("reader"), QVariantMap{{QStringLiteral("colour"), 1}}})),
+              "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
 TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
