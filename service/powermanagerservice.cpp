@@ -92,6 +92,9 @@ void PowerManagerService::RegisterModule(const QString& name, const QVariantMap&
                                                          : m_moduleOwners.value(name, caller);
     if (owner != caller)
         return sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(name));
+    if (!m_moduleOwners.contains(name) && m_moduleOwners.keys(caller).size() >= mostModulesPerConnection)
+        return sendError("org.freedesktop.DBus.Error.LimitsExceeded",
+                         QStringLiteral("a connection registers at most %1 modules").arg(mostModulesPerConnection));
     m_moduleOwners.insert(name, caller);
     m_handler.registerModule(VelaPowerManagerModuleRegister(
         name, paths.before.isEmpty() ? CMPath() : forwardRevokes(name, paths.before, "revoke"),
@@ -228,6 +231,8 @@ void PowerManagerService::RequestTarget(const QString& name)
     Scenario::Request request;
     request.kind = Scenario::Request::Target;
     request.name = name;
+    if (!mayQueue())
+        return;
     setDelayedReply(true);
     answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
                    [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });
@@ -247,6 +252,8 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
                          QStringLiteral("action %1: expected hold, use or release").arg(SafeText::quoted(action)));
     request.module = moduleOfCaller(options);
     if (request.module.isEmpty())
+        return;
+    if (!mayQueue())
         return;
     m_askedFor[request.module].insert(resource);
     setDelayedReply(true);
@@ -288,6 +295,7 @@ void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply
     const auto pending = std::make_shared<PendingCall>();
     pending->call = call;
     m_pending.append(pending);
+    ++m_pendingByCaller[call.service()];
     QPointer<PowerManagerService> service(this);
     reply.onFinished([service, pending, reason](const CMReply<QVariant>& answer) {
         if (!service || pending->answered)
@@ -309,6 +317,7 @@ void PowerManagerService::answered(const std::shared_ptr<PendingCall>& pending)
 {
     pending->answered = true;
     m_pending.removeOne(pending);
+    forgetPending(pending->call.service());
     if (m_stopping && m_pending.isEmpty() && m_stopped)
         std::exchange(m_stopped, nullptr)();
 }
@@ -322,10 +331,26 @@ void PowerManagerService::stop(std::function<void()> stopped)
     while (m_pending.size() > 1) {
         const std::shared_ptr<PendingCall> queued = m_pending.takeLast();
         queued->answered = true;
+        forgetPending(queued->call.service());
         m_bus.send(queued->call.createErrorReply(errorName("Stopping"), QStringLiteral("the service is stopping")));
     }
     if (m_pending.isEmpty())
         std::exchange(m_stopped, nullptr)();
+}
+
+void PowerManagerService::forgetPending(const QString& caller)
+{
+    if (--m_pendingByCaller[caller] <= 0)
+        m_pendingByCaller.remove(caller);
+}
+
+bool PowerManagerService::mayQueue()
+{
+    if (m_pendingByCaller.value(message().service()) < mostQueuedPerConnection)
+        return true;
+    sendError("org.freedesktop.DBus.Error.LimitsExceeded",
+              QStringLiteral("a connection has at most %1 requests waiting").arg(mostQueuedPerConnection));
+    return false;
 }
 
 bool PowerManagerService::refuseWhileStopping()

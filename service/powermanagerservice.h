@@ -44,6 +44,10 @@ public:
     static const char* const busName;
     static const char* const objectPath;
     static const QDBusConnection::RegisterOptions exported;
+    // What one connection may have at a time (dbus-daemon keeps 128 replies
+    // pending per connection).
+    static constexpr int mostQueuedPerConnection = 64;
+    static constexpr int mostModulesPerConnection = 16;
 
     PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus);
     ~PowerManagerService() override;
@@ -96,6 +100,10 @@ private:
         QDBusMessage call;
         bool answered = false;
     };
+    // Whether the calling connection may queue another request; else the
+    // error is sent.
+    bool mayQueue();
+    void forgetPending(const QString& caller);
     bool refuseWhileStopping();
     void answered(const std::shared_ptr<PendingCall>& pending);
 
@@ -112,8 +120,9 @@ private:
     QHash<QString, QSet<QString>> m_askedFor;
     QString m_currentTarget;
     QString m_nextTarget;
-    // Oldest first.
+    // Oldest first, and how many of them each connection has.
     QList<std::shared_ptr<PendingCall>> m_pending;
+    QHash<QString, int> m_pendingByCaller;
     bool m_stopping = false;
     std::function<void()> m_stopped;
     int m_revokeTimeoutMs = 5000;

@@ -469,6 +469,59 @@ TEST_F(Powerd, RevokePathsMustBeObjectPathsAndNoOtherOptionIsTaken)
               "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
+TEST_F(Powerd, AConnectionRegistersAtMostSixteenModules)
+{
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    for (int index = 0; index < 16; ++index)
+        ASSERT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"),
+                               {QStringLiteral("module%1").arg(index), QVariantMap()})),
+                  "no error")
+            << index;
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QStringLiteral("module16"), QVariantMap()})),
+              "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QStringLiteral("module3"), QVariantMap()})),
+              "no error")
+        << "registering a module again is no new module";
+}
+
+TEST_F(Powerd, AConnectionHasAtMostSixtyFourRequestsWaiting)
+{
+    // The reader never answers its revoke message: the switch to "off"
+    // holds the queue for the service's time-out, and the busy client's
+    // other requests wait behind it.
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    RevokeTaker taker(m_attribute, false);
+    ASSERT_TRUE(reader.registerVirtualObject(QStringLiteral("/reader"), &taker, QDBusConnection::SubPath));
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RegisterModule"),
+                                  {QStringLiteral("reader"),
+                                   QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("/reader/revoke")}}})),
+              "no error");
+    ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RequestResource"),
+                                  {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+              "no error");
+    QDBusConnection busy = m_bus.connect(QStringLiteral("busy"));
+    QList<QDBusPendingCall> answers;
+    for (int index = 0; index < 70; ++index) {
+        QDBusMessage request = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestTarget"));
+        request.setArguments({QStringLiteral("off")});
+        answers.append(busy.asyncCall(request, callTimeoutMs));
+    }
+    ASSERT_TRUE(waitUntil(
+        [&answers]() {
+            for (const QDBusPendingCall& answer : answers) {
+                if (!answer.isFinished())
+                    return false;
+            }
+            return true;
+        },
+        callTimeoutMs));
+    int limited = 0;
+    for (const QDBusPendingCall& answer : answers)
+        limited += answer.error().name() == QLatin1String("org.freedesktop.DBus.Error.LimitsExceeded") ? 1 : 0;
+    EXPECT_EQ(limited, 6);
+    EXPECT_FALSE(answers.at(0).isError()) << answers.at(0).error().message().toStdString();
+}
+
 TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
 {
     QTemporaryDir folder;
