@@ -8,11 +8,11 @@
 //   build/bench/bench_powerd [CALLS]              (default 2000)
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
@@ -150,9 +150,9 @@ int main(int argc, char** argv)
     QTemporaryDir folder;
     QProcess daemon;
     const QString address = QStringLiteral("unix:path=") + folder.filePath(QStringLiteral("bus"));
-    daemon.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                                                 QStringLiteral("--nopidfile"), QStringLiteral("--address=") + address,
-                                                 QStringLiteral("--print-address=1")});
+    daemon.start(QStringLiteral("dbus-daemon"),
+                 {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
+                  QStringLiteral("--address=") + address, QStringLiteral("--print-address=1")});
     if (!daemon.waitForReadyRead(30000)) {
         std::fprintf(stderr, "dbus-daemon did not start\n");
         return 1;
@@ -187,7 +187,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "vela-powerd did not start\n");
         return 1;
     }
-    QDBusMessage registration = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RegisterModule"));
+    QDBusMessage registration =
+        QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RegisterModule"));
     registration.setArguments({QStringLiteral("bench"), QVariantMap()});
     client.call(registration);
 

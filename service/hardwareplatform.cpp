@@ -53,7 +53,8 @@ bool HardwarePlatform::canServe(const GraphSpec& graph, QString* problem)
                 continue;
             const auto control = graph.controls.constFind(write->path);
             if (control == graph.controls.constEnd()) {
-                *problem = QStringLiteral("resource %1 writes %2, which has no control").arg(resource.name, write->path);
+                *problem =
+                    QStringLiteral("resource %1 writes %2, which has no control").arg(resource.name, write->path);
                 return false;
             }
             if (control->kind == GraphSpec::Control::DBus) {
@@ -78,8 +79,8 @@ HardwarePlatform::HardwarePlatform(const GraphSpec& graph, Listener listener)
         m_paths.insert(path);
         const GraphSpec::Control target = control.value();
         CMRootWorker::instance()->registerSetDataHandler(
-            path, [this, target](const CMPath& written, const QString& key, const QVariant& value,
-                                 CMReply<QVariant> reply) {
+            path,
+            [this, target](const CMPath& written, const QString& key, const QVariant& value, CMReply<QVariant> reply) {
                 take(target, PlatformCall::write(written.toString(), key, value), reply);
             });
     }

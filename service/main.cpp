@@ -14,8 +14,8 @@
 #include "PowerHandler.h"
 #include "dbglog.h"
 
-#include <log4cplus/consoleappender.h>
 #include <log4cplus/configurator.h>
+#include <log4cplus/consoleappender.h>
 #include <log4cplus/layout.h>
 
 #include <QCoreApplication>

@@ -10,25 +10,25 @@
 #include "snapshot.h"
 
 #include "PowerHandler.h"
-#include "cmrootworker.h"
-#include "velapowermanagerrevokemessage.h"
 #include "PowerNode.h"
+#include "cmrootworker.h"
 #include "velapowermanagermoduleregister.h"
+#include "velapowermanagerrevokemessage.h"
 
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QPointer>
 
-#include <iostream>
-#include <utility>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <iostream>
+#include <utility>
 
 const char* const PowerManagerService::busName = "org.vela.Power1";
 const char* const PowerManagerService::objectPath = "/org/vela/Power1";
-const QDBusConnection::RegisterOptions PowerManagerService::exported =
-    QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportScriptableSignals |
-    QDBusConnection::ExportAllProperties;
+const QDBusConnection::RegisterOptions PowerManagerService::exported = QDBusConnection::ExportScriptableSlots |
+                                                                       QDBusConnection::ExportScriptableSignals |
+                                                                       QDBusConnection::ExportAllProperties;
 
 namespace {
 
@@ -64,9 +64,9 @@ PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph
 void PowerManagerService::targetSignal(const char* property, const char*, QString* value, const QString& target)
 {
     *value = target;
-    QDBusMessage changed = QDBusMessage::createSignal(QLatin1String(objectPath),
-                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                      QStringLiteral("PropertiesChanged"));
+    QDBusMessage changed =
+        QDBusMessage::createSignal(QLatin1String(objectPath), QStringLiteral("org.freedesktop.DBus.Properties"),
+                                   QStringLiteral("PropertiesChanged"));
     changed << QLatin1String(interfaceName) << QVariantMap{{QLatin1String(property), target}} << QStringList();
     m_bus.send(changed);
 }
@@ -88,8 +88,8 @@ void PowerManagerService::RegisterModule(const QString& name, const QVariantMap&
     if (!revokePaths(options, &paths))
         return;
     const QString caller = message().service();
-    const QString owner = name == VelaPowerManagerName() ? QStringLiteral("(the power manager)")
-                                                         : m_moduleOwners.value(name, caller);
+    const QString owner =
+        name == VelaPowerManagerName() ? QStringLiteral("(the power manager)") : m_moduleOwners.value(name, caller);
     if (owner != caller)
         return sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(name));
     if (!m_moduleOwners.contains(name) && m_moduleOwners.keys(caller).size() >= mostModulesPerConnection)
@@ -109,7 +109,7 @@ bool PowerManagerService::revokePaths(const QVariantMap& options, RevokePaths* p
     for (auto option = options.constBegin(); option != options.constEnd(); ++option) {
         QString* path = option.key() == QLatin1String("revokePath")       ? &paths->before
                         : option.key() == QLatin1String("postRevokePath") ? &paths->after
-                                                                           : nullptr;
+                                                                          : nullptr;
         if (!path) {
             sendError("org.freedesktop.DBus.Error.InvalidArgs",
                       QStringLiteral("unknown option %1 (expected revokePath, postRevokePath)")
@@ -118,7 +118,7 @@ bool PowerManagerService::revokePaths(const QVariantMap& options, RevokePaths* p
         }
         const QVariant value = option.value();
         *path = value.userType() == qMetaTypeId<QDBusObjectPath>() ? value.value<QDBusObjectPath>().path()
-                                                                    : value.toString();
+                                                                   : value.toString();
         const QString problem = DBusNames::objectPathProblem(*path);
         if (!problem.isEmpty()) {
             sendError("org.freedesktop.DBus.Error.InvalidArgs",
@@ -186,9 +186,9 @@ void PowerManagerService::watchCaller(const QString& caller)
     if (m_callers.watchedServices().contains(caller))
         return;
     m_callers.addWatchedService(caller);
-    QDBusMessage question = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
+    QDBusMessage question =
+        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                                       QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
     question << caller;
     auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(question), this);
     connect(answer, &QDBusPendingCallWatcher::finished, this, [this, caller](QDBusPendingCallWatcher* watcher) {
@@ -209,7 +209,8 @@ void PowerManagerService::callerGone(const QString& caller)
         m_moduleOwners.remove(module);
         const QSet<QString> askedFor = m_askedFor.take(module);
         for (const GraphSpec::Resource& resource : m_graph.spec().resources) {
-            const bool claimed = m_graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release;
+            const bool claimed =
+                m_graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release;
             if (!claimed && !askedFor.contains(resource.name))
                 continue;
             Scenario::Request release;
@@ -267,7 +268,8 @@ QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
     if (options.contains(QStringLiteral("module"))) {
         const QString module = options.value(QStringLiteral("module")).toString();
         if (!m_moduleOwners.contains(module))
-            sendError("UnknownModule", QStringLiteral("no module named %1 is registered").arg(SafeText::quoted(module)));
+            sendError("UnknownModule",
+                      QStringLiteral("no module named %1 is registered").arg(SafeText::quoted(module)));
         else if (m_moduleOwners.value(module) != caller)
             sendError("NotOwner", QStringLiteral("module %1 is registered by another connection").arg(module));
         else

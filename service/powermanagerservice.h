@@ -10,8 +10,8 @@
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
 #include <QHash>
-#include <QSet>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QVariantMap>
 

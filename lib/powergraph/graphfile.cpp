@@ -76,13 +76,14 @@ public:
     {
         if (root.kind != JsonNode::Object)
             return fail(root.place, top, QStringLiteral("the file must hold one JSON object"));
-        const bool valid = checkKeys(root, {"modules", "resources", "targets", "controls", "platform", "requests"}, top) &&
-                           parseModules(root.member(QLatin1String("modules"))) &&
-                           parseResources(root.member(QLatin1String("resources"))) &&
-                           parseTargets(root.member(QLatin1String("targets"))) &&
-                           parseControls(root.member(QLatin1String("controls"))) &&
-                           parsePlatform(root.member(QLatin1String("platform"))) &&
-                           parseRequests(root.member(QLatin1String("requests"))) && checkReferences();
+        const bool valid =
+            checkKeys(root, {"modules", "resources", "targets", "controls", "platform", "requests"}, top) &&
+            parseModules(root.member(QLatin1String("modules"))) &&
+            parseResources(root.member(QLatin1String("resources"))) &&
+            parseTargets(root.member(QLatin1String("targets"))) &&
+            parseControls(root.member(QLatin1String("controls"))) &&
+            parsePlatform(root.member(QLatin1String("platform"))) &&
+            parseRequests(root.member(QLatin1String("requests"))) && checkReferences();
         // Names are process-wide: only a file that is valid as a whole gives any.
         if (valid) {
             for (const auto& naming : qAsConst(m_namings))
@@ -183,8 +184,7 @@ private:
             for (size_t i = 0; i < list.members.size(); ++i) {
                 GraphFile::Reference reference;
                 reference.place = list.item(i).place;
-                if (!text(list.item(i), Where(here, static_cast<int>(i)), SafeText::maximumNameLength,
-                          &reference.name))
+                if (!text(list.item(i), Where(here, static_cast<int>(i)), SafeText::maximumNameLength, &reference.name))
                     return false;
                 out->append(reference);
             }

@@ -257,7 +257,8 @@ void GraphVerifier::checkConflicts()
             if (route.size() > 1)
                 nodes.append(route.first());
             add(Finding::Code::EnableDisableConflict, nodes, edges.disablePlaces.at(i),
-                why + QStringLiteral("; the library refuses: \"%1\"").arg(LibraryRecord::disableEdgeRefusal(target.name, name)));
+                why + QStringLiteral("; the library refuses: \"%1\"")
+                          .arg(LibraryRecord::disableEdgeRefusal(target.name, name)));
         }
     });
 }
@@ -497,8 +498,7 @@ void GraphVerifier::checkControl(const QString& path, const GraphFile::Control& 
     };
     if (control.kind == GraphFile::Control::Sysfs) {
         if (!control.directory.startsWith(QLatin1Char('/')))
-            invalid(QStringLiteral("the sysfs directory %1").arg(control.directory),
-                    QStringLiteral("is not absolute"));
+            invalid(QStringLiteral("the sysfs directory %1").arg(control.directory), QStringLiteral("is not absolute"));
         return;
     }
     if (control.kind != GraphFile::Control::DBus)

@@ -190,10 +190,9 @@ public:
         if (first) {
             // Quoted as every text of the file is in a message: a key may
             // hold a newline, which must not start a line of its own.
-            return fail(object.keyPlace,
-                        QStringLiteral("duplicate key %1 (first given at line %2, column %3)")
-                            .arg(SafeText::quoted(object.key), QString::number(first->line),
-                                 QString::number(first->column)));
+            return fail(object.keyPlace, QStringLiteral("duplicate key %1 (first given at line %2, column %3)")
+                                             .arg(SafeText::quoted(object.key), QString::number(first->line),
+                                                  QString::number(first->column)));
         }
         return true;
     }

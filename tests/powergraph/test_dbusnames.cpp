@@ -17,8 +17,8 @@ TEST(DBusNames, ServiceNamesFollowTheBusNameRules)
 {
     for (const char* valid : {"org.vela.Power1", "org.example.back-light", "a._b", ":1.42", ":1.0"})
         EXPECT_EQ(DBusNames::serviceProblem(QLatin1String(valid)), QString()) << valid;
-    for (const char* invalid : {"", "power", "org..vela", "org.vela.", "1org.vela", "org.9vela", "org.vela/Power",
-                                "org.vela.Pöwer"})
+    for (const char* invalid :
+         {"", "power", "org..vela", "org.vela.", "1org.vela", "org.9vela", "org.vela/Power", "org.vela.Pöwer"})
         EXPECT_FALSE(DBusNames::serviceProblem(QString::fromUtf8(invalid)).isEmpty()) << invalid;
     EXPECT_FALSE(DBusNames::serviceProblem(QStringLiteral("a.") + QString(255, QLatin1Char('b'))).isEmpty());
 }

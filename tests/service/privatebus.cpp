@@ -29,8 +29,7 @@ bool PrivateBus::start()
     if (!m_daemon.waitForStarted(10000))
         return false;
     // The daemon prints its address once it listens.
-    return waitUntil([this]() { return m_daemon.canReadLine() || m_daemon.state() == QProcess::NotRunning; },
-                     30000) &&
+    return waitUntil([this]() { return m_daemon.canReadLine() || m_daemon.state() == QProcess::NotRunning; }, 30000) &&
            m_daemon.state() == QProcess::Running;
 }
 
@@ -44,9 +43,7 @@ bool PrivateBus::waitForOwner(const QString& name, int ms)
 {
     QDBusConnection watcher = connect(QStringLiteral("owner-watcher-") + name);
     return waitUntil(
-        [&watcher, &name]() {
-            return watcher.isConnected() && watcher.interface()->isServiceRegistered(name).value();
-        },
+        [&watcher, &name]() { return watcher.isConnected() && watcher.interface()->isServiceRegistered(name).value(); },
         ms);
 }
 

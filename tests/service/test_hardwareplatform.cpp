@@ -12,9 +12,9 @@
 
 #include "PowerHandler.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QTemporaryDir>
-#include <QCoreApplication>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -60,7 +60,10 @@ QString fileText(const QString& fileName)
 struct Device {
     explicit Device(const QString& json)
         : file(parsed(json))
-        , platform(file, [this](PlatformCall::Step step, const PlatformCall& call) { steps.append({step, call}); })
+        , platform(file,
+                   [this](PlatformCall::Step step, const PlatformCall& call) {
+                       steps.append({step, call});
+                   })
         , graph(file)
     {
         graph.registerWith(handler);
@@ -158,7 +161,8 @@ TEST(HardwarePlatform, FailedWriteNamesTheFileAndTheSystemsReasonAndTheLibraryLo
     const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
     ASSERT_TRUE(answered(on));
 
-    const std::string reason = sysfs.filePath(QStringLiteral("brightness")).toStdString() + ": No such file or directory";
+    const std::string reason =
+        sysfs.filePath(QStringLiteral("brightness")).toStdString() + ": No such file or directory";
     ASSERT_EQ(device.steps.size(), 2);
     EXPECT_EQ(device.steps.at(1).first, PlatformCall::Failed);
     EXPECT_EQ(device.steps.at(1).second.error.toStdString(), reason);

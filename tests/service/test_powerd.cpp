@@ -9,10 +9,10 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
-#include <QDBusVirtualObject>
 #include <QDBusPendingCall>
 #include <QDBusReply>
 #include <QDBusVariant>
+#include <QDBusVirtualObject>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -183,8 +183,7 @@ TEST_F(Powerd, BadInputGetsItsErrorNameAndTheServiceGoesOn)
               "org.vela.Power1.Error.InvalidAction");
     EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QString(), QVariantMap()})),
               "org.freedesktop.DBus.Error.InvalidArgs");
-    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"),
-                           {QString(65, QLatin1Char('m')), QVariantMap()})),
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RegisterModule"), {QString(65, QLatin1Char('m')), QVariantMap()})),
               "org.freedesktop.DBus.Error.InvalidArgs");
     EXPECT_EQ(errorOf(call(client, QStringLiteral("GetNodeInfo"), {QStringLiteral("heater")})),
               "org.vela.Power1.Error.UnknownResource");
@@ -258,8 +257,7 @@ TEST_F(Powerd, ClosedConnectionReleasesItsModulesClaimsAndFreesTheName)
     // Unclaimed, and switched off: the disabling write is done once the
     // attribute holds its value (a node is not enabled while it disables).
     EXPECT_TRUE(waitUntil(
-        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); },
-        30000))
+        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); }, 30000))
         << "the vanished module still claims the lamp: " << fileText(m_attribute).toStdString();
     QDBusConnection successor = m_bus.connect(QStringLiteral("successor"));
     EXPECT_EQ(errorOf(call(successor, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
@@ -276,7 +274,8 @@ TEST_F(Powerd, ClientsThatCallAndGoAtOnceLeaveNoClaim)
     for (int index = 0; index < clients; ++index) {
         const QString name = QStringLiteral("hasty%1").arg(index);
         QDBusConnection hasty = m_bus.connect(name);
-        QDBusMessage registration = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RegisterModule"));
+        QDBusMessage registration =
+            QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RegisterModule"));
         registration.setArguments({name, QVariantMap()});
         QDBusMessage use = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
         use.setArguments({QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()});
@@ -286,8 +285,7 @@ TEST_F(Powerd, ClientsThatCallAndGoAtOnceLeaveNoClaim)
     }
     QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
     EXPECT_TRUE(waitUntil(
-        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); },
-        30000))
+        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); }, 30000))
         << "claims of vanished clients remain: " << fileText(m_attribute).toStdString();
 }
 
@@ -332,7 +330,8 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
               "no error");
     QList<QDBusPendingCall> answers;
     for (const char* resource : {"door", "lamp", "lamp", "lamp"}) {
-        QDBusMessage request = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
+        QDBusMessage request =
+            QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
         request.setArguments({QLatin1String(resource), QStringLiteral("use"), QVariantMap()});
         answers.append(keeper.asyncCall(request, callTimeoutMs));
     }
@@ -350,8 +349,8 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
             return true;
         },
         30000));
-    EXPECT_FALSE(answers.at(0).isError()) << "the running request keeps its own answer: "
-                                          << answers.at(0).error().message().toStdString();
+    EXPECT_FALSE(answers.at(0).isError())
+        << "the running request keeps its own answer: " << answers.at(0).error().message().toStdString();
     for (int index = 1; index < answers.size(); ++index)
         EXPECT_EQ(answers.at(index).error().name().toStdString(), "org.vela.Power1.Error.Stopping") << index;
     ASSERT_TRUE(door.waitForFinished(30000));
@@ -365,7 +364,11 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
 class RevokeTaker : public QDBusVirtualObject
 {
 public:
-    RevokeTaker(QString attribute, bool answers) : m_attribute(std::move(attribute)), m_answers(answers) {}
+    RevokeTaker(QString attribute, bool answers)
+        : m_attribute(std::move(attribute))
+        , m_answers(answers)
+    {
+    }
 
     QString introspect(const QString&) const override { return QString(); }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
@@ -429,9 +432,9 @@ TEST_F(Powerd, ModuleThatNeverAnswersItsRevokeMessageHoldsTheRequestOnlyUntilThe
     ASSERT_TRUE(m_service.waitForFinished(30000));
     ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
     QProcess impatient;
-    impatient.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(),
-                                                          QStringLiteral("--revoke-timeout-ms"), QStringLiteral("300"),
-                                                          m_folder.filePath(QStringLiteral("device.json"))});
+    impatient.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                    {QStringLiteral("--bus"), m_bus.address(), QStringLiteral("--revoke-timeout-ms"),
+                     QStringLiteral("300"), m_folder.filePath(QStringLiteral("device.json"))});
     ASSERT_TRUE(impatient.waitForStarted(30000));
     ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
     QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
@@ -557,8 +560,8 @@ qint64 residentKb(qint64 pid)
         for (int client = 0; client < clients; ++client) {
             QDBusMessage request =
                 QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
-            request.setArguments({QStringLiteral("fan"), index % 2 ? QStringLiteral("release") : QStringLiteral("use"),
-                                  QVariantMap()});
+            request.setArguments(
+                {QStringLiteral("fan"), index % 2 ? QStringLiteral("release") : QStringLiteral("use"), QVariantMap()});
             auto* watcher = new QDBusPendingCallWatcher(connections[client].asyncCall(request, callTimeoutMs));
             watchers.append(watcher);
             QObject::connect(watcher, &QDBusPendingCallWatcher::finished,
@@ -618,8 +621,8 @@ TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
     ASSERT_TRUE(writeFile(graph, R"({"resources": [{"name": "fan",
       "enable": {"path": "/hw/fan", "key": "on", "value": 1}}], "controls": {}})"));
     QProcess process;
-    process.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"),
-                                                        graph});
+    process.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                  {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"), graph});
     ASSERT_TRUE(process.waitForFinished(30000));
     EXPECT_EQ(process.exitCode(), 1);
     const QString err = QString::fromUtf8(process.readAllStandardError());
@@ -634,8 +637,8 @@ TEST(PowerdStart, FileThatIsNoGraphIsInvalidInputWithItsPlace)
     ASSERT_TRUE(writeFile(graph, R"({"resources": [{"name": "fan", "speed": 3}]})"));
     QProcess process;
     // Never the machine's bus, should the file be taken after all.
-    process.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"),
-                                                        graph});
+    process.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                  {QStringLiteral("--bus"), QStringLiteral("unix:path=/nonexistent"), graph});
     ASSERT_TRUE(process.waitForFinished(30000));
     EXPECT_EQ(process.exitCode(), 2);
     EXPECT_EQ(QString::fromUtf8(process.readAllStandardError()).toStdString(),

@@ -89,6 +89,6 @@ QString CommandLine::helpText() const
     // names the command.
     const QString qtText = m_parser.helpText();
     const QString text = qtText.mid(qtText.indexOf(QLatin1String("\n\n")) + 2);
-    return QStringLiteral("Usage: %1 [options] %2\n%3\n\n").arg(m_invocation, m_positionalUsage, m_description) +
-           text + QLatin1Char('\n') + m_exitCodes;
+    return QStringLiteral("Usage: %1 [options] %2\n%3\n\n").arg(m_invocation, m_positionalUsage, m_description) + text +
+           QLatin1Char('\n') + m_exitCodes;
 }
