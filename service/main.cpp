@@ -49,17 +49,10 @@ int fail(const QString& message, int exitCode)
 // Errors of verify stop the start unless forced; warnings are not shown.
 bool verified(const GraphFile& file, const QString& fileName, bool force)
 {
-    int errors = 0;
-    for (const Finding& finding : GraphVerifier(file).findings()) {
-        if (finding.severity != Finding::Error)
-            continue;
-        ++errors;
-        std::cerr << QStringLiteral("%1:%2:%3: error: %4: %5\n")
-                         .arg(fileName, QString::number(finding.place.line), QString::number(finding.place.column),
-                              finding.code, finding.message)
-                         .toStdString();
-    }
-    return errors == 0 || force;
+    const QStringList lines = GraphVerifier(file).errorLines(fileName);
+    for (const QString& line : lines)
+        std::cerr << line.toStdString() << '\n';
+    return lines.isEmpty() || force;
 }
 
 // The library's log: as a log4cplus properties file says, else to standard

@@ -50,6 +50,18 @@ QList<Finding> GraphVerifier::findings() const
     return m_findings;
 }
 
+QStringList GraphVerifier::errorLines(const QString& fileName) const
+{
+    QStringList lines;
+    for (const Finding& finding : m_findings) {
+        if (finding.severity == Finding::Error)
+            lines.append(QStringLiteral("%1:%2:%3: error: %4: %5")
+                             .arg(fileName, QString::number(finding.place.line), QString::number(finding.place.column),
+                                  finding.code, finding.message));
+    }
+    return lines;
+}
+
 void GraphVerifier::index()
 {
     const int resources = m_file.resources.size();

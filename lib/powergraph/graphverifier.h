@@ -27,6 +27,9 @@ public:
     explicit GraphVerifier(const GraphFile& file);
 
     QList<Finding> findings() const;
+    // The errors among them, one line each, as a program that refuses the
+    // graph prints them: "graph.json:3:7: error: cycle: ...".
+    QStringList errorLines(const QString& fileName) const;
 
 private:
     struct Edge {

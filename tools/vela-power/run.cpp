@@ -43,18 +43,10 @@ constexpr int defaultTimeoutMs = 60000;
 // shown. Returns whether the run may go on.
 bool gate(const GraphFile& file, const QString& fileName, bool force)
 {
-    int errors = 0;
-    for (const Finding& finding : GraphVerifier(file).findings()) {
-        if (finding.severity != Finding::Error)
-            continue;
-        ++errors;
-        std::cerr << QStringLiteral("%1:%2:%3: error: %4: %5\n")
-                         .arg(fileName)
-                         .arg(finding.place.line)
-                         .arg(finding.place.column)
-                         .arg(finding.code, finding.message)
-                         .toStdString();
-    }
+    const QStringList lines = GraphVerifier(file).errorLines(fileName);
+    for (const QString& line : lines)
+        std::cerr << line.toStdString() << '\n';
+    const int errors = lines.size();
     if (errors == 0)
         return true;
     if (force) {
