@@ -138,10 +138,13 @@ int main(int argc, char** argv)
         return fail(QStringLiteral("--start-target: the graph has no target %1").arg(startTarget), 2);
 
     QDBusConnection bus = connectTo(line.parser().value(busOption));
-    if (!bus.isConnected())
-        return fail(QStringLiteral("cannot connect to the %1 bus: %2")
-                        .arg(line.parser().value(busOption), bus.lastError().message()),
-                    1);
+    if (!bus.isConnected()) {
+        const QString reason = bus.lastError().message();
+        // A connection of our own is closed before it goes, as libdbus asks.
+        bus = QDBusConnection(QString());
+        QDBusConnection::disconnectFromBus(QStringLiteral("vela-powerd"));
+        return fail(QStringLiteral("cannot connect to the %1 bus: %2").arg(line.parser().value(busOption), reason), 1);
+    }
 
     StopSignals stop;
     HardwarePlatform platform(file, [](PlatformCall::Step, const PlatformCall&) {});

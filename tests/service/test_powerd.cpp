@@ -23,6 +23,7 @@
 #include <numeric>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -627,6 +628,23 @@ TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
     EXPECT_EQ(process.exitCode(), 1);
     const QString err = QString::fromUtf8(process.readAllStandardError());
     EXPECT_TRUE(err.contains(QStringLiteral("missing-control: fan writes /hw/fan, which has no control")))
+        << err.toStdString();
+}
+
+TEST(PowerdStart, BusThatCannotBeReachedIsAClearErrorNamingIt)
+{
+    QTemporaryDir folder;
+    const QString graph = folder.filePath(QStringLiteral("lamp.json"));
+    ASSERT_TRUE(writeFile(graph, R"({"resources": [{"name": "lamp",
+      "enable": {"path": "/hw/lamp", "key": "on", "value": 1}}], "controls": {"/hw/lamp": {"log": true}}})"));
+    QProcess process;
+    const QString address = QStringLiteral("unix:path=") + folder.filePath(QStringLiteral("no-bus"));
+    process.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), address, graph});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 1);
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_TRUE(err.startsWith(QStringLiteral("vela-powerd: cannot connect to the ") + address + QStringLiteral(" bus: ")))
         << err.toStdString();
 }
 
