@@ -22,6 +22,7 @@
 
 #include <numeric>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -300,8 +301,8 @@ TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
     EXPECT_FALSE(client.interface()->isServiceRegistered(service).value());
 }
 
-// A door whose lock is written through a FIFO that nobody reads: its write
-// waits until the lock's time-out, 2 s.
+// A door whose lock is written through a FIFO: its write, and with it the
+// running request, waits until the test reads the FIFO.
 TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopping)
 {
     // A second service on the same bus cannot take the name: this test
@@ -315,7 +316,7 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
     const QString graph = m_folder.filePath(QStringLiteral("door.json"));
     ASSERT_TRUE(writeFile(graph, QStringLiteral(R"({"modules": [{"name": "keeper"}],
   "resources": [
-    {"name": "door", "timeoutMs": 2000, "enable": {"path": "/hw/door", "key": "lock", "value": 1}},
+    {"name": "door", "timeoutMs": 60000, "enable": {"path": "/hw/door", "key": "lock", "value": 1}},
     {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80}}],
   "controls": {"/hw/door": {"sysfs": "%1"}, "/hw/lamp": {"log": true}}})")
                                      .arg(doorDirectory)
@@ -341,19 +342,28 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
     ASSERT_EQ(errorOf(call(keeper, QStringLiteral("ListNodes"), {})), "no error");
     door.terminate();
 
+    // The callers queued behind the door are told at once...
     ASSERT_TRUE(waitUntil(
         [&answers]() {
-            for (const QDBusPendingCall& answer : answers) {
-                if (!answer.isFinished())
+            for (int index = 1; index < answers.size(); ++index) {
+                if (!answers.at(index).isFinished())
                     return false;
             }
             return true;
         },
         30000));
-    EXPECT_FALSE(answers.at(0).isError())
-        << "the running request keeps its own answer: " << answers.at(0).error().message().toStdString();
+    EXPECT_FALSE(answers.at(0).isFinished()) << "the running request waits for its write";
     for (int index = 1; index < answers.size(); ++index)
         EXPECT_EQ(answers.at(index).error().name().toStdString(), "org.vela.Power1.Error.Stopping") << index;
+    // ...and the door's caller once the driver takes the write.
+    const int reader = ::open(QFile::encodeName(doorDirectory + QStringLiteral("/lock")).constData(),
+                              O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    const QDBusPendingCall running = answers.at(0);
+    ASSERT_TRUE(waitUntil([&running]() { return running.isFinished(); }, 30000));
+    ::close(reader);
+    EXPECT_FALSE(answers.at(0).isError())
+        << "the running request keeps its own answer: " << answers.at(0).error().message().toStdString();
     ASSERT_TRUE(door.waitForFinished(30000));
     EXPECT_EQ(door.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(door.exitCode(), 0);
