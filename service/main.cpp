@@ -3,13 +3,17 @@
 // takes modules' registrations and requests on the bus as org.vela.Power1.
 
 #include "commandline.h"
+#include "eventswriter.h"
 #include "graphfile.h"
 #include "graphverifier.h"
 #include "hardwareplatform.h"
 #include "powergraph.h"
 #include "powermanagerservice.h"
 #include "requestdriver.h"
+#include "runrecorder.h"
 #include "stopsignals.h"
+#include "tracewriter.h"
+#include "wholefile.h"
 
 #include "PowerHandler.h"
 #include "dbglog.h"
@@ -25,6 +29,7 @@
 #include <QFileInfo>
 
 #include <iostream>
+#include <memory>
 
 namespace {
 
@@ -64,9 +69,30 @@ void setUpLog(const QString& configFile)
         return;
     }
     log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true));
+    // The recorder lowers the logger to DEBUG to see state changes; they
+    // are not for the journal.
+    console->setThreshold(log4cplus::INFO_LOG_LEVEL);
     console->setLayout(std::unique_ptr<log4cplus::Layout>(new log4cplus::PatternLayout("%-5p %c: %m%n")));
     vela::powerManagerLogger().addAppender(console);
     vela::powerManagerLogger().setLogLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+// Writes the files asked for; says why one could not be written.
+bool writeRecord(RunRecorder& recorder, const QString& traceFile, const QString& eventsFile, const QString& runName)
+{
+    recorder.finish();
+    bool written = true;
+    const QList<QPair<QString, QByteArray>> files{
+        {traceFile, traceFile.isEmpty() ? QByteArray() : TraceWriter::write(recorder, runName)},
+        {eventsFile, eventsFile.isEmpty() ? QByteArray() : EventsWriter::write(recorder)}};
+    for (const auto& output : files) {
+        QString reason;
+        if (output.first.isEmpty() || writeWholeFile(output.first, output.second, &reason))
+            continue;
+        fail(QStringLiteral("cannot write %1: %2").arg(output.first, reason), 1);
+        written = false;
+    }
+    return written;
 }
 
 QDBusConnection connectTo(const QString& bus)
@@ -105,7 +131,16 @@ int main(int argc, char** argv)
         QStringLiteral("revoke-timeout-ms"),
         QStringLiteral("How long a module may take to answer a revoke message (default 5000)."), QStringLiteral("ms"),
         QStringLiteral("5000"));
-    line.parser().addOptions({busOption, startOption, forceOption, logOption, revokeOption});
+    const QCommandLineOption traceOption(
+        QStringLiteral("trace"),
+        QStringLiteral("When stopped, write what the service did as a Chrome trace-event file (opens in Perfetto)."),
+        QStringLiteral("file"));
+    const QCommandLineOption eventsOption(
+        QStringLiteral("events"),
+        QStringLiteral("When stopped, write what the service did as JSON lines (time in microseconds, kind, "
+                       "subject, detail)."),
+        QStringLiteral("file"));
+    line.parser().addOptions({busOption, startOption, forceOption, logOption, revokeOption, traceOption, eventsOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
     int exitCode = 0;
     QString fileName;
@@ -147,12 +182,25 @@ int main(int argc, char** argv)
     }
 
     StopSignals stop;
-    HardwarePlatform platform(file, [](PlatformCall::Step, const PlatformCall&) {});
+    // Recording what the service does, as vela-power run records a run:
+    // first made, last gone, since everything below reports to it.
+    const QString traceFile = line.parser().value(traceOption);
+    const QString eventsFile = line.parser().value(eventsOption);
+    std::unique_ptr<RunRecorder> recorder;
+    if (!traceFile.isEmpty() || !eventsFile.isEmpty())
+        recorder = std::make_unique<RunRecorder>(file, RunRecorder::wallClock(), [](const RunEvent&) {});
+    HardwarePlatform platform(file, [&recorder](PlatformCall::Step step, const PlatformCall& call) {
+        if (recorder)
+            recorder->platformCall(step, call);
+    });
     PowerGraph graph(file);
     PowerHandler handler;
     graph.registerWith(handler);
+    if (recorder)
+        recorder->watchStates(graph);
     PowerManagerService service(handler, graph, bus);
     service.setRevokeTimeout(revokeTimeoutMs);
+    service.setRecorder(recorder.get());
     // The running request finishes (within its own time-outs); the callers
     // queued behind it and every new call get Stopping.
     QObject::connect(&stop, &StopSignals::stopRequested, &service,
@@ -171,6 +219,8 @@ int main(int argc, char** argv)
         RequestDriver::sendTo(handler, graph, request);
     }
     QCoreApplication::exec();
+    if (recorder && !writeRecord(*recorder, traceFile, eventsFile, QFileInfo(fileName).fileName()))
+        return 1;
     bus.unregisterService(QLatin1String(PowerManagerService::busName));
     return 0;
 }

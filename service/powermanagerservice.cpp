@@ -6,6 +6,7 @@
 #include "powergraph.h"
 #include "refusalreasons.h"
 #include "requestdriver.h"
+#include "runrecorder.h"
 #include "safetext.h"
 #include "snapshot.h"
 
@@ -51,11 +52,15 @@ PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph
     connect(&handler, &PowerHandler::nextTargetChanged, this, [this](const VelaPowerManagerTarget& target) {
         targetSignal("NextTarget", "NextTargetChanged", &m_nextTarget,
                      VelaPowerManagerTargets::toString(target.target()));
+        if (m_recorder)
+            m_recorder->add(RunEvent::Kind::Signal, QStringLiteral("nextTargetChanged"), m_nextTarget);
         emit NextTargetChanged(m_nextTarget);
     });
     connect(&handler, &PowerHandler::targetChanged, this, [this](const VelaPowerManagerTarget& target) {
         targetSignal("CurrentTarget", "TargetChanged", &m_currentTarget,
                      VelaPowerManagerTargets::toString(target.target()));
+        if (m_recorder)
+            m_recorder->add(RunEvent::Kind::Signal, QStringLiteral("targetChanged"), m_currentTarget);
         emit TargetChanged(m_currentTarget);
     });
 }
@@ -235,8 +240,10 @@ void PowerManagerService::RequestTarget(const QString& name)
     if (!mayQueue())
         return;
     setDelayedReply(true);
+    // Recorded before it is sent: the handler may act on it at once.
+    const int number = recordRequest(request.describe());
     answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
-                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });
+                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
 }
 
 void PowerManagerService::RequestResource(const QString& resource, const QString& action, const QVariantMap& options)
@@ -258,8 +265,10 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
         return;
     m_askedFor[request.module].insert(resource);
     setDelayedReply(true);
+    // Recorded before it is sent: the handler may act on it at once.
+    const int number = recordRequest(request.describe());
     answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
-                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); });
+                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
 }
 
 QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
@@ -291,16 +300,32 @@ QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
 // Answers `call` once the handler answers `reply`: with nothing, or with
 // the error org.vela.Power1.Error.Refused carrying the handler's message and,
 // when one is known, the reason in plain words.
+int PowerManagerService::recordRequest(const QString& description)
+{
+    const int number = ++m_requestsSent;
+    if (m_recorder)
+        m_recorder->requestSent(number, description);
+    return number;
+}
+
 void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
-                                         const std::function<QString()>& reason)
+                                         const std::function<QString()>& reason, int number)
 {
     const auto pending = std::make_shared<PendingCall>();
     pending->call = call;
     m_pending.append(pending);
     ++m_pendingByCaller[call.service()];
     QPointer<PowerManagerService> service(this);
-    reply.onFinished([service, pending, reason](const CMReply<QVariant>& answer) {
-        if (!service || pending->answered)
+    reply.onFinished([service, pending, reason, number](const CMReply<QVariant>& answer) {
+        if (!service)
+            return;
+        if (service->m_recorder)
+            service->m_recorder->requestAnswered(number,
+                                                 answer.error().isError()
+                                                     ? QStringLiteral("failed: ") + answer.error().message().toString()
+                                                     : QStringLiteral("done"),
+                                                 answer.error().isError());
+        if (pending->answered)
             return;
         if (!answer.error().isError()) {
             service->m_bus.send(pending->call.createReply());

@@ -20,6 +20,7 @@
 
 class PowerGraph;
 class PowerHandler;
+class RunRecorder;
 
 /*
  * The power handler on D-Bus: the object /org/vela/Power1 with the interface
@@ -55,6 +56,9 @@ public:
     // How long a module may take to answer a revoke message before the
     // message counts as failed and the request goes on.
     void setRevokeTimeout(int ms) { m_revokeTimeoutMs = ms; }
+    // Also tell `recorder` (may be null) of every request, its answer and
+    // the handler's signals.
+    void setRecorder(RunRecorder* recorder) { m_recorder = recorder; }
 
     // Stops taking calls: from now on every call gets Stopping, and so do
     // the callers still queued; `stopped` runs once the request that is
@@ -79,8 +83,10 @@ private:
     // The module a resource request of the calling connection acts for;
     // empty after an error was sent.
     QString moduleOfCaller(const QVariantMap& options);
+    // Tells the recorder of a request about to be sent; its number.
+    int recordRequest(const QString& description);
     void answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
-                        const std::function<QString()>& reason);
+                        const std::function<QString()>& reason, int number);
     void sendError(const char* name, const QString& message);
     void targetSignal(const char* property, const char* signal, QString* value, const QString& target);
     void watchCaller(const QString& caller);
@@ -126,6 +132,8 @@ private:
     bool m_stopping = false;
     std::function<void()> m_stopped;
     int m_revokeTimeoutMs = 5000;
+    RunRecorder* m_recorder = nullptr;
+    int m_requestsSent = 0;
     // The root worker's paths at which the handler invokes revoke messages;
     // each forwards them to its module's connection.
     QSet<CMPath> m_revokePaths;

@@ -13,6 +13,9 @@
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <QDBusVirtualObject>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -623,6 +626,59 @@ TEST_F(Powerd, FiftyClientsSendingTenThousandRequestsAreEachAnsweredOnceInTheirO
 #endif
     RecordProperty("residentKbBefore", static_cast<int>(before));
     RecordProperty("residentKbAfter", static_cast<int>(after));
+}
+
+TEST_F(Powerd, TraceAndEventsFilesTellWhatTheServiceDid)
+{
+    m_service.terminate();
+    ASSERT_TRUE(m_service.waitForFinished(30000));
+    ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
+    const QString events = m_folder.filePath(QStringLiteral("events.jsonl"));
+    const QString trace = m_folder.filePath(QStringLiteral("trace.json"));
+    QProcess recorded;
+    recorded.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    recorded.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                   {QStringLiteral("--bus"), m_bus.address(), QStringLiteral("--events"), events,
+                    QStringLiteral("--trace"), trace, m_folder.filePath(QStringLiteral("device.json"))});
+    ASSERT_TRUE(recorded.waitForStarted(30000));
+    ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
+    {
+        QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
+                  "no error");
+        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RequestResource"),
+                               {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
+                  "no error");
+        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RequestTarget"), {QStringLiteral("off")})), "no error");
+    }
+    recorded.terminate();
+    ASSERT_TRUE(recorded.waitForFinished(30000));
+    EXPECT_EQ(recorded.exitCode(), 0);
+
+    QStringList lines;
+    for (const QString& line : fileText(events).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const QJsonObject event = QJsonDocument::fromJson(line.toUtf8()).object();
+        lines.append(event.value(QStringLiteral("kind")).toString() + QLatin1Char(' ') +
+                     event.value(QStringLiteral("subject")).toString() + QLatin1Char(' ') +
+                     event.value(QStringLiteral("detail")).toString());
+    }
+    const QStringList expected{
+        QStringLiteral("request #1 resource lamp use by reader"),
+        QStringLiteral("write /hw/lamp brightness = 80"),
+        QStringLiteral("answered /hw/lamp brightness = 80"),
+        QStringLiteral("state lamp enabled"),
+        QStringLiteral("answer #1 done"),
+        QStringLiteral("request #2 target off"),
+        QStringLiteral("signal nextTargetChanged off"),
+    };
+    ASSERT_GE(lines.size(), expected.size()) << lines.join(QLatin1Char('\n')).toStdString();
+    EXPECT_EQ(lines.mid(0, expected.size()), expected) << lines.join(QLatin1Char('\n')).toStdString();
+    EXPECT_TRUE(lines.contains(QStringLiteral("state lamp disabled"))) << lines.join(QLatin1Char('\n')).toStdString();
+    EXPECT_TRUE(lines.contains(QStringLiteral("signal targetChanged off")));
+    EXPECT_TRUE(lines.contains(QStringLiteral("answer #2 done")));
+    const QJsonArray traceEvents =
+        QJsonDocument::fromJson(fileText(trace).toUtf8()).object().value(QStringLiteral("traceEvents")).toArray();
+    EXPECT_FALSE(traceEvents.isEmpty());
 }
 
 TEST(PowerdStart, GraphWithAWrittenPathWithoutControlIsRefused)
