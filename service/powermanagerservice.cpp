@@ -242,8 +242,9 @@ void PowerManagerService::RequestTarget(const QString& name)
     setDelayedReply(true);
     // Recorded before it is sent: the handler may act on it at once.
     const int number = recordRequest(request.describe());
-    answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
-                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
+    answerWhenDone(
+        message(), RequestDriver::sendTo(m_handler, m_graph, request),
+        [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
 }
 
 void PowerManagerService::RequestResource(const QString& resource, const QString& action, const QVariantMap& options)
@@ -267,8 +268,9 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
     setDelayedReply(true);
     // Recorded before it is sent: the handler may act on it at once.
     const int number = recordRequest(request.describe());
-    answerWhenDone(message(), RequestDriver::sendTo(m_handler, m_graph, request),
-                   [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
+    answerWhenDone(
+        message(), RequestDriver::sendTo(m_handler, m_graph, request),
+        [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
 }
 
 QString PowerManagerService::moduleOfCaller(const QVariantMap& options)

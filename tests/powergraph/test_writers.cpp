@@ -40,7 +40,8 @@ const char* const lampGraph = R"({"modules": [{"name": "reader", "revokePath": "
 struct RecordedRun {
     RecordedRun()
         : file(parsed(lampGraph))
-        , recorder(file, [this]() { return nowUs; }, [this](const RunEvent& event) { published.append(event); })
+        , recorder(
+              file, [this]() { return nowUs; }, [this](const RunEvent& event) { published.append(event); })
     {
         recorder.requestSent(1, QStringLiteral("resource lamp use by reader"));
         PlatformCall write = PlatformCall::write(QStringLiteral("/hw/lamp"), QStringLiteral("on"), true);
@@ -132,11 +133,11 @@ TEST(GraphSnapshot, WrittenAndReadBackKeepStatesAndClaims)
 {
     const QVariantHash nodes{
         {QStringLiteral("resources"),
-         QVariantHash{{QStringLiteral("lamp"), QVariantHash{{QStringLiteral("isEnabled"), true},
-                                                            {QStringLiteral("actions"),
-                                                             QVariantHash{{QStringLiteral("reader"), QStringLiteral("use")},
-                                                                          {QStringLiteral("other"),
-                                                                           QStringLiteral("release")}}}}}}},
+         QVariantHash{{QStringLiteral("lamp"),
+                       QVariantHash{{QStringLiteral("isEnabled"), true},
+                                    {QStringLiteral("actions"),
+                                     QVariantHash{{QStringLiteral("reader"), QStringLiteral("use")},
+                                                  {QStringLiteral("other"), QStringLiteral("release")}}}}}}},
         {QStringLiteral("targets"), QVariantHash()}};
     GraphSnapshot snapshot;
     QString problem;

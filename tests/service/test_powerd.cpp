@@ -13,11 +13,11 @@
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <QDBusVirtualObject>
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -711,7 +711,8 @@ TEST(PowerdStart, BusThatCannotBeReachedIsAClearErrorNamingIt)
     EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(process.exitCode(), 1);
     const QString err = QString::fromUtf8(process.readAllStandardError());
-    EXPECT_TRUE(err.startsWith(QStringLiteral("vela-powerd: cannot connect to the ") + address + QStringLiteral(" bus: ")))
+    EXPECT_TRUE(
+        err.startsWith(QStringLiteral("vela-powerd: cannot connect to the ") + address + QStringLiteral(" bus: ")))
         << err.toStdString();
 }
 
