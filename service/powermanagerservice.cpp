@@ -213,7 +213,7 @@ void PowerManagerService::callerGone(const QString& caller)
     for (const QString& module : m_moduleOwners.keys(caller)) {
         m_moduleOwners.remove(module);
         const QSet<QString> askedFor = m_askedFor.take(module);
-        for (const GraphSpec::Resource& resource : m_graph.spec().resources) {
+        for (const GraphSpec::Resource& resource : m_graph.description().resources) {
             const bool claimed =
                 m_graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release;
             if (!claimed && !askedFor.contains(resource.name))

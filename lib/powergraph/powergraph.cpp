@@ -133,7 +133,7 @@ PowerNode* PowerGraph::node(const QString& name) const
     return target(name);
 }
 
-const GraphSpec& PowerGraph::spec() const
+const GraphSpec& PowerGraph::description() const
 {
     return m_file;
 }

@@ -51,7 +51,8 @@ public:
     PowerTarget* target(const QString& name) const;
     // A resource, else a target, of that name; null when neither.
     PowerNode* node(const QString& name) const;
-    const GraphSpec& spec() const;
+    // The graph as its file describes it: what the nodes were made from.
+    const GraphSpec& description() const;
 
 private:
     PowerResource* makeResource(const GraphSpec::Resource& entry);

@@ -9,7 +9,7 @@ namespace {
 QStringList reachableFrom(const PowerGraph& graph, PowerTarget* enabled)
 {
     QStringList names;
-    for (const GraphSpec::Target& entry : graph.spec().targets) {
+    for (const GraphSpec::Target& entry : graph.description().targets) {
         if (enabled->isReachable(graph.target(entry.name)))
             names.append(entry.name);
     }
@@ -72,7 +72,7 @@ QString RefusalReasons::whyFailed(const PowerGraph& graph, const Scenario::Reque
 {
     if (request.kind == Scenario::Request::Target)
         return whyRefused(graph, graph.target(request.name));
-    if (request.module != VelaPowerManagerName() && !graph.spec().module(request.module))
+    if (request.module != VelaPowerManagerName() && !graph.description().module(request.module))
         return QStringLiteral("module %1 is not registered: the file does not declare it in \"modules\"")
             .arg(request.module);
     return QString();
