@@ -131,6 +131,10 @@ int main(int argc, char** argv)
         QStringLiteral("revoke-timeout-ms"),
         QStringLiteral("How long a module may take to answer a revoke message (default 5000)."), QStringLiteral("ms"),
         QStringLiteral("5000"));
+    const QCommandLineOption groupOption(
+        QStringLiteral("target-group"),
+        QStringLiteral("The group whose members may request targets, besides root (default vela-power)."),
+        QStringLiteral("group"), QLatin1String(PowerManagerService::defaultTargetGroup));
     const QCommandLineOption traceOption(
         QStringLiteral("trace"),
         QStringLiteral("When stopped, write what the service did as a Chrome trace-event file (opens in Perfetto)."),
@@ -140,7 +144,8 @@ int main(int argc, char** argv)
         QStringLiteral("When stopped, write what the service did as JSON lines (time in microseconds, kind, "
                        "subject, detail)."),
         QStringLiteral("file"));
-    line.parser().addOptions({busOption, startOption, forceOption, logOption, revokeOption, traceOption, eventsOption});
+    line.parser().addOptions(
+        {busOption, startOption, forceOption, logOption, revokeOption, groupOption, traceOption, eventsOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
     int exitCode = 0;
     QString fileName;
@@ -198,7 +203,11 @@ int main(int argc, char** argv)
     graph.registerWith(handler);
     if (recorder)
         recorder->watchStates(graph);
-    PowerManagerService service(handler, graph, bus);
+    const QString targetGroup = line.parser().value(groupOption);
+    PowerManagerService service(handler, graph, bus, targetGroup);
+    if (!service.targetGroupExists())
+        std::cerr << program << ": the group " << targetGroup.toStdString()
+                  << " does not exist: only root may request targets" << std::endl;
     service.setRevokeTimeout(revokeTimeoutMs);
     service.setRecorder(recorder.get());
     // The running request finishes (within its own time-outs); the callers

@@ -27,6 +27,7 @@
 
 const char* const PowerManagerService::busName = "org.vela.Power1";
 const char* const PowerManagerService::objectPath = "/org/vela/Power1";
+const char* const PowerManagerService::defaultTargetGroup = "vela-power";
 const QDBusConnection::RegisterOptions PowerManagerService::exported = QDBusConnection::ExportScriptableSlots |
                                                                        QDBusConnection::ExportScriptableSignals |
                                                                        QDBusConnection::ExportAllProperties;
@@ -42,11 +43,14 @@ QString errorName(const char* name)
 
 } // namespace
 
-PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus)
+PowerManagerService::PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus,
+                                         const QString& targetGroup)
     : m_handler(handler)
     , m_graph(graph)
     , m_bus(bus)
     , m_callers(QString(), bus, QDBusServiceWatcher::WatchForUnregistration)
+    , m_targetGroup(targetGroup)
+    , m_credentials(bus, targetGroup)
 {
     connect(&m_callers, &QDBusServiceWatcher::serviceUnregistered, this, &PowerManagerService::callerGone);
     connect(&handler, &PowerHandler::nextTargetChanged, this, [this](const VelaPowerManagerTarget& target) {
@@ -101,6 +105,8 @@ void PowerManagerService::RegisterModule(const QString& name, const QVariantMap&
         return sendError("org.freedesktop.DBus.Error.LimitsExceeded",
                          QStringLiteral("a connection registers at most %1 modules").arg(mostModulesPerConnection));
     m_moduleOwners.insert(name, caller);
+    // Known before a revoke message of the module can fail, for the log.
+    m_credentials.whenKnown(caller, [](const CallerCredentials::Caller&) {});
     m_handler.registerModule(VelaPowerManagerModuleRegister(
         name, paths.before.isEmpty() ? CMPath() : forwardRevokes(name, paths.before, "revoke"),
         paths.after.isEmpty() ? CMPath() : forwardRevokes(name, paths.after, "postRevoke")));
@@ -161,18 +167,20 @@ void PowerManagerService::forward(const QString& module, const QString& modulePa
                                                        QStringLiteral("Revoke"));
     call << static_cast<uint>(revoke.messageType()) << PlatformCall::revokedResources(message);
     auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(call, m_revokeTimeoutMs), this);
-    connect(answer, &QDBusPendingCallWatcher::finished, this, [module, owner, reply](QDBusPendingCallWatcher* watcher) {
-        const QDBusPendingReply<> answered = *watcher;
-        watcher->deleteLater();
-        if (!answered.isError()) {
-            reply.setValue(QVariant());
-            return;
-        }
-        const QString offence = QStringLiteral("module %1 (connection %2) did not take its revoke message: %3")
-                                    .arg(module, owner, answered.error().message());
-        std::cerr << "vela-powerd: " << offence.toStdString() << std::endl;
-        reply.setError(CMError(QStringLiteral("org.vela.Power1.Error.RevokeFailed"), TrString(offence)));
-    });
+    connect(answer, &QDBusPendingCallWatcher::finished, this,
+            [this, module, owner, reply](QDBusPendingCallWatcher* watcher) {
+                const QDBusPendingReply<> answered = *watcher;
+                watcher->deleteLater();
+                if (!answered.isError()) {
+                    reply.setValue(QVariant());
+                    return;
+                }
+                const QString offence =
+                    QStringLiteral("module %1 (connection %2, %3) did not take its revoke message: %4")
+                        .arg(module, owner, m_credentials.known(owner).describe(), answered.error().message());
+                std::cerr << "vela-powerd: " << offence.toStdString() << std::endl;
+                reply.setError(CMError(QStringLiteral("org.vela.Power1.Error.RevokeFailed"), TrString(offence)));
+            });
 }
 
 PowerManagerService::~PowerManagerService()
@@ -210,6 +218,7 @@ void PowerManagerService::watchCaller(const QString& caller)
 void PowerManagerService::callerGone(const QString& caller)
 {
     m_callers.removeWatchedService(caller);
+    m_credentials.forget(caller);
     for (const QString& module : m_moduleOwners.keys(caller)) {
         m_moduleOwners.remove(module);
         const QSet<QString> askedFor = m_askedFor.take(module);
@@ -228,23 +237,34 @@ void PowerManagerService::callerGone(const QString& caller)
     }
 }
 
+/*
+ * Allowed to root and to the target group, as the bus says who the caller
+ * is: asked once per connection, and meanwhile the connection's later calls
+ * wait their turn behind this one.
+ */
 void PowerManagerService::RequestTarget(const QString& name)
 {
     if (refuseWhileStopping())
         return;
     if (!m_graph.target(name))
         return sendError("UnknownTarget", QStringLiteral("no target named %1").arg(SafeText::quoted(name)));
+    if (!mayQueue())
+        return;
     Scenario::Request request;
     request.kind = Scenario::Request::Target;
     request.name = name;
-    if (!mayQueue())
-        return;
-    setDelayedReply(true);
-    // Recorded before it is sent: the handler may act on it at once.
-    const int number = recordRequest(request.describe());
-    answerWhenDone(
-        message(), RequestDriver::sendTo(m_handler, m_graph, request),
-        [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
+    const std::shared_ptr<PendingCall> pending = holdCall();
+    const QString caller = pending->call.service();
+    watchCaller(caller);
+    m_credentials.whenKnown(caller, [this, pending, request](const CallerCredentials::Caller& who) {
+        if (pending->answered)
+            return;
+        if (!who.mayRequestTargets)
+            return refuse(pending, "org.freedesktop.DBus.Error.AccessDenied",
+                          QStringLiteral("only root and the group %1 may request targets (the caller: %2)")
+                              .arg(m_targetGroup, who.describe()));
+        queue(pending, request);
+    });
 }
 
 void PowerManagerService::RequestResource(const QString& resource, const QString& action, const QVariantMap& options)
@@ -264,13 +284,18 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
         return;
     if (!mayQueue())
         return;
-    m_askedFor[request.module].insert(resource);
-    setDelayedReply(true);
-    // Recorded before it is sent: the handler may act on it at once.
-    const int number = recordRequest(request.describe());
-    answerWhenDone(
-        message(), RequestDriver::sendTo(m_handler, m_graph, request),
-        [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
+    const std::shared_ptr<PendingCall> pending = holdCall();
+    const QString caller = pending->call.service();
+    m_credentials.inTurn(caller, [this, pending, request, caller]() {
+        if (pending->answered)
+            return;
+        // A connection that went while its call waited had its claims
+        // released already; this one is not sent after them.
+        if (m_moduleOwners.value(request.module) != caller)
+            return answered(pending);
+        m_askedFor[request.module].insert(request.name);
+        queue(pending, request);
+    });
 }
 
 QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
@@ -299,9 +324,6 @@ QString PowerManagerService::moduleOfCaller(const QVariantMap& options)
     return QString();
 }
 
-// Answers `call` once the handler answers `reply`: with nothing, or with
-// the error org.vela.Power1.Error.Refused carrying the handler's message and,
-// when one is known, the reason in plain words.
 int PowerManagerService::recordRequest(const QString& description)
 {
     const int number = ++m_requestsSent;
@@ -310,13 +332,42 @@ int PowerManagerService::recordRequest(const QString& description)
     return number;
 }
 
-void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
+// The call being handled is answered later, by `answerWhenDone` or
+// `refuse`; until then it counts among its connection's waiting calls.
+std::shared_ptr<PowerManagerService::PendingCall> PowerManagerService::holdCall()
+{
+    setDelayedReply(true);
+    auto pending = std::make_shared<PendingCall>();
+    pending->call = message();
+    m_pending.append(pending);
+    ++m_pendingByCaller[pending->call.service()];
+    return pending;
+}
+
+void PowerManagerService::refuse(const std::shared_ptr<PendingCall>& pending, const char* name, const QString& text)
+{
+    m_bus.send(pending->call.createErrorReply(name[0] == 'o' ? QLatin1String(name) : errorName(name), text));
+    answered(pending);
+}
+
+void PowerManagerService::queue(const std::shared_ptr<PendingCall>& pending, const Scenario::Request& request)
+{
+    if (m_stopping)
+        return refuse(pending, "Stopping", QStringLiteral("the service is stopping"));
+    // Recorded before it is sent: the handler may act on it at once.
+    const int number = recordRequest(request.describe());
+    pending->sent = true;
+    answerWhenDone(
+        pending, RequestDriver::sendTo(m_handler, m_graph, request),
+        [this, request]() { return RefusalReasons::whyFailed(m_graph, request); }, number);
+}
+
+// Answers the call once the handler answers `reply`: with nothing, or with
+// the error org.vela.Power1.Error.Refused carrying the handler's message and,
+// when one is known, the reason in plain words.
+void PowerManagerService::answerWhenDone(const std::shared_ptr<PendingCall>& pending, const CMReply<QVariant>& reply,
                                          const std::function<QString()>& reason, int number)
 {
-    const auto pending = std::make_shared<PendingCall>();
-    pending->call = call;
-    m_pending.append(pending);
-    ++m_pendingByCaller[call.service()];
     QPointer<PowerManagerService> service(this);
     reply.onFinished([service, pending, reason, number](const CMReply<QVariant>& answer) {
         if (!service)
@@ -331,14 +382,14 @@ void PowerManagerService::answerWhenDone(const QDBusMessage& call, const CMReply
             return;
         if (!answer.error().isError()) {
             service->m_bus.send(pending->call.createReply());
-        } else {
-            QString text = answer.error().message().toString();
-            const QString why = reason();
-            if (!why.isEmpty())
-                text += QStringLiteral(": ") + why;
-            service->m_bus.send(pending->call.createErrorReply(errorName("Refused"), text));
+            service->answered(pending);
+            return;
         }
-        service->answered(pending);
+        QString text = answer.error().message().toString();
+        const QString why = reason();
+        if (!why.isEmpty())
+            text += QStringLiteral(": ") + why;
+        service->refuse(pending, "Refused", text);
     });
 }
 
@@ -355,15 +406,18 @@ void PowerManagerService::stop(std::function<void()> stopped)
 {
     m_stopping = true;
     m_stopped = std::move(stopped);
-    // The oldest call's request is the one running (or the first to run):
-    // it keeps its answer; the callers behind it are told now.
-    while (m_pending.size() > 1) {
-        const std::shared_ptr<PendingCall> queued = m_pending.takeLast();
-        queued->answered = true;
-        forgetPending(queued->call.service());
-        m_bus.send(queued->call.createErrorReply(errorName("Stopping"), QStringLiteral("the service is stopping")));
+    // The oldest call sent to the handler is the one running (or the first
+    // to run): it keeps its answer; every other caller is told now.
+    bool running = false;
+    const QList<std::shared_ptr<PendingCall>> waiting = m_pending;
+    for (const std::shared_ptr<PendingCall>& call : waiting) {
+        if (call->sent && !running) {
+            running = true;
+            continue;
+        }
+        refuse(call, "Stopping", QStringLiteral("the service is stopping"));
     }
-    if (m_pending.isEmpty())
+    if (m_pending.isEmpty() && m_stopped)
         std::exchange(m_stopped, nullptr)();
 }
 

@@ -1,6 +1,9 @@
 #ifndef VELA_SERVICE_POWERMANAGERSERVICE_H
 #define VELA_SERVICE_POWERMANAGERSERVICE_H
 
+#include "callercredentials.h"
+#include "graphfile.h"
+
 #include "cmpath.h"
 #include "cmreply.h"
 #include "velahash.h"
@@ -44,13 +47,16 @@ class PowerManagerService : public QObject, protected QDBusContext
 public:
     static const char* const busName;
     static const char* const objectPath;
+    // The group whose members may request targets, besides root.
+    static const char* const defaultTargetGroup;
     static const QDBusConnection::RegisterOptions exported;
     // What one connection may have at a time (dbus-daemon keeps 128 replies
     // pending per connection).
     static constexpr int mostQueuedPerConnection = 64;
     static constexpr int mostModulesPerConnection = 16;
 
-    PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus);
+    PowerManagerService(PowerHandler& handler, const PowerGraph& graph, const QDBusConnection& bus,
+                        const QString& targetGroup = QLatin1String(defaultTargetGroup));
     ~PowerManagerService() override;
 
     // How long a module may take to answer a revoke message before the
@@ -64,6 +70,9 @@ public:
     // the callers still queued; `stopped` runs once the request that is
     // running (the oldest unanswered) has its answer, or at once when none.
     void stop(std::function<void()> stopped);
+
+    // Whether the group that may request targets exists (else only root may).
+    bool targetGroupExists() const { return m_credentials.groupExists(); }
 
     QString currentTarget() const { return m_currentTarget; }
     QString nextTarget() const { return m_nextTarget; }
@@ -85,8 +94,6 @@ private:
     QString moduleOfCaller(const QVariantMap& options);
     // Tells the recorder of a request about to be sent; its number.
     int recordRequest(const QString& description);
-    void answerWhenDone(const QDBusMessage& call, const CMReply<QVariant>& reply,
-                        const std::function<QString()>& reason, int number);
     void sendError(const char* name, const QString& message);
     void targetSignal(const char* property, const char* signal, QString* value, const QString& target);
     void watchCaller(const QString& caller);
@@ -104,8 +111,15 @@ private:
     // A call answered with a delayed reply, until it is answered.
     struct PendingCall {
         QDBusMessage call;
+        // Whether its request went to the handler.
+        bool sent = false;
         bool answered = false;
     };
+    std::shared_ptr<PendingCall> holdCall();
+    void queue(const std::shared_ptr<PendingCall>& pending, const Scenario::Request& request);
+    void answerWhenDone(const std::shared_ptr<PendingCall>& pending, const CMReply<QVariant>& reply,
+                        const std::function<QString()>& reason, int number);
+    void refuse(const std::shared_ptr<PendingCall>& pending, const char* name, const QString& text);
     // Whether the calling connection may queue another request; else the
     // error is sent.
     bool mayQueue();
@@ -121,6 +135,8 @@ private:
     // The connections that registered modules: when one goes, its modules'
     // claims are released and their names are free again.
     QDBusServiceWatcher m_callers;
+    QString m_targetGroup;
+    CallerCredentials m_credentials;
     // The resources each module has asked for: a request still queued when
     // its connection goes runs after all, and is released after it.
     QHash<QString, QSet<QString>> m_askedFor;

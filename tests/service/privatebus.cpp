@@ -3,6 +3,7 @@
 #include "eventloop.h"
 
 #include <QDBusConnectionInterface>
+#include <QFile>
 
 PrivateBus::PrivateBus() = default;
 
@@ -18,14 +19,60 @@ PrivateBus::~PrivateBus()
     }
 }
 
-bool PrivateBus::start()
+namespace {
+
+// The default rules of Debian's system bus: no one owns a name or calls a
+// method unless a policy allows it; signals, and replies to calls made, go.
+const char systemBusConfiguration[] =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>%1</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Properties"/>
+  </policy>
+  %2
+</busconfig>
+)";
+
+} // namespace
+
+bool PrivateBus::start(const QString& systemPolicy)
 {
     if (!m_folder.isValid())
         return false;
     m_address = QStringLiteral("unix:path=") + m_folder.filePath(QStringLiteral("bus"));
-    m_daemon.start(QStringLiteral("dbus-daemon"),
-                   {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
-                    QStringLiteral("--address=") + m_address, QStringLiteral("--print-address=1")});
+    QStringList arguments{QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
+                          QStringLiteral("--print-address=1")};
+    if (systemPolicy.isEmpty()) {
+        arguments << QStringLiteral("--session") << QStringLiteral("--address=") + m_address;
+    } else {
+        // Other users reach the socket through the folder.
+        QFile::setPermissions(m_folder.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                                   QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther |
+                                                   QFile::ExeOther);
+        QFile configuration(m_folder.filePath(QStringLiteral("bus.conf")));
+        if (!configuration.open(QIODevice::WriteOnly) ||
+            configuration.write(QString::fromUtf8(systemBusConfiguration).arg(m_address, systemPolicy).toUtf8()) < 0)
+            return false;
+        configuration.close();
+        arguments << QStringLiteral("--config-file=") + configuration.fileName();
+    }
+    m_daemon.start(QStringLiteral("dbus-daemon"), arguments);
     if (!m_daemon.waitForStarted(10000))
         return false;
     // The daemon prints its address once it listens.

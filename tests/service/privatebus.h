@@ -9,9 +9,11 @@
 #include <memory>
 
 /*
- * A D-Bus daemon of the test's own, never the machine's buses: started with
- * the session configuration on a socket in a temporary folder, and stopped
- * with the object.
+ * A D-Bus daemon of the test's own, never the machine's buses: started on a
+ * socket in a temporary folder, and stopped with the object. By default it
+ * is a session bus; given a policy, it is a bus of the system's kind, which
+ * every user may reach and whose rules are those of Debian's system bus
+ * followed by the policy (a file's <include>, say).
  *
  *   PrivateBus bus;
  *   ASSERT_TRUE(bus.start());
@@ -25,7 +27,7 @@ public:
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    bool start();
+    bool start(const QString& systemPolicy = QString());
     QString address() const { return m_address; }
     // A connection of its own, named `name` within the test.
     QDBusConnection connect(const QString& name);

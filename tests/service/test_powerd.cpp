@@ -94,7 +94,7 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_folder.isValid());
-        ASSERT_TRUE(m_bus.start()) << "dbus-daemon (Debian's dbus-daemon package) is needed";
+        ASSERT_TRUE(m_bus.start(systemPolicy())) << "dbus-daemon (Debian's dbus-daemon package) is needed";
         const QString lampDirectory = m_folder.filePath(QStringLiteral("lamp"));
         ASSERT_TRUE(QDir().mkpath(lampDirectory));
         m_attribute = lampDirectory + QStringLiteral("/brightness");
@@ -102,7 +102,8 @@ protected:
         const QString graph = m_folder.filePath(QStringLiteral("device.json"));
         ASSERT_TRUE(writeFile(graph, deviceGraph(lampDirectory)));
         m_service.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_service.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
+        m_service.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                        QStringList{QStringLiteral("--bus"), m_bus.address()} + serviceOptions() << graph);
         ASSERT_TRUE(m_service.waitForStarted(30000));
         ASSERT_TRUE(m_bus.waitForOwner(service, 30000)) << "vela-powerd never took its name";
     }
@@ -115,6 +116,10 @@ protected:
         if (!m_service.waitForFinished(30000))
             m_service.kill();
     }
+
+    // The bus's policy when it is to be of the system's kind.
+    virtual QString systemPolicy() const { return QString(); }
+    virtual QStringList serviceOptions() const { return QStringList(); }
 
     QTemporaryDir m_folder;
     PrivateBus m_bus;
@@ -478,8 +483,10 @@ TEST_F(Powerd, ModuleThatNeverAnswersItsRevokeMessageHoldsTheRequestOnlyUntilThe
     impatient.terminate();
     ASSERT_TRUE(impatient.waitForFinished(30000));
     const QString err = QString::fromUtf8(impatient.readAllStandardError());
-    EXPECT_TRUE(err.contains(QStringLiteral("vela-powerd: module reader (connection ")) &&
-                err.contains(QStringLiteral(") did not take its revoke message: ")))
+    EXPECT_TRUE(
+        err.contains(QStringLiteral("vela-powerd: module reader (connection ")) &&
+        err.contains(
+            QStringLiteral(", uid %1, pid %2) did not take its revoke message: ").arg(::getuid()).arg(::getpid())))
         << err.toStdString();
 }
 
@@ -732,3 +739,140 @@ TEST(PowerdStart, FileThatIsNoGraphIsInvalidInputWithItsPlace)
                   ":1:32: resources[0]: unknown key \"speed\" (expected one of: name, value, timeoutMs, enable, "
                   "disable, requires, modules)\n");
 }
+
+namespace {
+
+// What a client run as another user got: its exit code and its output.
+struct ClientRun {
+    int exitCode = -1;
+    QString output;
+    QString errors;
+};
+
+// Calls `method` on the service with `gdbus`, as `nobody` with no groups.
+ClientRun gdbusAsNobody(const QString& address, const QString& method, const QStringList& arguments)
+{
+    QProcess client;
+    client.start(QStringLiteral("setpriv"),
+                 QStringList{QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                             QStringLiteral("--clear-groups"), QStringLiteral("gdbus"), QStringLiteral("call"),
+                             QStringLiteral("--address"), address, QStringLiteral("--dest"), service,
+                             QStringLiteral("--object-path"), path, QStringLiteral("--method"), method} +
+                     arguments);
+    ClientRun run;
+    if (!client.waitForFinished(callTimeoutMs))
+        return run;
+    run.exitCode = client.exitStatus() == QProcess::NormalExit ? client.exitCode() : -1;
+    run.output = QString::fromUtf8(client.readAllStandardOutput()).trimmed();
+    run.errors = QString::fromUtf8(client.readAllStandardError()).trimmed();
+    return run;
+}
+
+// Running a client as another user takes root.
+#define SKIP_UNLESS_ROOT() \
+    if (::getuid() != 0)   \
+    GTEST_SKIP() << "clients run as nobody through setpriv, which takes root"
+
+// On a bus of the system's kind with the policy file the service installs.
+class PowerdUnderTheShippedPolicy : public Powerd
+{
+protected:
+    QString systemPolicy() const override
+    {
+        return QStringLiteral("<include>%1</include>").arg(QStringLiteral(VELA_POWERD_POLICY));
+    }
+};
+
+TEST_F(PowerdUnderTheShippedPolicy, SomeoneOutsideTheGroupIsRefusedTargetsByTheBusAndStillReadsTheProperties)
+{
+    SKIP_UNLESS_ROOT();
+    QDBusConnection root = m_bus.connect(QStringLiteral("root"));
+    ASSERT_EQ(errorOf(callAndWait(root, QStringLiteral("RequestTarget"), {QStringLiteral("on")})), "no error");
+
+    const ClientRun target = gdbusAsNobody(m_bus.address(), QStringLiteral("org.vela.Power1.Manager.RequestTarget"),
+                                           {QStringLiteral("off")});
+    const ClientRun current =
+        gdbusAsNobody(m_bus.address(), QStringLiteral("org.freedesktop.DBus.Properties.Get"),
+                      {QStringLiteral("org.vela.Power1.Manager"), QStringLiteral("CurrentTarget")});
+    const ClientRun introspection =
+        gdbusAsNobody(m_bus.address(), QStringLiteral("org.freedesktop.DBus.Introspectable.Introspect"), {});
+
+    EXPECT_NE(target.exitCode, 0);
+    EXPECT_TRUE(target.errors.contains(QStringLiteral("org.freedesktop.DBus.Error.AccessDenied")))
+        << target.errors.toStdString();
+    EXPECT_EQ(current.exitCode, 0) << current.errors.toStdString();
+    EXPECT_EQ(current.output, QStringLiteral("(<'on'>,)"));
+    EXPECT_EQ(introspection.exitCode, 0) << introspection.errors.toStdString();
+    EXPECT_TRUE(introspection.output.contains(QStringLiteral("org.vela.Power1.Manager")));
+    EXPECT_EQ(property(root, QStringLiteral("CurrentTarget")), QStringLiteral("on")) << "nobody switched it";
+}
+
+// The policy lets the service call its modules back: root's revoke messages
+// are method calls to other connections, which the system bus denies unless
+// a policy allows them.
+TEST_F(PowerdUnderTheShippedPolicy, RevokeMessagesReachTheModule)
+{
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    RevokeTaker taker(m_attribute, true);
+    readerUsesTheLamp(reader, &taker, QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("/reader/revoke")}});
+    ASSERT_FALSE(HasFatalFailure());
+    QDBusConnection other = m_bus.connect(QStringLiteral("other"));
+
+    const QDBusMessage off = callAndWait(other, QStringLiteral("RequestTarget"), {QStringLiteral("off")});
+
+    EXPECT_EQ(errorOf(off), "no error") << off.errorMessage().toStdString();
+    EXPECT_EQ(taker.taken, QStringList{QStringLiteral("/reader/revoke 0 lamp (lamp at 80)")});
+}
+
+// On a bus of the system's kind that lets everyone call the service: the
+// service itself decides who may switch targets.
+class PowerdOnAnOpenBus : public Powerd
+{
+protected:
+    QString systemPolicy() const override
+    {
+        return QStringLiteral(R"(<policy context="default">
+    <allow own="org.vela.Power1"/>
+    <allow send_destination="org.vela.Power1"/>
+    <allow send_type="method_call"/>
+  </policy>)");
+    }
+};
+
+TEST_F(PowerdOnAnOpenBus, ServiceRefusesTargetsToCallersNeitherRootNorInTheGroup)
+{
+    SKIP_UNLESS_ROOT();
+    const ClientRun target =
+        gdbusAsNobody(m_bus.address(), QStringLiteral("org.vela.Power1.Manager.RequestTarget"), {QStringLiteral("on")});
+    QDBusConnection root = m_bus.connect(QStringLiteral("root"));
+    const QDBusMessage byRoot = callAndWait(root, QStringLiteral("RequestTarget"), {QStringLiteral("on")});
+
+    EXPECT_NE(target.exitCode, 0);
+    EXPECT_TRUE(target.errors.contains(
+        QStringLiteral("org.freedesktop.DBus.Error.AccessDenied: only root and the group vela-power may request "
+                       "targets (the caller: uid 65534, pid ")))
+        << target.errors.toStdString();
+    EXPECT_EQ(errorOf(byRoot), "no error") << byRoot.errorMessage().toStdString();
+}
+
+class PowerdWithTheGroupOfNobody : public PowerdOnAnOpenBus
+{
+protected:
+    QStringList serviceOptions() const override
+    {
+        return {QStringLiteral("--target-group"), QStringLiteral("nogroup")};
+    }
+};
+
+TEST_F(PowerdWithTheGroupOfNobody, MemberOfTheTargetGroupMayRequestTargets)
+{
+    SKIP_UNLESS_ROOT();
+    const ClientRun target =
+        gdbusAsNobody(m_bus.address(), QStringLiteral("org.vela.Power1.Manager.RequestTarget"), {QStringLiteral("on")});
+
+    EXPECT_EQ(target.exitCode, 0) << target.errors.toStdString();
+    QDBusConnection root = m_bus.connect(QStringLiteral("root"));
+    EXPECT_EQ(property(root, QStringLiteral("CurrentTarget")), QStringLiteral("on"));
+}
+
+} // namespace
