@@ -4,7 +4,15 @@
 #include "cmrootworker.h"
 
 #include <QCoreApplication>
+#include <QDBusError>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDBusVariant>
 #include <QFile>
+
+#include <cmath>
+#include <limits>
 
 #include <thread>
 
@@ -43,6 +51,32 @@ QString writeAttributeFile(const QString& fileName, const QByteArray& text)
     return QString();
 }
 
+// A graph's value as a property takes it: a whole number as an int32 ("i"),
+// another number as a double, true and false as a boolean, text as text.
+QVariant propertyValue(const QVariant& value)
+{
+    if (value.userType() != QMetaType::Double)
+        return value;
+    const double number = value.toDouble();
+    if (std::floor(number) == number && number >= std::numeric_limits<qint32>::min() &&
+        number <= std::numeric_limits<qint32>::max())
+        return static_cast<qint32>(number);
+    return value;
+}
+
+// "system", "session" or an address; a connection that fails stays in the
+// table, unconnected, and each write to it says why.
+QString openBus(const QString& bus, QStringList* opened)
+{
+    if (bus == QLatin1String("system"))
+        return QDBusConnection::systemBus().name();
+    if (bus == QLatin1String("session"))
+        return QDBusConnection::sessionBus().name();
+    const QString name = QStringLiteral("vela-powerd control bus ") + bus;
+    opened->append(name);
+    return QDBusConnection::connectToBus(bus, name).name();
+}
+
 } // namespace
 
 bool HardwarePlatform::canServe(const GraphSpec& graph, QString* problem)
@@ -55,12 +89,6 @@ bool HardwarePlatform::canServe(const GraphSpec& graph, QString* problem)
             if (control == graph.controls.constEnd()) {
                 *problem =
                     QStringLiteral("resource %1 writes %2, which has no control").arg(resource.name, write->path);
-                return false;
-            }
-            if (control->kind == GraphSpec::Control::DBus) {
-                *problem = QStringLiteral("resource %1 writes %2, whose control is a D-Bus property, which this "
-                                          "platform does not drive")
-                               .arg(resource.name, write->path);
                 return false;
             }
         }
@@ -78,6 +106,8 @@ HardwarePlatform::HardwarePlatform(const GraphSpec& graph, Listener listener)
         const CMPath path(control.key());
         m_paths.insert(path);
         const GraphSpec::Control target = control.value();
+        if (target.kind == GraphSpec::Control::DBus && !m_buses.contains(target.bus))
+            m_buses.insert(target.bus, openBus(target.bus, &m_opened));
         CMRootWorker::instance()->registerSetDataHandler(
             path,
             [this, target](const CMPath& written, const QString& key, const QVariant& value, CMReply<QVariant> reply) {
@@ -92,6 +122,15 @@ HardwarePlatform::~HardwarePlatform()
     for (const CMPath& path : qAsConst(m_paths))
         root->unregisterSetDataHandler(path);
     m_desk->platform = nullptr;
+    // The property calls still waiting go first: they hold the connections.
+    qDeleteAll(m_propertyCalls.children());
+    for (const QString& name : qAsConst(m_opened))
+        QDBusConnection::disconnectFromBus(name);
+}
+
+QDBusConnection HardwarePlatform::bus(const QString& name) const
+{
+    return QDBusConnection(m_buses.value(name));
 }
 
 void HardwarePlatform::take(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply)
@@ -107,7 +146,34 @@ void HardwarePlatform::take(const GraphSpec::Control& control, PlatformCall call
         writeAttribute(control.directory, call, reply);
         return;
     }
-    finish(call, reply, QStringLiteral("%1: a D-Bus property, which this platform does not drive").arg(call.path));
+    setProperty(control, call, reply);
+}
+
+// The answer comes on the event loop's thread; none comes once the
+// platform is gone.
+void HardwarePlatform::setProperty(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply)
+{
+    const QString property =
+        QStringLiteral("%1 %2, property %3.%4").arg(control.service, control.objectPath, control.interface, call.key);
+    QDBusConnection connection = bus(control.bus);
+    if (!connection.isConnected())
+        return finish(call, reply,
+                      QStringLiteral("%1: cannot reach the bus %2: %3")
+                          .arg(property, control.bus, connection.lastError().message()));
+    QDBusMessage set = QDBusMessage::createMethodCall(
+        control.service, control.objectPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"));
+    set << control.interface << call.key << QVariant::fromValue(QDBusVariant(propertyValue(call.value)));
+    auto* answer = new QDBusPendingCallWatcher(connection.asyncCall(set, propertyTimeoutMs), &m_propertyCalls);
+    QObject::connect(
+        answer, &QDBusPendingCallWatcher::finished, &m_propertyCalls,
+        [this, call, reply, property](QDBusPendingCallWatcher* watcher) {
+            const QDBusPendingReply<> answered = *watcher;
+            watcher->deleteLater();
+            finish(call, reply,
+                   answered.isError()
+                       ? QStringLiteral("%1: %2: %3").arg(property, answered.error().name(), answered.error().message())
+                       : QString());
+        });
 }
 
 // On a thread of its own, which the platform does not wait for: a driver may

@@ -7,7 +7,11 @@
 #include "cmpath.h"
 #include "cmreply.h"
 
+#include <QDBusConnection>
+#include <QHash>
+#include <QObject>
 #include <QSet>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -23,6 +27,10 @@
  *    comes back on the event loop's thread; a failure's message names the
  *    file and the system's own reason ("/sys/.../brightness: No such file or
  *    directory").
+ *  - dbus: the property named by the write's key is set on the control's
+ *    object (org.freedesktop.DBus.Properties.Set), without waiting for the
+ *    answer, which must come within propertyTimeoutMs; a failure's message
+ *    names the object, the property and the bus's own error.
  *  - log: the write is only reported, and answered at once.
  *
  * Each call and its outcome are reported to a listener (a run recorder, say)
@@ -41,8 +49,11 @@ class HardwarePlatform
 public:
     using Listener = std::function<void(PlatformCall::Step step, const PlatformCall& call)>;
 
-    // Whether every path the graph's resources write has a control this
-    // platform can drive; else says which path, and which resource writes it.
+    // How long the owner of a D-Bus control may take to set a property.
+    static constexpr int propertyTimeoutMs = 5000;
+
+    // Whether every path the graph's resources write has a control; else
+    // says which path, and which resource writes it.
     static bool canServe(const GraphSpec& graph, QString* problem);
 
     HardwarePlatform(const GraphSpec& graph, Listener listener);
@@ -56,6 +67,10 @@ public:
 private:
     void take(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply);
     void writeAttribute(const QString& directory, PlatformCall call, const CMReply<QVariant>& reply);
+    void setProperty(const GraphSpec::Control& control, PlatformCall call, const CMReply<QVariant>& reply);
+    // The connection to a D-Bus control's bus ("system", "session" or an
+    // address), made when the platform is.
+    QDBusConnection bus(const QString& name) const;
     void finish(PlatformCall call, const CMReply<QVariant>& reply, const QString& error);
 
     // Where the writing threads hand their outcomes back: it may outlive the
@@ -68,6 +83,13 @@ private:
     CallOwners m_owners;
     QSet<CMPath> m_paths;
     std::shared_ptr<Desk> m_desk;
+    // The names of the connections to the D-Bus controls' buses, by bus; and
+    // those the platform opened itself, closed with it.
+    QHash<QString, QString> m_buses;
+    QStringList m_opened;
+    // The parent of the property calls awaiting their answers: gone with the
+    // platform, so that an answer after it is dropped.
+    QObject m_propertyCalls;
 };
 
 #endif

@@ -5,6 +5,7 @@
 
 #include "capturingappender.h"
 #include "eventloop.h"
+#include "privatebus.h"
 
 #include "graphfile.h"
 #include "powergraph.h"
@@ -13,6 +14,9 @@
 #include "PowerHandler.h"
 
 #include <QCoreApplication>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QDBusVirtualObject>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -108,16 +112,6 @@ TEST(HardwarePlatform, RefusesAGraphWithAWrittenPathWithoutControlNamingPathAndR
       "enable": {"path": "/hw/fan", "key": "on", "value": 1}}], "controls": {}})"));
     EXPECT_FALSE(HardwarePlatform::canServe(file, &problem));
     EXPECT_EQ(problem.toStdString(), "resource fan writes /hw/fan, which has no control");
-}
-
-TEST(HardwarePlatform, RefusesADBusControlItDoesNotDrive)
-{
-    QString problem;
-    const GraphFile file = parsed(lampGraph(
-        R"({"dbus": {"service": "org.example.Lamp1", "path": "/org/example/Lamp1", "interface": "org.example.Lamp1"}})"));
-    EXPECT_FALSE(HardwarePlatform::canServe(file, &problem));
-    EXPECT_EQ(problem.toStdString(),
-              "resource lamp writes /hw/lamp, whose control is a D-Bus property, which this platform does not drive");
 }
 
 TEST(HardwarePlatform, SysfsWriteLeavesTheValueInTheAttributeFileAndAnswersTheLibrary)
@@ -233,4 +227,143 @@ TEST(HardwarePlatform, PlatformThatGoesWhileADriverHoldsAWriteNeitherWaitsNorTak
     for (int round = 0; round < 10; ++round)
         QCoreApplication::processEvents();
     EXPECT_FALSE(on.isFinished()) << "the answer of a platform that went is dropped";
+}
+
+namespace {
+
+// The object of a D-Bus control: it takes Properties.Set calls, notes each
+// ("org.example.Lamp1 brightness=80 (int)"), and answers it, or refuses it
+// with `error` when one is given.
+class PropertyOwner : public QDBusVirtualObject
+{
+public:
+    explicit PropertyOwner(QString error = QString())
+        : m_error(std::move(error))
+    {
+    }
+
+    QString introspect(const QString&) const override { return QString(); }
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
+    {
+        if (message.interface() != QLatin1String("org.freedesktop.DBus.Properties") ||
+            message.member() != QLatin1String("Set"))
+            return false;
+        const QVariantList arguments = message.arguments();
+        const QVariant value = arguments.value(2).value<QDBusVariant>().variant();
+        sets.append(QStringLiteral("%1 %2=%3 (%4)")
+                        .arg(arguments.value(0).toString(), arguments.value(1).toString(), value.toString(),
+                             QLatin1String(value.typeName())));
+        connection.send(m_error.isEmpty() ? message.createReply()
+                                          : message.createErrorReply(m_error, QStringLiteral("the lamp is stuck")));
+        return true;
+    }
+
+    QStringList sets;
+
+private:
+    QString m_error;
+};
+
+QString dbusControl(const QString& bus, const QString& service)
+{
+    return QStringLiteral(R"({"dbus": {"bus": "%1", "service": "%2", "path": "/org/example/Lamp1",
+                                       "interface": "org.example.Lamp1"}})")
+        .arg(bus, service);
+}
+
+// A private bus with the lamp's object on it as org.example.Lamp1.
+struct LampOnABus {
+    bool start(PropertyOwner* owner)
+    {
+        if (!bus.start())
+            return false;
+        QDBusConnection connection = bus.connect(QStringLiteral("lamp"));
+        return connection.registerVirtualObject(QStringLiteral("/org/example/Lamp1"), owner) &&
+               connection.registerService(QStringLiteral("org.example.Lamp1"));
+    }
+
+    PrivateBus bus;
+};
+
+} // namespace
+
+TEST(HardwarePlatform, DBusControlSetsThePropertyOfItsObjectAndAnswersTheLibrary)
+{
+    PropertyOwner owner;
+    LampOnABus lamp;
+    ASSERT_TRUE(lamp.start(&owner)) << "dbus-daemon (Debian's dbus-daemon package) is needed";
+    Device device(lampGraph(dbusControl(lamp.bus.address(), QStringLiteral("org.example.Lamp1"))));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+    const CMReply<QVariant> off = device.ask(VelaPowerModuleActions::release);
+    ASSERT_TRUE(answered(off));
+
+    EXPECT_FALSE(on.error().isError()) << on.error().message().toString().toStdString();
+    EXPECT_FALSE(off.error().isError()) << off.error().message().toString().toStdString();
+    EXPECT_EQ(owner.sets, (QStringList{QStringLiteral("org.example.Lamp1 brightness=80 (int)"),
+                                       QStringLiteral("org.example.Lamp1 brightness=0 (int)")}));
+    ASSERT_EQ(device.steps.size(), 4);
+    EXPECT_EQ(device.steps.at(0).first, PlatformCall::Arrived);
+    EXPECT_FALSE(device.steps.at(0).second.answeredAtOnce);
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Answered);
+    EXPECT_EQ(device.steps.at(3).first, PlatformCall::Answered);
+}
+
+TEST(HardwarePlatform, RefusedPropertyNamesTheObjectThePropertyAndTheBussErrorAndTheLibraryLogsIt)
+{
+    PropertyOwner owner(QStringLiteral("org.freedesktop.DBus.Error.PropertyReadOnly"));
+    LampOnABus lamp;
+    ASSERT_TRUE(lamp.start(&owner)) << "dbus-daemon (Debian's dbus-daemon package) is needed";
+    Device device(lampGraph(dbusControl(lamp.bus.address(), QStringLiteral("org.example.Lamp1"))));
+    LogCapture log;
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+
+    const std::string reason = "org.example.Lamp1 /org/example/Lamp1, property org.example.Lamp1.brightness: "
+                               "org.freedesktop.DBus.Error.PropertyReadOnly: the lamp is stuck";
+    ASSERT_EQ(device.steps.size(), 2);
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Failed);
+    EXPECT_EQ(device.steps.at(1).second.error.toStdString(), reason);
+    EXPECT_EQ(log.count(log4cplus::ERROR_LOG_LEVEL, "lamp failed to enable Message: " + reason), 1) << log.dump();
+    EXPECT_TRUE(device.graph.resource(QStringLiteral("lamp"))->isEnabled());
+}
+
+TEST(HardwarePlatform, PropertyOfAServiceThatIsNotThereFailsWithTheBussError)
+{
+    PropertyOwner owner;
+    LampOnABus lamp;
+    ASSERT_TRUE(lamp.start(&owner)) << "dbus-daemon (Debian's dbus-daemon package) is needed";
+    Device device(lampGraph(dbusControl(lamp.bus.address(), QStringLiteral("org.example.Heater1"))));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+
+    ASSERT_EQ(device.steps.size(), 2);
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Failed);
+    EXPECT_TRUE(device.steps.at(1).second.error.startsWith(
+        QStringLiteral("org.example.Heater1 /org/example/Lamp1, property org.example.Lamp1.brightness: "
+                       "org.freedesktop.DBus.Error.ServiceUnknown: ")))
+        << device.steps.at(1).second.error.toStdString();
+    EXPECT_TRUE(owner.sets.isEmpty());
+}
+
+TEST(HardwarePlatform, PropertyControlOnABusThatCannotBeReachedFailsNamingTheBus)
+{
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    const QString address = QStringLiteral("unix:path=") + folder.filePath(QStringLiteral("no-bus"));
+    Device device(lampGraph(dbusControl(address, QStringLiteral("org.example.Lamp1"))));
+
+    const CMReply<QVariant> on = device.ask(VelaPowerModuleActions::use);
+    ASSERT_TRUE(answered(on));
+
+    ASSERT_EQ(device.steps.size(), 2);
+    EXPECT_EQ(device.steps.at(1).first, PlatformCall::Failed);
+    EXPECT_TRUE(device.steps.at(1).second.error.startsWith(
+        QStringLiteral("org.example.Lamp1 /org/example/Lamp1, property org.example.Lamp1.brightness: cannot reach "
+                       "the bus %1: ")
+            .arg(address)))
+        << device.steps.at(1).second.error.toStdString();
 }
