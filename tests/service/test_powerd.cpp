@@ -237,8 +237,7 @@ QVariantMap lampInfo(QDBusConnection& connection)
     return info.arguments().isEmpty() ? QVariantMap() : qdbus_cast<QVariantMap>(info.arguments().constFirst());
 }
 
-// Whether no module but those in `kept` holds or uses the lamp, and it is
-// off unless one of them does.
+// Whether no module holds or uses the lamp, and it is off.
 bool lampUnclaimed(QDBusConnection& connection)
 {
     const QVariantMap info = lampInfo(connection);
@@ -381,7 +380,7 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
 
 // A module's object that takes revoke messages on its connection: it notes
 // each (with what the lamp's attribute holds at that moment) and answers it,
-// or never, as told.
+// or holds it until told.
 class RevokeTaker : public QDBusVirtualObject
 {
 public:
@@ -404,10 +403,20 @@ public:
                          .arg(arguments.value(1).toStringList().join(QLatin1Char(',')), fileText(m_attribute)));
         if (m_answers)
             connection.send(message.createReply());
+        else
+            held.append(message);
         return true;
     }
 
+    void answerHeld(const QDBusConnection& connection)
+    {
+        for (const QDBusMessage& message : qAsConst(held))
+            connection.send(message.createReply());
+        held.clear();
+    }
+
     QStringList taken;
+    QList<QDBusMessage> held;
 
 private:
     QString m_attribute;
@@ -873,6 +882,178 @@ TEST_F(PowerdWithTheGroupOfNobody, MemberOfTheTargetGroupMayRequestTargets)
     EXPECT_EQ(target.exitCode, 0) << target.errors.toStdString();
     QDBusConnection root = m_bus.connect(QStringLiteral("root"));
     EXPECT_EQ(property(root, QStringLiteral("CurrentTarget")), QStringLiteral("on"));
+}
+
+} // namespace
+
+namespace {
+
+// A module in a process of its own (tests/service/client), which the test
+// can kill; its first line is its unique name on the bus.
+class ClientProcess
+{
+public:
+    bool start(const QString& address, const QString& module, const QString& mode)
+    {
+        m_process.start(QStringLiteral(VELA_POWERD_CLIENT),
+                        {address, module, QStringLiteral("lamp"), QStringLiteral("use"), mode});
+        if (!m_process.waitForStarted(callTimeoutMs))
+            return false;
+        const QString name = nextLine();
+        m_uniqueName = name.startsWith(QLatin1Char(':')) ? name : QString();
+        return !m_uniqueName.isEmpty();
+    }
+
+    // The next line it prints, waiting for it; empty if none comes.
+    QString nextLine()
+    {
+        waitUntil([this]() { return m_process.canReadLine() || m_process.state() == QProcess::NotRunning; },
+                  callTimeoutMs);
+        return QString::fromUtf8(m_process.readLine()).trimmed();
+    }
+
+    bool kill()
+    {
+        m_process.kill();
+        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(callTimeoutMs);
+    }
+
+    bool waitForEnd()
+    {
+        return waitUntil([this]() { return m_process.state() == QProcess::NotRunning; }, callTimeoutMs);
+    }
+
+    QString uniqueName() const { return m_uniqueName; }
+
+private:
+    QProcess m_process;
+    QString m_uniqueName;
+};
+
+// The modules that hold or use the lamp.
+QStringList lampClaimants(QDBusConnection& connection)
+{
+    const QVariantMap actions = qdbus_cast<QVariantMap>(lampInfo(connection).value(QStringLiteral("actions")));
+    QStringList claimants;
+    for (auto action = actions.constBegin(); action != actions.constEnd(); ++action) {
+        if (action.value().toString() != QLatin1String("release"))
+            claimants.append(action.key());
+    }
+    return claimants;
+}
+
+// Waits until the service has run everything queued before now: a request
+// of its own is answered after them.
+void waitForTheQueue(QDBusConnection& observer)
+{
+    static int round = 0;
+    const QString module = QStringLiteral("observer%1").arg(++round);
+    ASSERT_EQ(errorOf(callAndWait(observer, QStringLiteral("RegisterModule"), {module, QVariantMap()})), "no error");
+    ASSERT_EQ(errorOf(callAndWait(
+                  observer, QStringLiteral("RequestResource"),
+                  {QStringLiteral("fan"), QStringLiteral("release"), QVariantMap{{QStringLiteral("module"), module}}})),
+              "no error");
+}
+
+TEST_F(Powerd, ClientProcessesKilledWhileTheyHoldClaimsLeaveNoClaim)
+{
+    constexpr int clients = 10;
+    std::vector<std::unique_ptr<ClientProcess>> processes;
+    for (int index = 0; index < clients; ++index) {
+        processes.push_back(std::make_unique<ClientProcess>());
+        ASSERT_TRUE(
+            processes.back()->start(m_bus.address(), QStringLiteral("user%1").arg(index), QStringLiteral("answered")));
+    }
+    for (const auto& process : processes)
+        ASSERT_EQ(process->nextLine(), QStringLiteral("answered"));
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    ASSERT_EQ(lampClaimants(observer).size(), clients);
+    ASSERT_EQ(fileText(m_attribute), QStringLiteral("80"));
+
+    for (const auto& process : processes)
+        ASSERT_TRUE(process->kill());
+
+    EXPECT_TRUE(waitUntil(
+        [this, &observer]() { return lampUnclaimed(observer) && fileText(m_attribute) == QLatin1String("0"); }, 30000))
+        << "claims of killed clients remain: " << lampClaimants(observer).join(QLatin1Char(' ')).toStdString();
+}
+
+// The service is kept busy by a switch whose revoke message the test holds:
+// what the clients ask for meanwhile waits in the queue.
+class PowerdBusyWithASwitch : public Powerd
+{
+protected:
+    void SetUp() override
+    {
+        Powerd::SetUp();
+        ASSERT_FALSE(HasFatalFailure());
+        m_reader = m_bus.connect(QStringLiteral("reader"));
+        readerUsesTheLamp(m_reader, &m_taker,
+                          QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("/reader/revoke")}});
+        ASSERT_FALSE(HasFatalFailure());
+        m_switcher = m_bus.connect(QStringLiteral("switcher"));
+        m_off =
+            m_switcher.asyncCall(QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestTarget"))
+                                     << QStringLiteral("off"),
+                                 callTimeoutMs);
+        ASSERT_TRUE(waitUntil([this]() { return !m_taker.held.isEmpty(); }, callTimeoutMs));
+    }
+
+    // Lets the switch go on, and waits for its end.
+    void endTheSwitch()
+    {
+        m_taker.answerHeld(m_reader);
+        ASSERT_TRUE(waitUntil([this]() { return m_off.isFinished(); }, callTimeoutMs));
+        ASSERT_FALSE(m_off.isError()) << m_off.error().message().toStdString();
+    }
+
+    RevokeTaker m_taker{QString(), false};
+    QDBusConnection m_reader{QString()};
+    QDBusConnection m_switcher{QString()};
+    QDBusPendingCall m_off{QDBusPendingCall::fromError(QDBusError())};
+};
+
+TEST_F(PowerdBusyWithASwitch, ClientProcessKilledWhileItsRequestIsQueuedLeavesNoClaim)
+{
+    ClientProcess latecomer;
+    ASSERT_TRUE(latecomer.start(m_bus.address(), QStringLiteral("latecomer"), QStringLiteral("queued")));
+    ASSERT_EQ(latecomer.nextLine(), QStringLiteral("queued"));
+    ASSERT_TRUE(latecomer.kill());
+    ASSERT_TRUE(m_bus.waitForNoOwner(latecomer.uniqueName(), callTimeoutMs));
+
+    endTheSwitch();
+    ASSERT_FALSE(HasFatalFailure());
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    waitForTheQueue(observer);
+    ASSERT_FALSE(HasFatalFailure());
+
+    EXPECT_FALSE(lampClaimants(observer).contains(QStringLiteral("latecomer")))
+        << "its request ran after it was gone, and its claim stayed";
+}
+
+TEST_F(PowerdBusyWithASwitch, ClientProcessesThatCallAndDieAtOnceLeaveNoClaim)
+{
+    constexpr int clients = 20;
+    std::vector<std::unique_ptr<ClientProcess>> processes;
+    for (int index = 0; index < clients; ++index) {
+        processes.push_back(std::make_unique<ClientProcess>());
+        ASSERT_TRUE(
+            processes.back()->start(m_bus.address(), QStringLiteral("hasty%1").arg(index), QStringLiteral("vanish")));
+    }
+    for (const auto& process : processes) {
+        ASSERT_TRUE(process->waitForEnd());
+        ASSERT_TRUE(m_bus.waitForNoOwner(process->uniqueName(), callTimeoutMs));
+    }
+
+    endTheSwitch();
+    ASSERT_FALSE(HasFatalFailure());
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    waitForTheQueue(observer);
+    ASSERT_FALSE(HasFatalFailure());
+
+    const QStringList claimants = lampClaimants(observer);
+    EXPECT_TRUE(claimants.filter(QStringLiteral("hasty")).isEmpty())
+        << "claims of clients that died: " << claimants.join(QLatin1Char(' ')).toStdString();
 }
 
 } // namespace
