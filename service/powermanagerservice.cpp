@@ -36,8 +36,11 @@ namespace {
 
 const char* const interfaceName = "org.vela.Power1.Manager";
 
-QString errorName(const char* name)
+// "Stopping" is the service's own error; a name given in full is kept.
+QString fullErrorName(const char* name)
 {
+    if (QLatin1String(name).startsWith(QLatin1String("org.")))
+        return QLatin1String(name);
     return QStringLiteral("org.vela.Power1.Error.") + QLatin1String(name);
 }
 
@@ -82,7 +85,7 @@ void PowerManagerService::targetSignal(const char* property, const char*, QStrin
 
 void PowerManagerService::sendError(const char* name, const QString& message)
 {
-    sendErrorReply(name[0] == 'o' ? QLatin1String(name) : errorName(name), message);
+    sendErrorReply(fullErrorName(name), message);
 }
 
 void PowerManagerService::RegisterModule(const QString& name, const QVariantMap& options)
@@ -292,7 +295,7 @@ void PowerManagerService::RequestResource(const QString& resource, const QString
         // A connection that went while its call waited had its claims
         // released already; this one is not sent after them.
         if (m_moduleOwners.value(request.module) != caller)
-            return answered(pending);
+            return answer(pending, QDBusMessage());
         m_askedFor[request.module].insert(request.name);
         queue(pending, request);
     });
@@ -346,8 +349,7 @@ std::shared_ptr<PowerManagerService::PendingCall> PowerManagerService::holdCall(
 
 void PowerManagerService::refuse(const std::shared_ptr<PendingCall>& pending, const char* name, const QString& text)
 {
-    m_bus.send(pending->call.createErrorReply(name[0] == 'o' ? QLatin1String(name) : errorName(name), text));
-    answered(pending);
+    answer(pending, pending->call.createErrorReply(fullErrorName(name), text));
 }
 
 void PowerManagerService::queue(const std::shared_ptr<PendingCall>& pending, const Scenario::Request& request)
@@ -381,8 +383,7 @@ void PowerManagerService::answerWhenDone(const std::shared_ptr<PendingCall>& pen
         if (pending->answered)
             return;
         if (!answer.error().isError()) {
-            service->m_bus.send(pending->call.createReply());
-            service->answered(pending);
+            service->answer(pending, pending->call.createReply());
             return;
         }
         QString text = answer.error().message().toString();
@@ -393,8 +394,11 @@ void PowerManagerService::answerWhenDone(const std::shared_ptr<PendingCall>& pen
     });
 }
 
-void PowerManagerService::answered(const std::shared_ptr<PendingCall>& pending)
+void PowerManagerService::answer(const std::shared_ptr<PendingCall>& pending, const QDBusMessage& reply)
 {
+    if (reply.type() != QDBusMessage::InvalidMessage)
+        m_bus.send(reply);
+    emit callAnswered(pending->call, reply);
     pending->answered = true;
     m_pending.removeOne(pending);
     forgetPending(pending->call.service());

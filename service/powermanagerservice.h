@@ -74,6 +74,9 @@ public:
     // Whether the group that may request targets exists (else only root may).
     bool targetGroupExists() const { return m_credentials.groupExists(); }
 
+    // The calls that wait for their answer.
+    int waitingCalls() const { return m_pending.size(); }
+
     QString currentTarget() const { return m_currentTarget; }
     QString nextTarget() const { return m_nextTarget; }
 
@@ -87,6 +90,10 @@ public slots:
 signals:
     Q_SCRIPTABLE void TargetChanged(const QString& target);
     Q_SCRIPTABLE void NextTargetChanged(const QString& target);
+    // Not on the bus: each call answered later than it came (a request),
+    // once, with its answer (an invalid message when its caller went first
+    // and nothing was sent).
+    void callAnswered(const QDBusMessage& call, const QDBusMessage& answer);
 
 private:
     // The module a resource request of the calling connection acts for;
@@ -125,7 +132,9 @@ private:
     bool mayQueue();
     void forgetPending(const QString& caller);
     bool refuseWhileStopping();
-    void answered(const std::shared_ptr<PendingCall>& pending);
+    // Sends `reply` (none when it is an invalid message: the caller went
+    // before its request was queued) and forgets the call.
+    void answer(const std::shared_ptr<PendingCall>& pending, const QDBusMessage& reply);
 
     PowerHandler& m_handler;
     const PowerGraph& m_graph;
