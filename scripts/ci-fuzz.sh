@@ -18,7 +18,7 @@ bash scripts/setup-deps.sh
 seconds=${1:-60}
 build_dir=${BUILD_DIR:-build-fuzz}
 jobs=$(nproc 2>/dev/null || echo 2)
-fuzzers=(fuzz_requests fuzz_graphfile)
+fuzzers=(fuzz_requests fuzz_graphfile fuzz_manager)
 
 CC=clang CXX=clang++ cmake -S . -B "$build_dir" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -342,6 +342,7 @@ std::shared_ptr<PowerManagerService::PendingCall> PowerManagerService::holdCall(
     setDelayedReply(true);
     auto pending = std::make_shared<PendingCall>();
     pending->call = message();
+    pending->number = ++m_callsHeld;
     m_pending.append(pending);
     ++m_pendingByCaller[pending->call.service()];
     return pending;
@@ -398,7 +399,8 @@ void PowerManagerService::answer(const std::shared_ptr<PendingCall>& pending, co
 {
     if (reply.type() != QDBusMessage::InvalidMessage)
         m_bus.send(reply);
-    emit callAnswered(pending->call, reply);
+    if (m_answerListener)
+        m_answerListener(pending->number, reply);
     pending->answered = true;
     m_pending.removeOne(pending);
     forgetPending(pending->call.service());

@@ -65,6 +65,11 @@ public:
     // Also tell `recorder` (may be null) of every request, its answer and
     // the handler's signals.
     void setRecorder(RunRecorder* recorder) { m_recorder = recorder; }
+    // Also tell `listener` of each call answered later than it came (a
+    // request), by its number among them (from 1), with its answer (an
+    // invalid message when its caller went first and nothing was sent).
+    using AnswerListener = std::function<void(quint64 number, const QDBusMessage& answer)>;
+    void setAnswerListener(AnswerListener listener) { m_answerListener = std::move(listener); }
 
     // Stops taking calls: from now on every call gets Stopping, and so do
     // the callers still queued; `stopped` runs once the request that is
@@ -74,8 +79,10 @@ public:
     // Whether the group that may request targets exists (else only root may).
     bool targetGroupExists() const { return m_credentials.groupExists(); }
 
-    // The calls that wait for their answer.
+    // The calls that wait for their answer, and how many calls were to be
+    // answered later in all.
     int waitingCalls() const { return m_pending.size(); }
+    quint64 callsHeld() const { return m_callsHeld; }
 
     QString currentTarget() const { return m_currentTarget; }
     QString nextTarget() const { return m_nextTarget; }
@@ -90,10 +97,6 @@ public slots:
 signals:
     Q_SCRIPTABLE void TargetChanged(const QString& target);
     Q_SCRIPTABLE void NextTargetChanged(const QString& target);
-    // Not on the bus: each call answered later than it came (a request),
-    // once, with its answer (an invalid message when its caller went first
-    // and nothing was sent).
-    void callAnswered(const QDBusMessage& call, const QDBusMessage& answer);
 
 private:
     // The module a resource request of the calling connection acts for;
@@ -118,6 +121,7 @@ private:
     // A call answered with a delayed reply, until it is answered.
     struct PendingCall {
         QDBusMessage call;
+        quint64 number = 0;
         // Whether its request went to the handler.
         bool sent = false;
         bool answered = false;
@@ -154,10 +158,12 @@ private:
     // Oldest first, and how many of them each connection has.
     QList<std::shared_ptr<PendingCall>> m_pending;
     QHash<QString, int> m_pendingByCaller;
+    quint64 m_callsHeld = 0;
     bool m_stopping = false;
     std::function<void()> m_stopped;
     int m_revokeTimeoutMs = 5000;
     RunRecorder* m_recorder = nullptr;
+    AnswerListener m_answerListener;
     int m_requestsSent = 0;
     // The root worker's paths at which the handler invokes revoke messages;
     // each forwards them to its module's connection.

@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 
 #include <fcntl.h>
@@ -308,32 +309,66 @@ TEST_F(Powerd, TerminateEndsTheServiceWithExitZeroAndFreesTheName)
     EXPECT_TRUE(m_bus.waitForNoOwner(service, 30000));
 }
 
-// A door whose lock is written through a FIFO: its write, and with it the
-// running request, waits until the test reads the FIFO.
-TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopping)
+// A service whose door lock is written through a FIFO: its write, and with
+// it the running request, waits until the test reads the FIFO.
+class PowerdWithADoor : public Powerd
 {
-    // A second service on the same bus cannot take the name: this test
-    // runs its own, with the door, once the fixture's is gone.
-    m_service.terminate();
-    ASSERT_TRUE(m_service.waitForFinished(30000));
-    ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
-    const QString doorDirectory = m_folder.filePath(QStringLiteral("door"));
-    ASSERT_TRUE(QDir().mkpath(doorDirectory));
-    ASSERT_EQ(::mkfifo(QFile::encodeName(doorDirectory + QStringLiteral("/lock")).constData(), 0600), 0);
-    const QString graph = m_folder.filePath(QStringLiteral("door.json"));
-    ASSERT_TRUE(writeFile(graph, QStringLiteral(R"({"modules": [{"name": "keeper"}],
+protected:
+    void SetUp() override
+    {
+        Powerd::SetUp();
+        ASSERT_FALSE(HasFatalFailure());
+        // A second service on the same bus cannot take the name: this one
+        // runs once the fixture's is gone.
+        m_service.terminate();
+        ASSERT_TRUE(m_service.waitForFinished(30000));
+        ASSERT_TRUE(m_bus.waitForNoOwner(service, 30000));
+        const QString doorDirectory = m_folder.filePath(QStringLiteral("door"));
+        ASSERT_TRUE(QDir().mkpath(doorDirectory));
+        m_lock = doorDirectory + QStringLiteral("/lock");
+        ASSERT_EQ(::mkfifo(QFile::encodeName(m_lock).constData(), 0600), 0);
+        const QString graph = m_folder.filePath(QStringLiteral("door.json"));
+        ASSERT_TRUE(writeFile(graph, QStringLiteral(R"({"modules": [{"name": "keeper"}],
   "resources": [
     {"name": "door", "timeoutMs": 60000, "enable": {"path": "/hw/door", "key": "lock", "value": 1}},
-    {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80}}],
+    {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80},
+                     "disable": {"path": "/hw/lamp", "key": "brightness", "value": 0}}],
   "controls": {"/hw/door": {"sysfs": "%1"}, "/hw/lamp": {"log": true}}})")
-                                     .arg(doorDirectory)
-                                     .toUtf8()));
-    QProcess door;
-    door.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    door.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
-    ASSERT_TRUE(door.waitForStarted(30000));
-    ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
+                                         .arg(doorDirectory)
+                                         .toUtf8()));
+        m_door.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_door.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
+        ASSERT_TRUE(m_door.waitForStarted(30000));
+        ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
+    }
 
+    void TearDown() override
+    {
+        if (m_door.state() != QProcess::NotRunning) {
+            m_door.kill();
+            m_door.waitForFinished(30000);
+        }
+        Powerd::TearDown();
+    }
+
+    // Takes the door's write, as a driver would.
+    int openTheLock() const { return ::open(QFile::encodeName(m_lock).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+
+    // Whether the service ended with 0; it may have ended while the event
+    // loop ran, which waitForFinished() no longer reports.
+    bool endedWithZero()
+    {
+        if (m_door.state() != QProcess::NotRunning && !m_door.waitForFinished(30000))
+            return false;
+        return m_door.exitStatus() == QProcess::NormalExit && m_door.exitCode() == 0;
+    }
+
+    QString m_lock;
+    QProcess m_door;
+};
+
+TEST_F(PowerdWithADoor, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopping)
+{
     QDBusConnection keeper = m_bus.connect(QStringLiteral("keeper"));
     ASSERT_EQ(errorOf(call(keeper, QStringLiteral("RegisterModule"), {QStringLiteral("keeper"), QVariantMap()})),
               "no error");
@@ -347,7 +382,7 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
     // Calls of one connection are taken in order: once this is answered,
     // the four requests are in the queue.
     ASSERT_EQ(errorOf(call(keeper, QStringLiteral("ListNodes"), {})), "no error");
-    door.terminate();
+    m_door.terminate();
 
     // The callers queued behind the door are told at once...
     ASSERT_TRUE(waitUntil(
@@ -363,19 +398,62 @@ TEST_F(Powerd, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopp
     for (int index = 1; index < answers.size(); ++index)
         EXPECT_EQ(answers.at(index).error().name().toStdString(), "org.vela.Power1.Error.Stopping") << index;
     // ...and the door's caller once the driver takes the write.
-    const int reader = ::open(QFile::encodeName(doorDirectory + QStringLiteral("/lock")).constData(),
-                              O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int reader = openTheLock();
     ASSERT_GE(reader, 0);
     const QDBusPendingCall running = answers.at(0);
     ASSERT_TRUE(waitUntil([&running]() { return running.isFinished(); }, 30000));
     ::close(reader);
     EXPECT_FALSE(answers.at(0).isError())
         << "the running request keeps its own answer: " << answers.at(0).error().message().toStdString();
-    // It may have ended while the event loop ran above, which
-    // waitForFinished() no longer reports.
-    ASSERT_TRUE(door.state() == QProcess::NotRunning || door.waitForFinished(30000));
-    EXPECT_EQ(door.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(door.exitCode(), 0);
+    EXPECT_TRUE(endedWithZero());
+}
+
+TEST_F(PowerdWithADoor, TerminateWithAThousandRequestsQueuedTellsEachCallerStoppingAndEndsWithZero)
+{
+    QDBusConnection keeper = m_bus.connect(QStringLiteral("keeper"));
+    ASSERT_EQ(errorOf(call(keeper, QStringLiteral("RegisterModule"), {QStringLiteral("keeper"), QVariantMap()})),
+              "no error");
+    QDBusMessage door = QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
+    door.setArguments({QStringLiteral("door"), QStringLiteral("use"), QVariantMap()});
+    const QDBusPendingCall running = keeper.asyncCall(door, callTimeoutMs);
+    // A connection has at most 64 requests waiting: 20 of them, 50 each.
+    constexpr int connections = 20;
+    constexpr int perConnection = 50;
+    QList<QDBusPendingCall> queued;
+    for (int client = 0; client < connections; ++client) {
+        const QString module = QStringLiteral("client%1").arg(client);
+        QDBusConnection connection = m_bus.connect(module);
+        ASSERT_EQ(errorOf(call(connection, QStringLiteral("RegisterModule"), {module, QVariantMap()})), "no error");
+        for (int index = 0; index < perConnection; ++index) {
+            QDBusMessage request =
+                QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"));
+            request.setArguments(
+                {QStringLiteral("lamp"), index % 2 ? QStringLiteral("release") : QStringLiteral("use"), QVariantMap()});
+            queued.append(connection.asyncCall(request, callTimeoutMs));
+        }
+        // Taken in order: once this is answered, its requests are queued.
+        ASSERT_EQ(errorOf(call(connection, QStringLiteral("ListNodes"), {})), "no error");
+    }
+    ASSERT_FALSE(running.isFinished());
+
+    m_door.terminate();
+
+    ASSERT_TRUE(waitUntil(
+        [&queued]() {
+            return std::all_of(queued.cbegin(), queued.cend(),
+                               [](const QDBusPendingCall& answer) { return answer.isFinished(); });
+        },
+        callTimeoutMs));
+    int stopping = 0;
+    for (const QDBusPendingCall& answer : qAsConst(queued))
+        stopping += answer.error().name() == QLatin1String("org.vela.Power1.Error.Stopping") ? 1 : 0;
+    EXPECT_EQ(stopping, connections * perConnection);
+    const int reader = openTheLock();
+    ASSERT_GE(reader, 0);
+    ASSERT_TRUE(waitUntil([&running]() { return running.isFinished(); }, callTimeoutMs));
+    ::close(reader);
+    EXPECT_FALSE(running.isError()) << running.error().message().toStdString();
+    EXPECT_TRUE(endedWithZero());
 }
 
 // A module's object that takes revoke messages on its connection: it notes
