@@ -267,7 +267,7 @@ public:
     {
         for (quint64 number = 1; number <= callsHeld; ++number) {
             if (answersByCall.value(number) != 1)
-                broken(QStringLiteral("request call %1 was answered %2 times")
+                fail(graph, QStringLiteral("request call %1 was answered %2 times")
                            .arg(number)
                            .arg(answersByCall.value(number)));
         }
@@ -277,10 +277,10 @@ public:
                 continue;
             for (const SentCall& call : client.calls) {
                 if (!call.pending.isFinished())
-                    broken(QStringLiteral("%1 of %2 has no answer").arg(call.method, client.uniqueName));
+                    fail(graph, QStringLiteral("%1 of %2 has no answer").arg(call.method, client.uniqueName));
                 const QDBusMessage reply = call.pending.reply();
                 if (reply.type() == QDBusMessage::ErrorMessage && !documentedErrors.contains(reply.errorName()))
-                    broken(QStringLiteral("%1 of %2 got the undocumented error %3: %4")
+                    fail(graph, QStringLiteral("%1 of %2 got the undocumented error %3: %4")
                                .arg(call.method, client.uniqueName, reply.errorName(), reply.errorMessage()));
                 if (call.method == QLatin1String("RegisterModule") && reply.type() == QDBusMessage::ReplyMessage)
                     liveModules.insert(call.module);
@@ -291,7 +291,7 @@ public:
                 continue;
             for (const GraphSpec::Resource& resource : graph.description().resources) {
                 if (graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release)
-                    broken(QStringLiteral("module %1, whose connection vanished, still claims %2")
+                    fail(graph, QStringLiteral("module %1, whose connection vanished, still claims %2")
                                .arg(module, resource.name));
             }
         }
@@ -308,6 +308,12 @@ private:
 
     void send(Client& client, const QString& method, const QVariantList& arguments, const QString& module = QString())
     {
+        QStringList shown;
+        for (const QVariant& argument : arguments)
+            shown.append(argument.userType() == QMetaType::QVariantMap
+                             ? QStringLiteral("{%1}").arg(describeMap(argument.toMap()))
+                             : argument.toString().left(20));
+        tell(client, QStringLiteral("%1(%2)").arg(method, shown.join(QStringLiteral(", "))));
         client.calls.push_back(SentCall{method, module, client.connection.asyncCall(managerCall(method, arguments))});
     }
 
@@ -368,6 +374,7 @@ private:
         case 7:
             return burst(client);
         case 8:
+            m_story.append(QStringLiteral("events processed"));
             QCoreApplication::processEvents(QEventLoop::AllEvents);
             return 0;
         default:
@@ -405,6 +412,7 @@ private:
     // Its calls and its object go before its connection, which they use.
     void vanish(Client& client)
     {
+        tell(client, QStringLiteral("vanishes; its answers so far: %1").arg(answersOf(client)));
         client.gone = true;
         client.calls.clear();
         client.connection.unregisterObject(QStringLiteral("/m"));
@@ -425,9 +433,55 @@ private:
         return true;
     }
 
+    static QString describeMap(const QVariantMap& map)
+    {
+        QStringList entries;
+        for (auto entry = map.constBegin(); entry != map.constEnd(); ++entry)
+            entry.value().toString().isEmpty() ? entries.append(entry.key())
+                                               : entries.append(entry.key() + QLatin1Char('=') +
+                                                                entry.value().toString().left(20));
+        return entries.join(QStringLiteral(", "));
+    }
+
+    static QString answersOf(const Client& client)
+    {
+        QStringList answers;
+        for (const SentCall& call : client.calls) {
+            if (!call.pending.isFinished())
+                answers.append(QStringLiteral("-"));
+            else
+                answers.append(call.pending.isError() ? call.pending.error().name().section(QLatin1Char('.'), -1)
+                                                      : QStringLiteral("ok"));
+        }
+        return answers.join(QLatin1Char(' '));
+    }
+
+    void tell(const Client& client, const QString& line)
+    {
+        m_story.append(QStringLiteral("%1 %2").arg(client.uniqueName, line));
+    }
+
+    // What the run did, and the claims it left, before saying what broke.
+    [[noreturn]] void fail(const PowerGraph& graph, const QString& rule) const
+    {
+        for (const QString& line : m_story)
+            std::fprintf(stderr, "  %s\n", qPrintable(line));
+        for (const Client& client : m_clients)
+            std::fprintf(stderr, "  %s %s: %s\n", qPrintable(client.uniqueName), client.gone ? "gone" : "live",
+                         qPrintable(answersOf(client)));
+        for (const QString& module : moduleNames) {
+            for (const GraphSpec::Resource& resource : graph.description().resources)
+                std::fprintf(stderr, "  %s on %s: %s\n", qPrintable(module), qPrintable(resource.name),
+                             qPrintable(VelaPowerModuleActions::toString(
+                                 graph.resource(resource.name)->moduleAction(module))));
+        }
+        broken(rule);
+    }
+
     FuzzInput& m_input;
     QString m_service;
     std::vector<Client> m_clients;
+    QStringList m_story;
 };
 
 // The group of the fuzzer's own user, so that its clients may switch
