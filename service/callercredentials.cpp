@@ -68,6 +68,9 @@ void CallerCredentials::inTurn(const QString& caller, std::function<void()> then
 void CallerCredentials::forget(const QString& caller)
 {
     m_known.remove(caller);
+    // The bus may answer for it still, if it was asked before it went.
+    if (m_waiting.contains(caller))
+        m_forgotten.insert(caller);
 }
 
 void CallerCredentials::ask(const QString& caller)
@@ -84,9 +87,8 @@ void CallerCredentials::ask(const QString& caller)
     });
 }
 
-// Keeps what the bus said while the connection is there (a connection
-// that has gone is not kept: the bus no longer knows it), and runs what
-// waited for it, in the order it came.
+// Keeps what the bus said while the connection is there (not once it has
+// gone), and runs what waited for it, in the order it came.
 void CallerCredentials::answered(const QString& caller, const QVariantMap& credentials, bool valid)
 {
     Caller who;
@@ -97,8 +99,10 @@ void CallerCredentials::answered(const QString& caller, const QVariantMap& crede
         who.uid = static_cast<uid_t>(uid.toUInt());
         who.pid = static_cast<pid_t>(pid.toUInt());
         who.mayRequestTargets = who.uid == 0 || inGroup(who.uid);
-        m_known.insert(caller, who);
     }
+    const bool gone = m_forgotten.remove(caller);
+    if (who.known && !gone)
+        m_known.insert(caller, who);
     const QList<Then> waiting = m_waiting.take(caller);
     for (const Then& then : waiting)
         then(who);

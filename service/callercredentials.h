@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 #include <functional>
@@ -66,6 +67,8 @@ private:
     QHash<QString, Caller> m_known;
     // The callers the bus is being asked about, and what waits for its answer.
     QHash<QString, QList<Then>> m_waiting;
+    // Callers that went while the bus was being asked about them.
+    QSet<QString> m_forgotten;
 };
 
 #endif
