@@ -165,6 +165,12 @@ void PowerManagerService::forward(const QString& module, const QString& modulePa
                                   const CMReply<QVariant>& reply)
 {
     const QString owner = m_moduleOwners.value(module);
+    if (owner.isEmpty()) {
+        // Its connection went: the message fails, with nobody to blame.
+        reply.setError(CMError(QStringLiteral("org.vela.Power1.Error.RevokeFailed"),
+                               TrString(QStringLiteral("module %1 has no connection").arg(module))));
+        return;
+    }
     const VelaPowerManagerRevokeMessage revoke(message);
     QDBusMessage call = QDBusMessage::createMethodCall(owner, modulePath, QStringLiteral("org.vela.Power1.Module"),
                                                        QStringLiteral("Revoke"));

@@ -89,6 +89,55 @@ std::string errorOf(const QDBusMessage& reply)
     return reply.type() == QDBusMessage::ErrorMessage ? reply.errorName().toStdString() : "no error";
 }
 
+// What a gdbus client got: its exit code and its output.
+struct ClientRun {
+    int exitCode = -1;
+    QString output;
+    QString errors;
+};
+
+ClientRun runClient(const QString& program, const QStringList& arguments)
+{
+    QProcess client;
+    client.start(program, arguments);
+    ClientRun run;
+    if (!client.waitForFinished(callTimeoutMs))
+        return run;
+    run.exitCode = client.exitStatus() == QProcess::NormalExit ? client.exitCode() : -1;
+    run.output = QString::fromUtf8(client.readAllStandardOutput()).trimmed();
+    run.errors = QString::fromUtf8(client.readAllStandardError()).trimmed();
+    return run;
+}
+
+// Calls `method` on the service with `gdbus`; as `nobody` with no groups
+// when asked to.
+ClientRun gdbus(const QString& address, const QString& method, const QStringList& arguments, bool asNobody = false)
+{
+    QStringList command;
+    if (asNobody)
+        command << QStringLiteral("setpriv") << QStringLiteral("--reuid=nobody") << QStringLiteral("--regid=nogroup")
+                << QStringLiteral("--clear-groups");
+    command << QStringLiteral("gdbus") << QStringLiteral("call") << QStringLiteral("--address") << address
+            << QStringLiteral("--dest") << service << QStringLiteral("--object-path") << path
+            << QStringLiteral("--method") << method << arguments;
+    const QString program = command.takeFirst();
+    return runClient(program, command);
+}
+
+// Calls a method of the manager with `busctl`, which sends the arguments
+// with the signature it is given, right or wrong.
+ClientRun busctl(const QString& address, const QStringList& methodAndArguments)
+{
+    return runClient(QStringLiteral("busctl"), QStringList{QStringLiteral("--address=") + address,
+                                                           QStringLiteral("call"), service, path, manager} +
+                                                   methodAndArguments);
+}
+
+ClientRun gdbusAsNobody(const QString& address, const QString& method, const QStringList& arguments)
+{
+    return gdbus(address, method, arguments, true);
+}
+
 class Powerd : public ::testing::Test
 {
 protected:
@@ -198,8 +247,19 @@ TEST_F(Powerd, BadInputGetsItsErrorNameAndTheServiceGoesOn)
               "org.freedesktop.DBus.Error.InvalidArgs");
     EXPECT_EQ(errorOf(call(client, QStringLiteral("GetNodeInfo"), {QStringLiteral("heater")})),
               "org.vela.Power1.Error.UnknownResource");
-    // Arguments of the wrong types never reach the service's methods.
-    EXPECT_NE(errorOf(call(client, QStringLiteral("RequestTarget"), {42})), "no error");
+    // Arguments of the wrong types never reach the service's methods: its
+    // bus library answers that no method takes them.
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {42})), "org.freedesktop.DBus.Error.UnknownMethod");
+    const ClientRun number =
+        busctl(m_bus.address(), {QStringLiteral("RequestTarget"), QStringLiteral("i"), QStringLiteral("42")});
+    EXPECT_NE(number.exitCode, 0);
+    EXPECT_TRUE(number.errors.contains(QStringLiteral("No such method 'RequestTarget'")))
+        << number.errors.toStdString();
+    const ClientRun missing = busctl(m_bus.address(), {QStringLiteral("RequestResource"), QStringLiteral("ss"),
+                                                       QStringLiteral("lamp"), QStringLiteral("use")});
+    EXPECT_NE(missing.exitCode, 0);
+    EXPECT_TRUE(missing.errors.contains(QStringLiteral("No such method 'RequestResource'")))
+        << missing.errors.toStdString();
 
     EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestResource"),
                            {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
@@ -828,32 +888,6 @@ TEST(PowerdStart, FileThatIsNoGraphIsInvalidInputWithItsPlace)
 }
 
 namespace {
-
-// What a client run as another user got: its exit code and its output.
-struct ClientRun {
-    int exitCode = -1;
-    QString output;
-    QString errors;
-};
-
-// Calls `method` on the service with `gdbus`, as `nobody` with no groups.
-ClientRun gdbusAsNobody(const QString& address, const QString& method, const QStringList& arguments)
-{
-    QProcess client;
-    client.start(QStringLiteral("setpriv"),
-                 QStringList{QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
-                             QStringLiteral("--clear-groups"), QStringLiteral("gdbus"), QStringLiteral("call"),
-                             QStringLiteral("--address"), address, QStringLiteral("--dest"), service,
-                             QStringLiteral("--object-path"), path, QStringLiteral("--method"), method} +
-                     arguments);
-    ClientRun run;
-    if (!client.waitForFinished(callTimeoutMs))
-        return run;
-    run.exitCode = client.exitStatus() == QProcess::NormalExit ? client.exitCode() : -1;
-    run.output = QString::fromUtf8(client.readAllStandardOutput()).trimmed();
-    run.errors = QString::fromUtf8(client.readAllStandardError()).trimmed();
-    return run;
-}
 
 // Running a client as another user takes root.
 #define SKIP_UNLESS_ROOT() \
