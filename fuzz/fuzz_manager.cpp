@@ -1,9 +1,9 @@
 // libFuzzer target: vela-powerd's D-Bus interface, the service object in this
-// process on a private bus of the fuzzer's own. Several client connections
-// of this process make the calls the input picks (good and bad names, wrong
-// argument types, claims for several modules, bursts past the limits),
-// answer their revoke messages at once, with an error or never, and some
-// vanish. Once everything is quiet:
+// process on a private bus of the fuzzer's own. Clients in this process, each
+// on a connection of its own, make the calls the input picks (good and bad
+// names, wrong argument types, claims for several modules, bursts past the
+// limits), answer their revoke messages at once, with an error or never, and
+// some vanish. Once everything is quiet:
 //  - every call of a connection that is still there has its answer, and
 //    every error is one the interface documents;
 //  - every call the service answered later (a request) was answered exactly
@@ -11,6 +11,7 @@
 //  - no module of a connection that vanished keeps a hold or a use.
 // A broken rule aborts with what broke it.
 
+#include "fuzzclient.h"
 #include "fuzzinput.h"
 
 #include "graphfile.h"
@@ -29,7 +30,6 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
-#include <QDBusVirtualObject>
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QHash>
@@ -133,13 +133,9 @@ public:
         for (int attempt = 0; attempt < 1000; ++attempt) {
             struct stat status {
             };
-            if (::stat(QFile::encodeName(m_socket).constData(), &status) == 0) {
-                QDBusConnection probe = QDBusConnection::connectToBus(this->address(), QStringLiteral("probe"));
-                const bool up = probe.isConnected();
-                QDBusConnection::disconnectFromBus(QStringLiteral("probe"));
-                if (up)
-                    return true;
-            }
+            if (::stat(QFile::encodeName(m_socket).constData(), &status) == 0 &&
+                FuzzClient(this->address(), FuzzClient::AtOnce).isConnected())
+                return true;
             ::usleep(10000);
         }
         return false;
@@ -157,47 +153,6 @@ FuzzBus& fuzzBus()
     return bus;
 }
 
-// A client's object for revoke messages: answers each at once, with an
-// error, or never (the service's time-out then fails it).
-class RevokeAnswerer : public QDBusVirtualObject
-{
-public:
-    enum Mode { AtOnce, WithAnError, Never };
-
-    explicit RevokeAnswerer(Mode mode)
-        : m_mode(mode)
-    {
-    }
-
-    QString introspect(const QString&) const override { return QString(); }
-    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
-    {
-        if (m_mode == AtOnce)
-            connection.send(message.createReply());
-        else if (m_mode == WithAnError)
-            connection.send(message.createErrorReply(QStringLiteral("org.example.Busy"), QStringLiteral("busy")));
-        return true;
-    }
-
-private:
-    Mode m_mode;
-};
-
-struct SentCall {
-    QString method;
-    QString module;
-    QDBusPendingCall pending;
-};
-
-struct Client {
-    QString connectionName;
-    QDBusConnection connection{QString()};
-    std::unique_ptr<RevokeAnswerer> answerer;
-    std::vector<SentCall> calls;
-    bool gone = false;
-    QString uniqueName;
-};
-
 /*
  * One run: the clients, the calls the input picks, and the checks once all
  * is quiet.
@@ -205,28 +160,16 @@ struct Client {
 class ManagerRun
 {
 public:
-    ManagerRun(FuzzInput& input, const QString& service, int run)
+    ManagerRun(FuzzInput& input, const QString& service)
         : m_input(input)
         , m_service(service)
     {
         const int clients = m_input.between(1, 4);
         for (int index = 0; index < clients; ++index) {
-            Client client;
-            client.connectionName = QStringLiteral("fuzz-client-%1-%2").arg(run).arg(index);
-            client.connection = QDBusConnection::connectToBus(fuzzBus().address(), client.connectionName);
-            client.uniqueName = client.connection.baseService();
-            client.answerer = std::make_unique<RevokeAnswerer>(static_cast<RevokeAnswerer::Mode>(m_input.pick(3)));
-            client.connection.registerVirtualObject(QStringLiteral("/m"), client.answerer.get(),
-                                                    QDBusConnection::SubPath);
-            m_clients.push_back(std::move(client));
-        }
-    }
-
-    ~ManagerRun()
-    {
-        for (Client& client : m_clients) {
-            if (!client.gone)
-                vanish(client);
+            const auto answer = static_cast<FuzzClient::RevokeAnswer>(m_input.pick(3));
+            m_clients.push_back(std::make_unique<FuzzClient>(fuzzBus().address(), answer));
+            if (!m_clients.back()->isConnected())
+                broken(QStringLiteral("a client cannot connect to the fuzzer's bus"));
         }
     }
 
@@ -234,7 +177,7 @@ public:
     {
         int calls = 0;
         while (!m_input.exhausted() && calls < mostCalls) {
-            Client& client = m_clients[static_cast<size_t>(m_input.pick(static_cast<int>(m_clients.size())))];
+            FuzzClient& client = *m_clients[static_cast<size_t>(m_input.pick(static_cast<int>(m_clients.size())))];
             calls += step(client);
         }
     }
@@ -243,10 +186,7 @@ public:
     void settle(const PowerManagerService& service, const PowerHandler& handler)
     {
         waitFor([this]() { return everyLiveCallAnswered(); }, "a call of a live connection has no answer");
-        // One observer for the whole process: an observer opened in each run,
-        // right after the run's clients had closed their connections, crashed
-        // inside QtDBus 5.15 on its first call (in isServiceRegisteredByThread)
-        // once in a few thousand runs.
+        // One connection for the whole process, as QtDBus wants it.
         static QDBusConnection observer =
             QDBusConnection::connectToBus(fuzzBus().address(), QStringLiteral("observer"));
         // Once the bus says a vanished client has no owner, every call of
@@ -257,13 +197,15 @@ public:
         // is answered ahead of the observer's second call: when that one is
         // answered, the service knows every vanished client has gone, and
         // has queued the release of its claims.
-        for (const Client& client : m_clients) {
-            if (client.gone)
-                waitFor([&]() { return !observer.interface()->isServiceRegistered(client.uniqueName).value(); },
+        for (const auto& client : m_clients) {
+            if (client->gone())
+                waitFor([&]() { return !observer.interface()->isServiceRegistered(client->uniqueName()).value(); },
                         "a vanished connection still has its name");
         }
         for (int round = 0; round < 2; ++round) {
-            QDBusPendingCall barrier = observer.asyncCall(managerCall(QStringLiteral("ListNodes"), {}));
+            QDBusPendingCall barrier = observer.asyncCall(
+                QDBusMessage::createMethodCall(m_service, QLatin1String(PowerManagerService::objectPath),
+                                               QStringLiteral("org.vela.Power1.Manager"), QStringLiteral("ListNodes")));
             waitFor([&barrier]() { return barrier.isFinished(); }, "the observer's call has no answer");
         }
         waitFor([&]() { return service.waitingCalls() == 0 && handler.pendingRequests() == 0; },
@@ -275,22 +217,24 @@ public:
         for (quint64 number = 1; number <= callsHeld; ++number) {
             if (answersByCall.value(number) != 1)
                 fail(graph, QStringLiteral("request call %1 was answered %2 times")
-                           .arg(number)
-                           .arg(answersByCall.value(number)));
+                                .arg(number)
+                                .arg(answersByCall.value(number)));
         }
         QSet<QString> liveModules;
-        for (const Client& client : m_clients) {
-            if (client.gone)
+        for (const auto& client : m_clients) {
+            if (client->gone())
                 continue;
-            for (const SentCall& call : client.calls) {
-                if (!call.pending.isFinished())
-                    fail(graph, QStringLiteral("%1 of %2 has no answer").arg(call.method, client.uniqueName));
-                const QDBusMessage reply = call.pending.reply();
-                if (reply.type() == QDBusMessage::ErrorMessage && !documentedErrors.contains(reply.errorName()))
-                    fail(graph, QStringLiteral("%1 of %2 got the undocumented error %3: %4")
-                               .arg(call.method, client.uniqueName, reply.errorName(), reply.errorMessage()));
-                if (call.method == QLatin1String("RegisterModule") && reply.type() == QDBusMessage::ReplyMessage)
-                    liveModules.insert(call.module);
+            for (int index = 0; index < client->calls(); ++index) {
+                const FuzzClient::Answer answer = client->answer(index);
+                if (!answer.finished)
+                    fail(graph,
+                         QStringLiteral("%1 of %2 has no answer").arg(client->method(index), client->uniqueName()));
+                if (!answer.errorName.isEmpty() && !documentedErrors.contains(answer.errorName))
+                    fail(graph,
+                         QStringLiteral("%1 of %2 got the undocumented error %3: %4")
+                             .arg(client->method(index), client->uniqueName(), answer.errorName, answer.errorMessage));
+                if (client->method(index) == QLatin1String("RegisterModule") && answer.errorName.isEmpty())
+                    liveModules.insert(client->firstArgument(index));
             }
         }
         for (const QString& module : moduleNames) {
@@ -299,21 +243,13 @@ public:
             for (const GraphSpec::Resource& resource : graph.description().resources) {
                 if (graph.resource(resource.name)->moduleAction(module) != VelaPowerModuleActions::release)
                     fail(graph, QStringLiteral("module %1, whose connection vanished, still claims %2")
-                               .arg(module, resource.name));
+                                    .arg(module, resource.name));
             }
         }
     }
 
 private:
-    QDBusMessage managerCall(const QString& method, const QVariantList& arguments) const
-    {
-        QDBusMessage message = QDBusMessage::createMethodCall(m_service, QLatin1String(PowerManagerService::objectPath),
-                                                              QStringLiteral("org.vela.Power1.Manager"), method);
-        message.setArguments(arguments);
-        return message;
-    }
-
-    void send(Client& client, const QString& method, const QVariantList& arguments, const QString& module = QString())
+    void send(FuzzClient& client, const QString& method, const QVariantList& arguments)
     {
         QStringList shown;
         for (const QVariant& argument : arguments)
@@ -321,7 +257,7 @@ private:
                              ? QStringLiteral("{%1}").arg(describeMap(argument.toMap()))
                              : argument.toString().left(20));
         tell(client, QStringLiteral("%1(%2)").arg(method, shown.join(QStringLiteral(", "))));
-        client.calls.push_back(SentCall{method, module, client.connection.asyncCall(managerCall(method, arguments))});
+        client.call(m_service, method, arguments);
     }
 
     QString pickFrom(const QStringList& names) { return names.at(m_input.pick(names.size())); }
@@ -351,17 +287,15 @@ private:
     }
 
     // Makes one move of `client`; how many calls it made.
-    int step(Client& client)
+    int step(FuzzClient& client)
     {
         const int move = m_input.pick(10);
-        if (client.gone && move != 8)
+        if (client.gone() && move != 8)
             return 0;
         switch (move) {
-        case 0: {
-            const QString module = pickFrom(moduleNames);
-            send(client, QStringLiteral("RegisterModule"), {module, registrationOptions()}, module);
+        case 0:
+            send(client, QStringLiteral("RegisterModule"), {pickFrom(moduleNames), registrationOptions()});
             return 1;
-        }
         case 1:
             send(client, QStringLiteral("RequestTarget"), {pickFrom(targetNames)});
             return 1;
@@ -385,12 +319,13 @@ private:
             QCoreApplication::processEvents(QEventLoop::AllEvents);
             return 0;
         default:
-            vanish(client);
+            tell(client, QStringLiteral("vanishes; its answers so far: %1").arg(answersOf(client)));
+            client.vanish();
             return 0;
         }
     }
 
-    int sendWrongTypes(Client& client)
+    int sendWrongTypes(FuzzClient& client)
     {
         switch (m_input.pick(3)) {
         case 1:
@@ -407,7 +342,7 @@ private:
     }
 
     // More requests than one connection may have waiting.
-    int burst(Client& client)
+    int burst(FuzzClient& client)
     {
         const int count = PowerManagerService::mostQueuedPerConnection + 2;
         const QString action = pickFrom(actionNames);
@@ -416,24 +351,14 @@ private:
         return count;
     }
 
-    // Its calls and its object go before its connection, which they use.
-    void vanish(Client& client)
-    {
-        tell(client, QStringLiteral("vanishes; its answers so far: %1").arg(answersOf(client)));
-        client.gone = true;
-        client.calls.clear();
-        client.connection.unregisterObject(QStringLiteral("/m"));
-        client.connection = QDBusConnection(QString());
-        QDBusConnection::disconnectFromBus(client.connectionName);
-    }
-
     bool everyLiveCallAnswered() const
     {
-        for (const Client& client : m_clients) {
-            if (client.gone)
+        for (const auto& client : m_clients) {
+            if (client->gone())
                 continue;
-            for (const SentCall& call : client.calls) {
-                if (!call.pending.isFinished())
+            client->pump();
+            for (int index = 0; index < client->calls(); ++index) {
+                if (!client->answer(index).finished)
                     return false;
             }
         }
@@ -444,28 +369,27 @@ private:
     {
         QStringList entries;
         for (auto entry = map.constBegin(); entry != map.constEnd(); ++entry)
-            entry.value().toString().isEmpty() ? entries.append(entry.key())
-                                               : entries.append(entry.key() + QLatin1Char('=') +
-                                                                entry.value().toString().left(20));
+            entries.append(entry.key() + QLatin1Char('=') + entry.value().toString().left(20));
         return entries.join(QStringLiteral(", "));
     }
 
-    static QString answersOf(const Client& client)
+    static QString answersOf(const FuzzClient& client)
     {
         QStringList answers;
-        for (const SentCall& call : client.calls) {
-            if (!call.pending.isFinished())
+        for (int index = 0; index < client.calls(); ++index) {
+            const FuzzClient::Answer answer = client.answer(index);
+            if (!answer.finished)
                 answers.append(QStringLiteral("-"));
             else
-                answers.append(call.pending.isError() ? call.pending.error().name().section(QLatin1Char('.'), -1)
-                                                      : QStringLiteral("ok"));
+                answers.append(answer.errorName.isEmpty() ? QStringLiteral("ok")
+                                                          : answer.errorName.section(QLatin1Char('.'), -1));
         }
         return answers.join(QLatin1Char(' '));
     }
 
-    void tell(const Client& client, const QString& line)
+    void tell(const FuzzClient& client, const QString& line)
     {
-        m_story.append(QStringLiteral("%1 %2").arg(client.uniqueName, line));
+        m_story.append(QStringLiteral("%1 %2").arg(client.uniqueName(), line));
     }
 
     // What the run did, and the claims it left, before saying what broke.
@@ -473,9 +397,9 @@ private:
     {
         for (const QString& line : m_story)
             std::fprintf(stderr, "  %s\n", qPrintable(line));
-        for (const Client& client : m_clients)
-            std::fprintf(stderr, "  %s %s: %s\n", qPrintable(client.uniqueName), client.gone ? "gone" : "live",
-                         qPrintable(answersOf(client)));
+        for (const auto& client : m_clients)
+            std::fprintf(stderr, "  %s %s: %s\n", qPrintable(client->uniqueName()), client->gone() ? "gone" : "live",
+                         qPrintable(answersOf(*client)));
         for (const QString& module : moduleNames) {
             for (const GraphSpec::Resource& resource : graph.description().resources)
                 std::fprintf(stderr, "  %s on %s: %s\n", qPrintable(module), qPrintable(resource.name),
@@ -487,7 +411,7 @@ private:
 
     FuzzInput& m_input;
     QString m_service;
-    std::vector<Client> m_clients;
+    std::vector<std::unique_ptr<FuzzClient>> m_clients;
     QStringList m_story;
 };
 
@@ -529,7 +453,6 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static int runs = 0;
     static QDBusConnection serviceBus = QDBusConnection::connectToBus(fuzzBus().address(), QStringLiteral("service"));
     FuzzInput input(data, size);
     const GraphFile& file = graphFile();
@@ -545,7 +468,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         serviceBus.registerObject(QLatin1String(PowerManagerService::objectPath), &service,
                                   PowerManagerService::exported);
         {
-            ManagerRun run(input, serviceBus.baseService(), ++runs);
+            ManagerRun run(input, serviceBus.baseService());
             run.play();
             run.settle(service, handler);
             run.check(graph, service.callsHeld(), answersByCall);

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(g++ make cmake pkg-config qtbase5-dev liblog4cplus-dev libgtest-dev libgmock-dev libbenchmark-dev
   rapidjson-dev graphviz librsvg2-bin libxml2-utils clang libclang-rt-14-dev valgrind
-  clang-format doxygen dbus-daemon libglib2.0-bin util-linux systemd)
+  clang-format doxygen dbus-daemon libglib2.0-bin util-linux systemd libdbus-1-dev)
 missing=()
 for package in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
