@@ -33,6 +33,11 @@ const Verb verbs[] = {
     {"explain", "Explain a target switch, a resource request or a node's state, as the library decides it", verbExplain,
      nullptr},
     {"dot", "Draw a graph with Graphviz (DOT, SVG or PNG), optionally coloured by a run's snapshot", verbDot, nullptr},
+#ifdef VELA_POWER_CLIENT_COMMANDS
+    {"status", "Show a running vela-powerd's targets, nodes and claims", verbStatus, nullptr},
+    {"request", "Ask a running vela-powerd for a target or a resource, and print its answer", verbRequest, nullptr},
+    {"claim", "Hold or use resources of a running vela-powerd while a command runs", verbClaim, nullptr},
+#endif
 };
 
 QString help()

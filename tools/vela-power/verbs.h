@@ -9,6 +9,10 @@ int verbRun(const QStringList& arguments);
 int verbVerify(const QStringList& arguments);
 int verbExplain(const QStringList& arguments);
 int verbDot(const QStringList& arguments);
+// The commands that talk to a running vela-powerd, where Qt 5 DBus is found.
+int verbStatus(const QStringList& arguments);
+int verbRequest(const QStringList& arguments);
+int verbClaim(const QStringList& arguments);
 
 // Whether `run` with these arguments (starting with "run") follows the
 // simulated clock: unless the wall clock is asked for (--real-time) or
