@@ -35,6 +35,26 @@ done
 compgen -G "$root/usr/bin/vela-power*" >/dev/null || { echo "no host program in vela-power-tools" >&2; exit 1; }
 [ -f "$root/usr/share/vela-power/examples/handheld.json" ] || { echo "no example graph in vela-power-tools" >&2; exit 1; }
 
+# The service package: the program, its unit, its activation and policy
+# files, the interface and the manual page, and the graph it runs as a
+# conffile; its maintainer script makes the group that may switch targets.
+check_service_package() {
+  local deb files
+  deb=$(compgen -G "$debs/vela-powerd_*_$arch.deb") || { echo "no vela-powerd package for $arch" >&2; exit 1; }
+  files=$(dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '/$' | grep -v '^./usr/share/doc/' | sort)
+  local expected
+  expected=$(printf '%s\n' ./etc/vela-power/graph.json ./lib/systemd/system/vela-powerd.service \
+    ./usr/sbin/vela-powerd ./usr/share/dbus-1/interfaces/org.vela.Power1.Manager.xml \
+    ./usr/share/dbus-1/system-services/org.vela.Power1.service ./usr/share/dbus-1/system.d/org.vela.Power1.conf \
+    ./usr/share/man/man8/vela-powerd.8.gz | sort)
+  [ "$files" = "$expected" ] || { printf 'vela-powerd holds:\n%s\nexpected:\n%s\n' "$files" "$expected" >&2; exit 1; }
+  dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/vela-power/graph.json ||
+    { echo "vela-powerd: /etc/vela-power/graph.json is not a conffile" >&2; exit 1; }
+  dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./postinst | grep -q 'addgroup --system --quiet vela-power' ||
+    { echo "vela-powerd: its postinst does not make the group vela-power" >&2; exit 1; }
+}
+check_service_package
+
 run_service() {
   LD_LIBRARY_PATH=$libdir "$1" | grep -q '"isEnabled": true' || { echo "$1 did not enable its nodes" >&2; exit 1; }
 }
