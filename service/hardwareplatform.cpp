@@ -182,7 +182,7 @@ void HardwarePlatform::setProperty(const GraphSpec::Control& control, PlatformCa
 // the platform are only read and written on that thread).
 void HardwarePlatform::writeAttribute(const QString& directory, PlatformCall call, const CMReply<QVariant>& reply)
 {
-    const QString fileName = directory + QLatin1Char('/') + call.key;
+    const QString fileName = m_controlsRoot + directory + QLatin1Char('/') + call.key;
     const QByteArray text = call.value.toString().toUtf8();
     const std::shared_ptr<Desk> desk = m_desk;
     std::thread([desk, fileName, text, call, reply]() {

@@ -62,6 +62,9 @@ public:
     // platform that went away.
     ~HardwarePlatform();
     HardwarePlatform(const HardwarePlatform&) = delete;
+    // Writes sysfs attributes under `root` instead of / (a copy of a
+    // board's attribute files, for tests and bring-up); empty for /.
+    void setControlsRoot(const QString& root) { m_controlsRoot = root; }
     HardwarePlatform& operator=(const HardwarePlatform&) = delete;
 
 private:
@@ -80,6 +83,7 @@ private:
     };
 
     Listener m_listener;
+    QString m_controlsRoot;
     CallOwners m_owners;
     QSet<CMPath> m_paths;
     std::shared_ptr<Desk> m_desk;

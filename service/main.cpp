@@ -26,6 +26,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusError>
+#include <QDir>
 #include <QFileInfo>
 
 #include <iostream>
@@ -135,6 +136,11 @@ int main(int argc, char** argv)
         QStringLiteral("target-group"),
         QStringLiteral("The group whose members may request targets, besides root (default vela-power)."),
         QStringLiteral("group"), QLatin1String(PowerManagerService::defaultTargetGroup));
+    const QCommandLineOption rootOption(
+        QStringLiteral("controls-root"),
+        QStringLiteral("Write sysfs attributes under <dir> instead of / (a copy of a board's attribute files, for "
+                       "tests and bring-up)."),
+        QStringLiteral("dir"));
     const QCommandLineOption traceOption(
         QStringLiteral("trace"),
         QStringLiteral("When stopped, write what the service did as a Chrome trace-event file (opens in Perfetto)."),
@@ -144,8 +150,8 @@ int main(int argc, char** argv)
         QStringLiteral("When stopped, write what the service did as JSON lines (time in microseconds, kind, "
                        "subject, detail)."),
         QStringLiteral("file"));
-    line.parser().addOptions(
-        {busOption, startOption, forceOption, logOption, revokeOption, groupOption, traceOption, eventsOption});
+    line.parser().addOptions({busOption, startOption, forceOption, logOption, revokeOption, groupOption, rootOption,
+                              traceOption, eventsOption});
     line.parser().addPositionalArgument(QStringLiteral("GRAPH"), QStringLiteral("The graph file (JSON)."));
     int exitCode = 0;
     QString fileName;
@@ -173,6 +179,15 @@ int main(int argc, char** argv)
     QString problem;
     if (!HardwarePlatform::canServe(file, &problem))
         return fail(problem, 1);
+    QString controlsRoot;
+    if (line.parser().isSet(rootOption)) {
+        if (!QFileInfo(line.parser().value(rootOption)).isDir())
+            return fail(QStringLiteral("--controls-root: %1 is not a directory").arg(line.parser().value(rootOption)),
+                        2);
+        controlsRoot = QDir::cleanPath(QFileInfo(line.parser().value(rootOption)).absoluteFilePath());
+        if (controlsRoot == QLatin1String("/"))
+            controlsRoot.clear();
+    }
     const QString startTarget = line.parser().value(startOption);
     if (!startTarget.isEmpty() && !file.target(startTarget))
         return fail(QStringLiteral("--start-target: the graph has no target %1").arg(startTarget), 2);
@@ -198,6 +213,7 @@ int main(int argc, char** argv)
         if (recorder)
             recorder->platformCall(step, call);
     });
+    platform.setControlsRoot(controlsRoot);
     PowerGraph graph(file);
     PowerHandler handler;
     graph.registerWith(handler);

@@ -996,3 +996,67 @@ TEST_F(PowerdBusyWithASwitch, ClientProcessesThatCallAndDieAtOnceLeaveNoClaim)
 }
 
 } // namespace
+
+namespace {
+
+// The attribute files the board example writes, as a folder tree under a
+// scratch root, each holding its value at boot.
+const QList<QPair<QString, QByteArray>> boardAttributes{
+    {QStringLiteral("/sys/class/backlight/rpi_backlight/bl_power"), "4"},
+    {QStringLiteral("/sys/class/leds/ACT/brightness"), "0"},
+    {QStringLiteral("/sys/class/rfkill/rfkill0/soft"), "1"},
+    {QStringLiteral("/sys/class/rfkill/rfkill1/soft"), "1"},
+    {QStringLiteral("/sys/bus/usb/devices/usb1/power/control"), "auto"}};
+
+QStringList boardValues(const QString& root)
+{
+    QStringList values;
+    for (const auto& attribute : boardAttributes)
+        values.append(fileText(root + attribute.first));
+    return values;
+}
+
+TEST(PowerdOnABoard, ShippedBoardGraphSwitchesTheBoardsAttributesUnderTheControlsRoot)
+{
+    QTemporaryDir root;
+    ASSERT_TRUE(root.isValid());
+    for (const auto& attribute : boardAttributes) {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(root.path() + attribute.first).path()));
+        ASSERT_TRUE(writeFile(root.path() + attribute.first, attribute.second));
+    }
+    PrivateBus bus;
+    ASSERT_TRUE(bus.start());
+    QProcess board;
+    board.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    board.start(QStringLiteral(VELA_POWERD_PROGRAM),
+                {QStringLiteral("--bus"), bus.address(), QStringLiteral("--controls-root"), root.path(),
+                 QStringLiteral("--start-target"), QStringLiteral("active"), QStringLiteral(VELA_BOARD_GRAPH)});
+    ASSERT_TRUE(board.waitForStarted(callTimeoutMs));
+    ASSERT_TRUE(bus.waitForOwner(service, callTimeoutMs));
+
+    const QStringList active{QStringLiteral("0"), QStringLiteral("1"), QStringLiteral("0"), QStringLiteral("1"),
+                             QStringLiteral("on")};
+    EXPECT_TRUE(waitUntil([&]() { return boardValues(root.path()) == active; }, callTimeoutMs))
+        << boardValues(root.path()).join(QLatin1Char(' ')).toStdString();
+    QDBusConnection client = bus.connect(QStringLiteral("client"));
+    EXPECT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {QStringLiteral("idle")})), "no error");
+    EXPECT_EQ(boardValues(root.path()), (QStringList{QStringLiteral("4"), QStringLiteral("0"), QStringLiteral("0"),
+                                                     QStringLiteral("1"), QStringLiteral("auto")}));
+
+    board.terminate();
+    ASSERT_TRUE(board.waitForFinished(callTimeoutMs));
+    EXPECT_EQ(board.exitCode(), 0);
+}
+
+TEST(PowerdOnABoard, ControlsRootThatIsNoFolderIsInvalidInput)
+{
+    const ClientRun run =
+        runClient(QStringLiteral(VELA_POWERD_PROGRAM),
+                  {QStringLiteral("--bus"), QStringLiteral("session"), QStringLiteral("--controls-root"),
+                   QStringLiteral("/nonexistent/root"), QStringLiteral(VELA_BOARD_GRAPH)});
+
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.errors, QStringLiteral("vela-powerd: --controls-root: /nonexistent/root is not a directory"));
+}
+
+} // namespace
