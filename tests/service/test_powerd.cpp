@@ -231,10 +231,10 @@ protected:
     {"name": "door", "timeoutMs": 60000, "enable": {"path": "/hw/door", "key": "lock", "value": 1}},
     {"name": "lamp", "enable": {"path": "/hw/lamp", "key": "brightness", "value": 80},
                      "disable": {"path": "/hw/lamp", "key": "brightness", "value": 0}}],
+  "targets": [{"name": "dark", "disables": ["lamp"], "reachable": []}],
   "controls": {"/hw/door": {"sysfs": "%1"}, "/hw/lamp": {"log": true}}})")
                                          .arg(doorDirectory)
                                          .toUtf8()));
-        m_door.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_door.start(QStringLiteral(VELA_POWERD_PROGRAM), {QStringLiteral("--bus"), m_bus.address(), graph});
         ASSERT_TRUE(m_door.waitForStarted(30000));
         ASSERT_TRUE(m_bus.waitForOwner(service, 30000));
@@ -252,6 +252,13 @@ protected:
     // Takes the door's write, as a driver would.
     int openTheLock() const { return ::open(QFile::encodeName(m_lock).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
 
+    // What the service wrote to standard error so far.
+    QString serviceErrors()
+    {
+        m_errors += QString::fromUtf8(m_door.readAllStandardError());
+        return m_errors;
+    }
+
     // Whether the service ended with 0; it may have ended while the event
     // loop ran, which waitForFinished() no longer reports.
     bool endedWithZero()
@@ -263,6 +270,7 @@ protected:
 
     QString m_lock;
     QProcess m_door;
+    QString m_errors;
 };
 
 TEST_F(PowerdWithADoor, TerminateLetsTheRunningRequestFinishAndTellsTheQueuedCallersStopping)
@@ -409,6 +417,51 @@ void readerUsesTheLamp(QDBusConnection& reader, RevokeTaker* taker, const QVaria
     ASSERT_EQ(errorOf(callAndWait(reader, QStringLiteral("RequestResource"),
                                   {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
               "no error");
+}
+
+// The module's connection goes while a switch that takes its resource waits
+// in the queue: the switch's revoke message for it has nobody to go to, and
+// fails at once, without a call sent and without blaming anyone.
+TEST_F(PowerdWithADoor, RevokeMessageForAModuleWhoseConnectionWentFailsWithoutACall)
+{
+    QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
+    RevokeTaker taker(QString(), true);
+    readerUsesTheLamp(reader, &taker, QVariantMap{{QStringLiteral("revokePath"), QStringLiteral("/reader/revoke")}});
+    ASSERT_FALSE(HasFatalFailure());
+    const QString readerName = reader.baseService();
+    QDBusConnection keeper = m_bus.connect(QStringLiteral("keeper"));
+    ASSERT_EQ(errorOf(callAndWait(keeper, QStringLiteral("RegisterModule"), {QStringLiteral("keeper"), QVariantMap()})),
+              "no error");
+    const QDBusPendingCall door =
+        keeper.asyncCall(QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestResource"))
+                             << QStringLiteral("door") << QStringLiteral("use") << QVariantMap(),
+                         callTimeoutMs);
+    QDBusConnection switcher = m_bus.connect(QStringLiteral("switcher"));
+    const QDBusPendingCall dark =
+        switcher.asyncCall(QDBusMessage::createMethodCall(service, path, manager, QStringLiteral("RequestTarget"))
+                               << QStringLiteral("dark"),
+                           callTimeoutMs);
+    // Both are queued once the switcher's next call is answered.
+    ASSERT_EQ(errorOf(callAndWait(switcher, QStringLiteral("ListNodes"), {})), "no error");
+    reader.unregisterObject(QStringLiteral("/reader"));
+    reader = QDBusConnection(QString());
+    QDBusConnection::disconnectFromBus(QStringLiteral("reader"));
+    ASSERT_TRUE(m_bus.waitForNoOwner(readerName, callTimeoutMs));
+
+    const int lock = openTheLock();
+    ASSERT_GE(lock, 0);
+    ASSERT_TRUE(waitUntil([&dark]() { return dark.isFinished(); }, callTimeoutMs));
+    ::close(lock);
+
+    EXPECT_FALSE(door.isError()) << door.error().message().toStdString();
+    EXPECT_FALSE(dark.isError()) << dark.error().message().toStdString();
+    EXPECT_TRUE(taker.taken.isEmpty());
+    QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
+    EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, callTimeoutMs));
+    m_door.terminate();
+    EXPECT_TRUE(endedWithZero());
+    EXPECT_FALSE(serviceErrors().contains(QStringLiteral("did not take its revoke message")))
+        << serviceErrors().toStdString();
 }
 
 TEST_F(Powerd, RevokeMessagesGoToTheModuleBeforeAndAfterTheWriteThatTakesItsResource)
