@@ -7,6 +7,7 @@
 #include "graphfile.h"
 #include "graphverifier.h"
 #include "hardwareplatform.h"
+#include "monitorservice.h"
 #include "powergraph.h"
 #include "powermanagerservice.h"
 #include "requestdriver.h"
@@ -28,6 +29,7 @@
 #include <QDBusError>
 #include <QDir>
 #include <QFileInfo>
+#include <QPointer>
 
 #include <iostream>
 #include <memory>
@@ -202,30 +204,35 @@ int main(int argc, char** argv)
     }
 
     StopSignals stop;
-    // Recording what the service does, as vela-power run records a run:
-    // first made, last gone, since everything below reports to it.
+    // Recording what the service does, as vela-power run records a run, for
+    // the monitor interface and the files asked for: first made, last gone,
+    // since everything below reports to it. Without files it keeps only
+    // what is still open.
     const QString traceFile = line.parser().value(traceOption);
     const QString eventsFile = line.parser().value(eventsOption);
-    std::unique_ptr<RunRecorder> recorder;
-    if (!traceFile.isEmpty() || !eventsFile.isEmpty())
-        recorder = std::make_unique<RunRecorder>(file, RunRecorder::wallClock(), [](const RunEvent&) {});
-    HardwarePlatform platform(file, [&recorder](PlatformCall::Step step, const PlatformCall& call) {
-        if (recorder)
-            recorder->platformCall(step, call);
+    QPointer<MonitorService> monitor;
+    RunRecorder recorder(file, RunRecorder::wallClock(), [&monitor](const RunEvent& event) {
+        if (monitor)
+            monitor->publish(event);
     });
+    if (traceFile.isEmpty() && eventsFile.isEmpty())
+        recorder.keepOnlyWhatIsOpen();
+    HardwarePlatform platform(
+        file, [&recorder](PlatformCall::Step step, const PlatformCall& call) { recorder.platformCall(step, call); });
     platform.setControlsRoot(controlsRoot);
     PowerGraph graph(file);
     PowerHandler handler;
     graph.registerWith(handler);
-    if (recorder)
-        recorder->watchStates(graph);
+    recorder.watchStates(graph);
     const QString targetGroup = line.parser().value(groupOption);
     PowerManagerService service(handler, graph, bus, targetGroup);
     if (!service.targetGroupExists())
         std::cerr << program << ": the group " << targetGroup.toStdString()
                   << " does not exist: only root may request targets" << std::endl;
     service.setRevokeTimeout(revokeTimeoutMs);
-    service.setRecorder(recorder.get());
+    service.setRecorder(&recorder);
+    MonitorService monitorService(bus);
+    monitor = &monitorService;
     // The running request finishes (within its own time-outs); the callers
     // queued behind it and every new call get Stopping.
     QObject::connect(&stop, &StopSignals::stopRequested, &service,
@@ -233,6 +240,10 @@ int main(int argc, char** argv)
     if (!bus.registerObject(QLatin1String(PowerManagerService::objectPath), &service, PowerManagerService::exported))
         return fail(QStringLiteral("cannot export %1: %2")
                         .arg(QLatin1String(PowerManagerService::objectPath), bus.lastError().message()),
+                    1);
+    if (!bus.registerObject(QLatin1String(MonitorService::objectPath), &monitorService, MonitorService::exported))
+        return fail(QStringLiteral("cannot export %1: %2")
+                        .arg(QLatin1String(MonitorService::objectPath), bus.lastError().message()),
                     1);
     if (!bus.registerService(QLatin1String(PowerManagerService::busName)))
         return fail(QStringLiteral("cannot own the name %1: %2")
@@ -244,7 +255,8 @@ int main(int argc, char** argv)
         RequestDriver::sendTo(handler, graph, request);
     }
     QCoreApplication::exec();
-    if (recorder && !writeRecord(*recorder, traceFile, eventsFile, QFileInfo(fileName).fileName()))
+    if ((!traceFile.isEmpty() || !eventsFile.isEmpty()) &&
+        !writeRecord(recorder, traceFile, eventsFile, QFileInfo(fileName).fileName()))
         return 1;
     bus.unregisterService(QLatin1String(PowerManagerService::busName));
     return 0;

@@ -15,6 +15,8 @@ class EventsWriter
 {
 public:
     static QByteArray write(const RunRecorder& recorder);
+    // One event's line, without its end of line.
+    static QByteArray line(const RunEvent& event);
 };
 
 #endif

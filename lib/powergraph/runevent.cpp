@@ -21,3 +21,14 @@ QString RunEvent::kindName(Kind kind)
 {
     return QString::fromLatin1(kindText(kind));
 }
+
+bool RunEvent::kindOfName(const QString& name, Kind* kind)
+{
+    for (int index = 0; index <= static_cast<int>(Kind::Snapshot); ++index) {
+        if (name == QLatin1String(kindNames[index])) {
+            *kind = static_cast<Kind>(index);
+            return true;
+        }
+    }
+    return false;
+}

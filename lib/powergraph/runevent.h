@@ -43,6 +43,8 @@ struct RunEvent {
     // events file give the kind.
     static QString kindName(Kind kind);
     static const char* kindText(Kind kind);
+    // The kind of a name kindName() gives; false for any other text.
+    static bool kindOfName(const QString& name, Kind* kind);
 };
 // Moved, not copied, when a vector of events grows.
 Q_DECLARE_TYPEINFO(RunEvent, Q_MOVABLE_TYPE);

@@ -70,7 +70,7 @@ qint64 RunRecorder::nowUs() const
 const RunRecorder::Span* RunRecorder::requestSpan(int number) const
 {
     const auto found = m_requestSpans.constFind(number);
-    return found == m_requestSpans.constEnd() ? nullptr : &m_spans.at(found.value() - 1);
+    return found == m_requestSpans.constEnd() ? nullptr : &m_spans.at(found.value() - 1 - m_spanBase);
 }
 
 void RunRecorder::add(Event::Kind kind, const QString& subject, const QString& detail)
@@ -85,7 +85,8 @@ void RunRecorder::requestSent(int number, const QString& description)
     const int index = record(Event::Kind::Request, subject, description);
     const int span = beginSpan(Span::Request, requestTrack, subject + ' ' + description, QString(), index);
     m_requestSpans.insert(number, span);
-    m_events[index].beginsSpan = span;
+    ++m_requestsSent;
+    eventAt(index).beginsSpan = span;
     publish();
 }
 
@@ -95,7 +96,7 @@ void RunRecorder::requestAnswered(int number, const QString& answer, bool failed
     const int span = m_requestSpans.value(number);
     ++m_requestsAnswered;
     if (span != 0) {
-        m_spans[span - 1].failed = failed;
+        spanAt(span).failed = failed;
         endSpan(span, answer, index);
     }
     publish();
@@ -225,7 +226,7 @@ void RunRecorder::stateChanged(const QString& node, const QString& state)
         const QString way =
             state == QLatin1String("enabled") ? QStringLiteral("enabling") : QStringLiteral("disabling");
         open = beginSpan(Span::Transition, node, way, QString(), index);
-        m_events[index].beginsSpan = open;
+        eventAt(index).beginsSpan = open;
     }
     endSpan(open, state, index);
 }
@@ -295,7 +296,7 @@ void RunRecorder::openTransitions()
             m_awaitingLock.append(track);
     }
     std::sort(found.begin(), found.end());
-    const int latest = m_events.size() - 1;
+    const int latest = m_eventBase + m_events.size() - 1;
     for (int track : qAsConst(found)) {
         const QString& name = m_tracks.at(track).name;
         const VelaPowerNodeStates::Enum state = m_nodes.at(track)->state();
@@ -317,9 +318,9 @@ void RunRecorder::actionFailed(const LibraryRecord& failure, int eventIndex)
         const GraphSpec::Resource& resource = m_graph.resources.at(track - 1);
         const GraphSpec::Write& write = failure.action == QLatin1String("enable") ? resource.enable : resource.disable;
         span = beginSpan(Span::Write, failure.node, write.key + " = " + write.value.toString(), write.path, eventIndex);
-        m_events[eventIndex].beginsSpan = span;
+        eventAt(eventIndex).beginsSpan = span;
     }
-    Span& failed = m_spans[span - 1];
+    Span& failed = spanAt(span);
     failed.failed = true;
     failed.timedOut = failure.error == CMVoidReply::ErrorTimeout();
     endSpan(span, failure.error, eventIndex);
@@ -333,7 +334,7 @@ void RunRecorder::callArrived(const PlatformCall& call)
         const int index = record(Event::Kind::Write, call.path, text);
         const QString node = call.resource.isEmpty() ? call.path : call.resource;
         const int span = beginSpan(Span::Write, node, text, call.path, index);
-        m_events[index].beginsSpan = span;
+        eventAt(index).beginsSpan = span;
         if (call.answeredAtOnce)
             endSpan(span, QStringLiteral("done"), index);
         else
@@ -343,7 +344,7 @@ void RunRecorder::callArrived(const PlatformCall& call)
     const int index = record(Event::Kind::Message, call.path, call.text());
     const int span =
         beginSpan(Span::Message, call.module.isEmpty() ? call.path : call.module, call.messageName(), call.path, index);
-    m_events[index].beginsSpan = span;
+    eventAt(index).beginsSpan = span;
     if (call.answeredAtOnce)
         endSpan(span, QStringLiteral("done"), index);
     else
@@ -377,7 +378,7 @@ void RunRecorder::callAnswered(PlatformCall::Step step, const PlatformCall& call
     }
     if (span == 0)
         return;
-    m_spans[span - 1].failed = failed;
+    spanAt(span).failed = failed;
     endSpan(span, failed ? call.error : QStringLiteral("done"), index);
 }
 
@@ -389,7 +390,7 @@ int RunRecorder::record(Event::Kind kind, const QString& subject, const QString&
     event.subject = subject;
     event.detail = detail;
     m_events.append(event);
-    return m_events.size() - 1;
+    return m_eventBase + m_events.size() - 1;
 }
 
 // Hands the events recorded since the last call to the listener, once the
@@ -399,6 +400,31 @@ void RunRecorder::publish()
     openTransitions();
     while (m_published < m_events.size())
         m_listener(m_events.at(m_published++));
+    if (!m_keepsHistory)
+        letGoOfWhatIsDone();
+}
+
+// Published events are not looked at again, nor are spans that have ended:
+// they go, the oldest first (up to the oldest span still open, in batches,
+// so that each costs little), and the numbering goes on.
+void RunRecorder::letGoOfWhatIsDone()
+{
+    m_eventBase += m_published;
+    m_events.remove(0, m_published);
+    m_published = 0;
+    int ended = 0;
+    while (ended < m_spans.size() && !m_spans.at(ended).isOpen())
+        ++ended;
+    if (ended == 0 || ended * 2 < m_spans.size())
+        return;
+    m_spanBase += ended;
+    m_spans.remove(0, ended);
+    for (auto request = m_requestSpans.begin(); request != m_requestSpans.end();) {
+        if (request.value() <= m_spanBase)
+            request = m_requestSpans.erase(request);
+        else
+            ++request;
+    }
 }
 
 // Spans begin and end at the time of the event that causes them, so that
@@ -407,21 +433,21 @@ int RunRecorder::beginSpan(Span::Kind kind, const QString& track, const QString&
                            int eventIndex)
 {
     Span span;
-    span.id = m_spans.size() + 1;
+    span.id = m_spanBase + m_spans.size() + 1;
     span.kind = kind;
     span.track = track;
     span.name = name;
     span.path = path;
-    span.beginUs = m_events.at(eventIndex).timeUs;
+    span.beginUs = eventAt(eventIndex).timeUs;
     m_spans.append(span);
     return span.id;
 }
 
 void RunRecorder::endSpan(int id, const QString& outcome, int eventIndex)
 {
-    Span& span = m_spans[id - 1];
-    span.endUs = m_events.at(eventIndex).timeUs;
+    Span& span = spanAt(id);
+    span.endUs = eventAt(eventIndex).timeUs;
     span.endEvent = eventIndex;
     span.outcome = outcome;
-    m_events[eventIndex].endsSpan = id;
+    eventAt(eventIndex).endsSpan = id;
 }

@@ -103,6 +103,11 @@ public:
     void platformCall(PlatformCall::Step step, const PlatformCall& call);
     // Ends the spans still open now, as never answered.
     void finish();
+    // Keeps only what is still open: events once the listener has them, and
+    // spans once they and every older span have ended. For a recorder that
+    // lives as long as a service and only feeds its listener; events() and
+    // spans() then hold only what is still to come or still open.
+    void keepOnlyWhatIsOpen() { m_keepsHistory = false; }
 
     qint64 nowUs() const;
     const QVector<Event>& events() const { return m_events; }
@@ -110,7 +115,7 @@ public:
     // The request queue, then every node (resources, targets) and every
     // module in the graph's order.
     const QVector<Track>& tracks() const { return m_tracks; }
-    int requestsSent() const { return m_requestSpans.size(); }
+    int requestsSent() const { return m_requestsSent; }
     int requestsAnswered() const { return m_requestsAnswered; }
     // The request span of request `number`; null if it was never sent.
     const Span* requestSpan(int number) const;
@@ -124,6 +129,9 @@ private:
     void callArrived(const PlatformCall& call);
     void callAnswered(PlatformCall::Step step, const PlatformCall& call);
     int record(Event::Kind kind, const QString& subject, const QString& detail);
+    Event& eventAt(int index) { return m_events[index - m_eventBase]; }
+    Span& spanAt(int id) { return m_spans[id - 1 - m_spanBase]; }
+    void letGoOfWhatIsDone();
     void publish();
     int beginSpan(Span::Kind kind, const QString& track, const QString& name, const QString& path, int eventIndex);
     void endSpan(int id, const QString& outcome, int eventIndex);
@@ -134,9 +142,15 @@ private:
     const GraphSpec& m_graph;
     Clock m_clock;
     Listener m_listener;
+    // What was let go comes before these: an event's index and a span's id
+    // go on from there.
     QVector<Event> m_events;
+    int m_eventBase = 0;
     int m_published = 0;
     QVector<Span> m_spans;
+    int m_spanBase = 0;
+    int m_requestsSent = 0;
+    bool m_keepsHistory = true;
     QVector<Track> m_tracks;
     // Open spans: a node's transition and write, by node; a path's messages
     // in arrival order; a request's span by its number.

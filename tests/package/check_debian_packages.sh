@@ -45,6 +45,7 @@ check_service_package() {
   local expected
   expected=$(printf '%s\n' ./etc/vela-power/graph.json ./lib/systemd/system/vela-powerd.service \
     ./usr/sbin/vela-powerd ./usr/share/dbus-1/interfaces/org.vela.Power1.Manager.xml \
+    ./usr/share/dbus-1/interfaces/org.vela.Power1.Monitor.xml \
     ./usr/share/dbus-1/system-services/org.vela.Power1.service ./usr/share/dbus-1/system.d/org.vela.Power1.conf \
     ./usr/share/man/man8/vela-powerd.8.gz | sort)
   [ "$files" = "$expected" ] || { printf 'vela-powerd holds:\n%s\nexpected:\n%s\n' "$files" "$expected" >&2; exit 1; }

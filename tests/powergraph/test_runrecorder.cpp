@@ -528,6 +528,67 @@ TEST(RunRecorderRequests, FailedAnswerMarksTheRequestSpanFailed)
     EXPECT_EQ(str(span->outcome), "failed: Cannot add request for requested resource");
 }
 
+// --- Keeping only what is open (a service's recorder) ------------------------------
+
+namespace {
+
+QStringList eventTexts(const QVector<RunEvent>& events)
+{
+    QStringList texts;
+    for (const RunEvent& event : events)
+        texts.append(QStringLiteral("%1 %2 %3 %4 begins %5 ends %6")
+                         .arg(event.timeUs)
+                         .arg(RunEvent::kindName(event.kind), event.subject, event.detail)
+                         .arg(event.beginsSpan)
+                         .arg(event.endsSpan));
+    return texts;
+}
+
+// The keeper uses the lamp and releases it, each write answered later by
+// the test; what the listener heard.
+QStringList useAndRelease(bool keepOnlyWhatIsOpen, QStringList* keptAfterEach)
+{
+    RecordedGraph run(graphOf({resourceEntry("lamp")}), RecordedGraph::Answer::Later);
+    if (!run.valid())
+        return {};
+    if (keepOnlyWhatIsOpen)
+        run.recorder().keepOnlyWhatIsOpen();
+    int number = 0;
+    for (VelaPowerModuleActions::Enum action : {VelaPowerModuleActions::use, VelaPowerModuleActions::release}) {
+        run.sendAt(10 * ++number, QStringLiteral("lamp"), QStringLiteral("keeper"), action);
+        if (!run.holding(1))
+            return {};
+        keptAfterEach->append(QStringLiteral("open: %1 events").arg(run.recorder().events().size()));
+        run.nowUs += 5;
+        run.answer(0);
+        if (!run.answered(number))
+            return {};
+        keptAfterEach->append(QStringLiteral("answered: %1 events, %2 spans, %3 sent")
+                                  .arg(run.recorder().events().size())
+                                  .arg(run.recorder().spans().size())
+                                  .arg(run.recorder().requestsSent()));
+    }
+    return eventTexts(run.heard());
+}
+
+} // namespace
+
+TEST(RunRecorderKeepingOnlyWhatIsOpen, LetsGoOfWhatIsPublishedAndEndedAndTellsTheListenerTheSame)
+{
+    QStringList keeping;
+    const QStringList heardByKeeping = useAndRelease(false, &keeping);
+    QStringList streaming;
+    const QStringList heardByStreaming = useAndRelease(true, &streaming);
+
+    ASSERT_FALSE(heardByKeeping.isEmpty());
+    EXPECT_EQ(heardByStreaming, heardByKeeping) << "the same events, spans numbered on";
+    ASSERT_EQ(streaming.size(), 4);
+    EXPECT_EQ(streaming.at(0), QStringLiteral("open: 0 events")) << "published events go at once";
+    EXPECT_EQ(streaming.at(1), QStringLiteral("answered: 0 events, 0 spans, 1 sent"));
+    EXPECT_EQ(streaming.at(3), QStringLiteral("answered: 0 events, 0 spans, 2 sent"));
+    EXPECT_NE(keeping.at(3), QStringLiteral("answered: 0 events, 0 spans, 2 sent")) << "a run keeps all";
+}
+
 // --- Writes -----------------------------------------------------------------------
 
 TEST(RunRecorderWrites, WriteAnsweredAtOnceEndsItsSpanAtOnceAsDone)

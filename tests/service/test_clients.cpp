@@ -3,6 +3,7 @@
 
 #include "powerdtest.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -176,6 +177,80 @@ TEST_F(Clients, ClaimKilledWithSigkillLeavesNoClaim)
 
     EXPECT_TRUE(waitUntil([&observer]() { return lampUnclaimed(observer); }, callTimeoutMs));
     ::kill(static_cast<pid_t>(fileText(pidFile).trimmed().toLongLong()), SIGKILL);
+}
+
+// A service that also writes its events file: what the monitor hears is
+// what the service recorded.
+class ClientsOfARecordingService : public Clients
+{
+protected:
+    QStringList serviceOptions() const override
+    {
+        return {QStringLiteral("--events"), m_folder.filePath(QStringLiteral("events.jsonl"))};
+    }
+};
+
+QStringList linesOf(const QString& text)
+{
+    return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+// The (kind, subject, detail) of each JSON line, without the time.
+QStringList withoutTimes(const QStringList& lines)
+{
+    QStringList events;
+    for (const QString& line : lines) {
+        const QJsonObject event = QJsonDocument::fromJson(line.toUtf8()).object();
+        events.append(QStringLiteral("%1 %2 %3")
+                          .arg(event.value(QStringLiteral("kind")).toString(),
+                               event.value(QStringLiteral("subject")).toString(),
+                               event.value(QStringLiteral("detail")).toString()));
+    }
+    return events;
+}
+
+TEST_F(ClientsOfARecordingService, MonitorHearsATargetSwitchAsTheServiceRecordsItAndAsRunPrintsIt)
+{
+    QProcess monitor;
+    monitor.start(QStringLiteral(VELA_POWER_PROGRAM),
+                  onTheBus({QStringLiteral("monitor"), QStringLiteral("--format"), QStringLiteral("json")}));
+    monitor.setReadChannel(QProcess::StandardError);
+    ASSERT_TRUE(waitUntil([&monitor]() { return monitor.canReadLine() || monitor.state() == QProcess::NotRunning; },
+                          callTimeoutMs));
+    ASSERT_TRUE(QString::fromUtf8(monitor.readLine()).startsWith(QStringLiteral("vela-power monitor: watching")));
+    monitor.setReadChannel(QProcess::StandardOutput);
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    ASSERT_EQ(errorOf(call(client, QStringLiteral("RequestTarget"), {QStringLiteral("on")})), "no error");
+    ASSERT_TRUE(waitUntil(
+        [&monitor]() {
+            return QString::fromUtf8(monitor.peek(1 << 20)).contains(QStringLiteral("\"kind\":\"answer\""));
+        },
+        callTimeoutMs));
+
+    m_service.terminate();
+    ASSERT_TRUE(m_service.waitForFinished(callTimeoutMs));
+    ASSERT_TRUE(monitor.state() == QProcess::NotRunning || monitor.waitForFinished(callTimeoutMs));
+    const QStringList heard = linesOf(QString::fromUtf8(monitor.readAllStandardOutput()));
+    const QStringList recorded = linesOf(fileText(m_folder.filePath(QStringLiteral("events.jsonl"))));
+
+    EXPECT_EQ(monitor.exitCode(), 1) << "the service left";
+    EXPECT_EQ(heard, recorded);
+    // vela-power run of the same graph and request, on a platform that
+    // answers as the service's did (the lamp's attribute file a moment
+    // later, the fan's log control at once), records the same events in
+    // the same order.
+    const QString scenario = m_folder.filePath(QStringLiteral("switch.json"));
+    QJsonObject graph =
+        QJsonDocument::fromJson(fileText(m_folder.filePath(QStringLiteral("device.json"))).toUtf8()).object();
+    graph.insert(QStringLiteral("requests"), QJsonArray{QJsonObject{{QStringLiteral("target"), QStringLiteral("on")}}});
+    graph.insert(QStringLiteral("platform"),
+                 QJsonObject{{QStringLiteral("/hw/lamp"), QJsonObject{{QStringLiteral("delayMs"), 1}}}});
+    ASSERT_TRUE(writeFile(scenario, QJsonDocument(graph).toJson()));
+    const QString runEvents = m_folder.filePath(QStringLiteral("run.jsonl"));
+    const ClientRun run = velaPower({QStringLiteral("run"), scenario, QStringLiteral("--events"), runEvents});
+    ASSERT_EQ(run.exitCode, 0) << run.errors.toStdString();
+    EXPECT_EQ(withoutTimes(heard).join(QLatin1Char('\n')).toStdString(),
+              withoutTimes(linesOf(fileText(runEvents))).join(QLatin1Char('\n')).toStdString());
 }
 
 TEST_F(Clients, ServiceThatIsNotRunningIsOneLineNamingTheBus)

@@ -21,6 +21,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QXmlStreamReader>
 
 #include <gtest/gtest.h>
 
@@ -808,6 +809,51 @@ TEST_F(PowerdUnderTheShippedPolicy, SomeoneOutsideTheGroupIsRefusedTargetsByTheB
     EXPECT_EQ(property(root, QStringLiteral("CurrentTarget")), QStringLiteral("on")) << "nobody switched it";
 }
 
+// `vela-power monitor` as root, or as nobody with no groups; its first line
+// on standard error (says it watches, or why it cannot).
+QString startMonitor(QProcess* monitor, const QString& address, bool asNobody)
+{
+    QStringList command;
+    if (asNobody)
+        command << QStringLiteral("setpriv") << QStringLiteral("--reuid=nobody") << QStringLiteral("--regid=nogroup")
+                << QStringLiteral("--clear-groups");
+    command << QStringLiteral(VELA_POWER_PROGRAM) << QStringLiteral("monitor") << QStringLiteral("--bus") << address
+            << QStringLiteral("--format") << QStringLiteral("json");
+    const QString program = command.takeFirst();
+    monitor->start(program, command);
+    monitor->setReadChannel(QProcess::StandardError);
+    waitUntil([monitor]() { return monitor->canReadLine() || monitor->state() == QProcess::NotRunning; },
+              callTimeoutMs);
+    const QString line = QString::fromUtf8(monitor->readLine()).trimmed();
+    monitor->setReadChannel(QProcess::StandardOutput);
+    return line;
+}
+
+TEST_F(PowerdUnderTheShippedPolicy, OnlyRootAndTheGroupMayWatchTheServicesEvents)
+{
+    SKIP_UNLESS_ROOT();
+    QProcess byRoot;
+    QProcess byNobody;
+    ASSERT_TRUE(
+        startMonitor(&byRoot, m_bus.address(), false).startsWith(QStringLiteral("vela-power monitor: watching")));
+    const QString refusal = startMonitor(&byNobody, m_bus.address(), true);
+    QDBusConnection root = m_bus.connect(QStringLiteral("root"));
+
+    ASSERT_EQ(errorOf(callAndWait(root, QStringLiteral("RequestTarget"), {QStringLiteral("on")})), "no error");
+    ASSERT_TRUE(waitUntil([&byRoot]() { return byRoot.peek(1 << 20).contains("\"kind\":\"answer\""); }, callTimeoutMs));
+    byRoot.terminate();
+    ASSERT_TRUE(byRoot.state() == QProcess::NotRunning || byRoot.waitForFinished(callTimeoutMs));
+    ASSERT_TRUE(byNobody.state() == QProcess::NotRunning || byNobody.waitForFinished(callTimeoutMs));
+
+    EXPECT_TRUE(byRoot.readAllStandardOutput().contains("\"subject\":\"#1\""));
+    EXPECT_EQ(byRoot.exitCode(), 0);
+    EXPECT_TRUE(refusal.startsWith(QStringLiteral("vela-power monitor: ")) &&
+                refusal.endsWith(QStringLiteral("(org.freedesktop.DBus.Error.AccessDenied)")))
+        << refusal.toStdString();
+    EXPECT_EQ(byNobody.exitCode(), 1);
+    EXPECT_EQ(byNobody.readAllStandardOutput(), QByteArray());
+}
+
 // The policy lets the service call its modules back: root's revoke messages
 // are method calls to other connections, which the system bus denies unless
 // a policy allows them.
@@ -1110,6 +1156,89 @@ TEST(PowerdOnABoard, ControlsRootThatIsNoFolderIsInvalidInput)
 
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_EQ(run.errors, QStringLiteral("vela-powerd: --controls-root: /nonexistent/root is not a directory"));
+}
+
+} // namespace
+
+namespace {
+
+// The members of `interface` in introspection XML, each with its arguments
+// ("method GetNodeInfo(node s in, a{sv} out)"), sorted.
+QStringList membersOf(const QString& xml, const QString& interface)
+{
+    QStringList members;
+    QXmlStreamReader reader(xml);
+    bool inside = false;
+    QString member;
+    QStringList arguments;
+    QStringList results;
+    while (!reader.atEnd()) {
+        reader.readNext();
+        const QString element = reader.name().toString();
+        const QXmlStreamAttributes attributes = reader.attributes();
+        if (reader.isStartElement() && element == QLatin1String("interface"))
+            inside = attributes.value(QLatin1String("name")) == interface;
+        if (!inside)
+            continue;
+        if (reader.isStartElement() && (element == QLatin1String("method") || element == QLatin1String("signal") ||
+                                        element == QLatin1String("property"))) {
+            member = element + QLatin1Char(' ') + attributes.value(QLatin1String("name")).toString();
+            if (element == QLatin1String("property"))
+                member += QLatin1Char(' ') + attributes.value(QLatin1String("type")).toString() + QLatin1Char(' ') +
+                          attributes.value(QLatin1String("access")).toString();
+            arguments.clear();
+            results.clear();
+        } else if (reader.isStartElement() && element == QLatin1String("arg")) {
+            // A signal's arguments all go out, whether the file says so or
+            // not; a method's results are told by type alone (Qt names none),
+            // after its arguments.
+            const QString type = attributes.value(QLatin1String("type")).toString();
+            if (member.startsWith(QLatin1String("signal")))
+                arguments.append(attributes.value(QLatin1String("name")).toString() + QLatin1Char(' ') + type);
+            else if (attributes.value(QLatin1String("direction")) == QLatin1String("out"))
+                results.append(type + QStringLiteral(" out"));
+            else
+                arguments.append(attributes.value(QLatin1String("name")).toString() + QLatin1Char(' ') + type +
+                                 QStringLiteral(" in"));
+        } else if (reader.isEndElement() && (element == QLatin1String("method") || element == QLatin1String("signal") ||
+                                             element == QLatin1String("property"))) {
+            members.append(member + QLatin1Char('(') + (arguments + results).join(QStringLiteral(", ")) +
+                           QLatin1Char(')'));
+        } else if (reader.isEndElement() && element == QLatin1String("interface")) {
+            inside = false;
+        }
+    }
+    members.sort();
+    return members;
+}
+
+QString introspect(QDBusConnection& connection, const QString& objectPath)
+{
+    const QDBusMessage reply = connection.call(
+        QDBusMessage::createMethodCall(service, objectPath, QStringLiteral("org.freedesktop.DBus.Introspectable"),
+                                       QStringLiteral("Introspect")),
+        QDBus::Block, callTimeoutMs);
+    return reply.arguments().value(0).toString();
+}
+
+// The interfaces' XML files are the reference users read: the running
+// service must offer exactly what they say.
+TEST_F(Powerd, InterfaceReferencesAreWhatTheServiceOffers)
+{
+    QDBusConnection client = m_bus.connect(QStringLiteral("client"));
+    const QString manager = introspect(client, path);
+    const QString monitor = introspect(client, QStringLiteral("/org/vela/Power1/Monitor"));
+    const QString managerReference = fileText(QStringLiteral(VELA_SOURCE_DIR "/service/org.vela.Power1.Manager.xml"));
+    const QString monitorReference = fileText(QStringLiteral(VELA_SOURCE_DIR "/service/org.vela.Power1.Monitor.xml"));
+
+    EXPECT_EQ(
+        membersOf(manager, QStringLiteral("org.vela.Power1.Manager")).join(QLatin1Char('\n')).toStdString(),
+        membersOf(managerReference, QStringLiteral("org.vela.Power1.Manager")).join(QLatin1Char('\n')).toStdString());
+    EXPECT_EQ(
+        membersOf(monitor, QStringLiteral("org.vela.Power1.Monitor")).join(QLatin1Char('\n')).toStdString(),
+        membersOf(monitorReference, QStringLiteral("org.vela.Power1.Monitor")).join(QLatin1Char('\n')).toStdString());
+    EXPECT_GE(membersOf(managerReference, QStringLiteral("org.vela.Power1.Manager")).size(), 9);
+    EXPECT_EQ(membersOf(monitorReference, QStringLiteral("org.vela.Power1.Monitor")).size(), 3);
 }
 
 } // namespace

@@ -119,7 +119,7 @@ TEST(CommandLine, ManualPageDescribesEveryCommandOptionAndExitCode)
     for (auto it = commandLine.globalMatch(commandsPart); it.hasNext();)
         commands << it.next().captured(1);
 #ifdef VELA_POWER_CLIENT_COMMANDS
-    EXPECT_EQ(commands, (QStringList{"run", "verify", "explain", "dot", "status", "request", "claim"}));
+    EXPECT_EQ(commands, (QStringList{"run", "verify", "explain", "dot", "status", "request", "claim", "monitor"}));
 #else
     EXPECT_EQ(commands, (QStringList{"run", "verify", "explain", "dot"}));
 #endif

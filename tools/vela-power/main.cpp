@@ -37,6 +37,7 @@ const Verb verbs[] = {
     {"status", "Show a running vela-powerd's targets, nodes and claims", verbStatus, nullptr},
     {"request", "Ask a running vela-powerd for a target or a resource, and print its answer", verbRequest, nullptr},
     {"claim", "Hold or use resources of a running vela-powerd while a command runs", verbClaim, nullptr},
+    {"monitor", "Show a running vela-powerd's events as they happen", verbMonitor, nullptr},
 #endif
 };
 

@@ -13,6 +13,7 @@ int verbDot(const QStringList& arguments);
 int verbStatus(const QStringList& arguments);
 int verbRequest(const QStringList& arguments);
 int verbClaim(const QStringList& arguments);
+int verbMonitor(const QStringList& arguments);
 
 // Whether `run` with these arguments (starting with "run") follows the
 // simulated clock: unless the wall clock is asked for (--real-time) or
