@@ -80,6 +80,19 @@ inline std::string errorOf(const QDBusMessage& reply)
     return reply.type() == QDBusMessage::ErrorMessage ? reply.errorName().toStdString() : "no error";
 }
 
+// `connection` registers `module` and uses the lamp, waiting for each answer.
+inline ::testing::AssertionResult registersAndUsesTheLamp(QDBusConnection& connection, const QString& module)
+{
+    const std::string registered = errorOf(call(connection, QStringLiteral("RegisterModule"), {module, QVariantMap()}));
+    if (registered != "no error")
+        return ::testing::AssertionFailure() << "RegisterModule: " << registered;
+    const std::string used = errorOf(call(connection, QStringLiteral("RequestResource"),
+                                          {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()}));
+    if (used != "no error")
+        return ::testing::AssertionFailure() << "RequestResource: " << used;
+    return ::testing::AssertionSuccess();
+}
+
 // What a gdbus client got: its exit code and its output.
 struct ClientRun {
     int exitCode = -1;

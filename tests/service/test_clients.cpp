@@ -67,11 +67,7 @@ TEST_F(Clients, StatusShowsWhatListNodesSaysAndTheTargets)
 TEST_F(Clients, StatusTextMarksTheEnabledNodesAndTheirClaims)
 {
     QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
-    ASSERT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
-              "no error");
-    ASSERT_EQ(errorOf(call(reader, QStringLiteral("RequestResource"),
-                           {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
-              "no error");
+    ASSERT_TRUE(registersAndUsesTheLamp(reader, QStringLiteral("reader")));
 
     const ClientRun status = velaPower(onTheBus({QStringLiteral("status")}));
 

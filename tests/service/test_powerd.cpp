@@ -154,11 +154,7 @@ TEST_F(Powerd, ClosedConnectionReleasesItsModulesClaimsAndFreesTheName)
     QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
     {
         QDBusConnection reader = m_bus.connect(QStringLiteral("reader"));
-        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RegisterModule"), {QStringLiteral("reader"), QVariantMap()})),
-                  "no error");
-        ASSERT_EQ(errorOf(call(reader, QStringLiteral("RequestResource"),
-                               {QStringLiteral("lamp"), QStringLiteral("use"), QVariantMap()})),
-                  "no error");
+        ASSERT_TRUE(registersAndUsesTheLamp(reader, QStringLiteral("reader")));
         ASSERT_EQ(fileText(m_attribute), QStringLiteral("80"));
     }
     QDBusConnection::disconnectFromBus(QStringLiteral("reader"));
@@ -989,15 +985,24 @@ void waitForTheQueue(QDBusConnection& observer)
               "no error");
 }
 
+// `count` client processes of modules `prefix`0, `prefix`1, ... that use
+// the lamp in `mode`.
+::testing::AssertionResult startClients(const QString& address, const QString& prefix, int count, const QString& mode,
+                                        std::vector<std::unique_ptr<ClientProcess>>* processes)
+{
+    for (int index = 0; index < count; ++index) {
+        processes->push_back(std::make_unique<ClientProcess>());
+        if (!processes->back()->start(address, prefix + QString::number(index), mode))
+            return ::testing::AssertionFailure() << "client " << index << " did not start";
+    }
+    return ::testing::AssertionSuccess();
+}
+
 TEST_F(Powerd, ClientProcessesKilledWhileTheyHoldClaimsLeaveNoClaim)
 {
     constexpr int clients = 10;
     std::vector<std::unique_ptr<ClientProcess>> processes;
-    for (int index = 0; index < clients; ++index) {
-        processes.push_back(std::make_unique<ClientProcess>());
-        ASSERT_TRUE(
-            processes.back()->start(m_bus.address(), QStringLiteral("user%1").arg(index), QStringLiteral("answered")));
-    }
+    ASSERT_TRUE(startClients(m_bus.address(), QStringLiteral("user"), clients, QStringLiteral("answered"), &processes));
     for (const auto& process : processes)
         ASSERT_EQ(process->nextLine(), QStringLiteral("answered"));
     QDBusConnection observer = m_bus.connect(QStringLiteral("observer"));
@@ -1067,13 +1072,8 @@ TEST_F(PowerdBusyWithASwitch, ClientProcessKilledWhileItsRequestIsQueuedLeavesNo
 
 TEST_F(PowerdBusyWithASwitch, ClientProcessesThatCallAndDieAtOnceLeaveNoClaim)
 {
-    constexpr int clients = 20;
     std::vector<std::unique_ptr<ClientProcess>> processes;
-    for (int index = 0; index < clients; ++index) {
-        processes.push_back(std::make_unique<ClientProcess>());
-        ASSERT_TRUE(
-            processes.back()->start(m_bus.address(), QStringLiteral("hasty%1").arg(index), QStringLiteral("vanish")));
-    }
+    ASSERT_TRUE(startClients(m_bus.address(), QStringLiteral("hasty"), 20, QStringLiteral("vanish"), &processes));
     for (const auto& process : processes) {
         ASSERT_TRUE(process->waitForEnd());
         ASSERT_TRUE(m_bus.waitForNoOwner(process->uniqueName(), callTimeoutMs));
