@@ -1,8 +1,8 @@
 #include "monitorservice.h"
 
+#include "connectionwatch.h"
+
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 
 const char* const MonitorService::objectPath = "/org/vela/Power1/Monitor";
 const QDBusConnection::RegisterOptions MonitorService::exported =
@@ -33,22 +33,7 @@ void MonitorService::Subscribe()
     }
     m_subscribers.insert(subscriber);
     m_watcher.addWatchedService(subscriber);
-    checkStillThere(subscriber);
-}
-
-void MonitorService::checkStillThere(const QString& subscriber)
-{
-    QDBusMessage question =
-        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-                                       QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
-    question << subscriber;
-    auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(question), this);
-    connect(answer, &QDBusPendingCallWatcher::finished, this, [this, subscriber](QDBusPendingCallWatcher* watcher) {
-        const QDBusPendingReply<bool> reply = *watcher;
-        watcher->deleteLater();
-        if (reply.isValid() && !reply.value())
-            forget(subscriber);
-    });
+    ifAlreadyGone(m_bus, subscriber, this, [this, subscriber]() { forget(subscriber); });
 }
 
 void MonitorService::Unsubscribe()

@@ -53,9 +53,6 @@ signals:
 
 private:
     void forget(const QString& subscriber);
-    // A subscriber that went before it was watched would stay: the bus is
-    // asked whether it is still there.
-    void checkStillThere(const QString& subscriber);
 
     QDBusConnection m_bus;
     QSet<QString> m_subscribers;

@@ -1,5 +1,6 @@
 #include "powermanagerservice.h"
 
+#include "connectionwatch.h"
 #include "dbusnames.h"
 #include "graphfile.h"
 #include "platformcall.h"
@@ -198,27 +199,13 @@ PowerManagerService::~PowerManagerService()
         CMRootWorker::instance()->unregisterInvokeHandler(path);
 }
 
-/*
- * The watcher sees a connection go only from when it watches it: a caller
- * that went between its call and now would keep its claims. So each new
- * watch is followed by a question to the bus, and "no owner" counts as gone.
- */
+// Watched once; see ifAlreadyGone() for the caller that went before.
 void PowerManagerService::watchCaller(const QString& caller)
 {
     if (m_callers.watchedServices().contains(caller))
         return;
     m_callers.addWatchedService(caller);
-    QDBusMessage question =
-        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-                                       QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
-    question << caller;
-    auto* answer = new QDBusPendingCallWatcher(m_bus.asyncCall(question), this);
-    connect(answer, &QDBusPendingCallWatcher::finished, this, [this, caller](QDBusPendingCallWatcher* watcher) {
-        const QDBusPendingReply<bool> reply = *watcher;
-        watcher->deleteLater();
-        if (reply.isValid() && !reply.value())
-            callerGone(caller);
-    });
+    ifAlreadyGone(m_bus, caller, this, [this, caller]() { callerGone(caller); });
 }
 
 // Releases every hold and use of the modules `caller` registered, through
